@@ -1,0 +1,68 @@
+//===-- olutil/olInetPlatformUtils.h - Linux interface queries ----*- C++ -*-===//
+//
+// Family: Addressing.
+//
+// The Linux machinery behind DtInetDevice and the interface scans of
+// DtInetUtils: SIOCGIF* queries of ioctl by interface name, and readers of
+// /proc/net/if_inet6, /proc/net/igmp and /proc/net/igmp6. The readers take the
+// path as an argument so that the parsing can be exercised on prepared text.
+// Meant for the addressing layer itself; applications use DtInetDevice.
+//
+// Threads: no shared state; any thread. Note that /proc/net follows the
+// network namespace of the process's main thread, ioctl that of the caller.
+//
+//===----------------------------------------------------------------------===//
+#ifndef OLUTIL_OLINETPLATFORMUTILS_H
+#define OLUTIL_OLINETPLATFORMUTILS_H
+
+#include <vector>
+
+#include <net/if.h>
+#include <netinet/in.h>
+
+#include <olutil/olInetAddrUtils.h>
+
+class DtInetPlatformUtils
+{
+public:
+   static char const* const theIfInet6Path;  ///< "/proc/net/if_inet6"
+   static char const* const theIgmpPath;     ///< "/proc/net/igmp"
+   static char const* const theIgmp6Path;    ///< "/proc/net/igmp6"
+
+   /// Result of the /proc readers.
+   enum DtProcReadStatus
+   {
+      DtProcReadOk = 0,
+      DtProcReadCannotOpen = 1,
+      DtProcReadParseError = 2,  ///< a line did not give every field
+      DtProcReadNoMemory = 3
+   };
+
+   /// Runs one SIOCGIF* request for interface `name` on `socket`, `out`
+   /// receiving the answer. False when the request fails.
+   static bool queryInterface(int socket, unsigned long request, char const* name, ifreq& out);
+
+   /// Number of lines of a file, counted in reads of at most 1024 bytes; -1 if
+   /// it cannot be opened.
+   static int countLines(char const* path);
+
+   /// Reads /proc/net/if_inet6-style lines into at most `capacity` records.
+   /// `count` receives the number filled.
+   static DtProcReadStatus readIfInet6(char const* path, ifreq_in6* records, unsigned int capacity,
+                                       unsigned int& count);
+
+   /// Group values (network order) listed under interface `ifIndex` in a
+   /// /proc/net/igmp-style file, all-hosts left out. The group column is read
+   /// with "\t%04X", so only its first four hex digits count.
+   static DtProcReadStatus readIgmpGroups(char const* path, int ifIndex,
+                                          std::vector<unsigned int>& groups);
+
+   /// Groups listed for interface `ifIndex` in a /proc/net/igmp6-style file.
+   static DtProcReadStatus readIgmp6Groups(char const* path, int ifIndex,
+                                           std::vector<in6_addr>& groups);
+
+private:
+   DtInetPlatformUtils() = delete;
+};
+
+#endif  // OLUTIL_OLINETPLATFORMUTILS_H
