@@ -1,0 +1,210 @@
+// Tests of the wire-order number classes.
+#include <olutil/olUtil.h>
+
+#include <array>
+#include <cstring>
+#include <type_traits>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+template <typename T>
+std::array<unsigned char, sizeof(T)> bytesOf(T const& value)
+{
+   std::array<unsigned char, sizeof(T)> bytes;
+   std::memcpy(bytes.data(), &value, sizeof(T));
+   return bytes;
+}
+
+// Each test runs under a chosen order and leaves the process order as it was.
+class ByteOrder : public ::testing::Test
+{
+protected:
+   void SetUp() override { mySaved = DtNetworkByteOrdering(); }
+   void TearDown() override { DtSetNetworkByteOrdering(mySaved); }
+
+private:
+   DtNetworkByteOrderType mySaved = DtByteOrderNetwork;
+};
+}  // namespace
+
+TEST(NetworkOrderLayout, ClassesHoldExactlyTheirStoredBytes)
+{
+   EXPECT_EQ(2u, sizeof(DtNetU16));
+   EXPECT_EQ(4u, sizeof(DtNetU32));
+   EXPECT_EQ(8u, sizeof(DtNetU64));
+   EXPECT_EQ(2u, sizeof(DtNetInt16));
+   EXPECT_EQ(4u, sizeof(DtNetInt32));
+   EXPECT_EQ(16u, sizeof(DtU128));
+   // Records made of these classes are copied to the wire as they stand.
+   EXPECT_TRUE(std::is_trivially_copyable<DtNetU32>::value);
+   EXPECT_TRUE(std::is_trivially_copyable<DtNetU64>::value);
+   EXPECT_FALSE(std::is_polymorphic<DtNetU16>::value);
+}
+
+TEST(NetworkOrderGlobals, InitialValues)
+{
+   EXPECT_EQ(DtByteOrderNetwork, DtNetworkByteOrder);
+   EXPECT_EQ(4, DtVariableArraySizeLength);
+}
+
+TEST_F(ByteOrder, SetterAndDirectAssignmentAreBothSeen)
+{
+   DtSetNetworkByteOrdering(DtByteOrderMachine);
+   EXPECT_EQ(DtByteOrderMachine, DtNetworkByteOrdering());
+   DtNetworkByteOrder = DtByteOrderNetwork;
+   EXPECT_EQ(DtByteOrderNetwork, DtNetworkByteOrdering());
+}
+
+TEST_F(ByteOrder, DefaultsAreZero)
+{
+   for (auto order : {DtByteOrderNetwork, DtByteOrderMachine})
+   {
+      DtSetNetworkByteOrdering(order);
+      EXPECT_EQ(0u, static_cast<unsigned short>(DtNetU16()));
+      EXPECT_EQ(0u, static_cast<unsigned int>(DtNetU32()));
+      EXPECT_EQ(0ul, static_cast<unsigned long>(DtNetU64()));
+      EXPECT_EQ(0, static_cast<short>(DtNetInt16()));
+      EXPECT_EQ(0, static_cast<int>(DtNetInt32()));
+   }
+}
+
+TEST_F(ByteOrder, NetworkOrderStoresBigEndian)
+{
+   DtSetNetworkByteOrdering(DtByteOrderNetwork);
+
+   DtNetU32 one;
+   one = 1u;
+   EXPECT_EQ((std::array<unsigned char, 4>{0, 0, 0, 1}), bytesOf(one));
+   EXPECT_EQ(1u, static_cast<unsigned int>(one));
+
+   DtNetU16 port(static_cast<unsigned short>(0x1234));
+   EXPECT_EQ((std::array<unsigned char, 2>{0x12, 0x34}), bytesOf(port));
+   EXPECT_EQ(0x1234, static_cast<unsigned short>(port));
+
+   DtNetU64 big;
+   big = 0x0102030405060708ul;
+   EXPECT_EQ((std::array<unsigned char, 8>{1, 2, 3, 4, 5, 6, 7, 8}), bytesOf(big));
+   EXPECT_EQ(0x0102030405060708ul, static_cast<unsigned long>(big));
+
+   DtNetInt16 minusTwo(static_cast<short>(-2));
+   EXPECT_EQ((std::array<unsigned char, 2>{0xff, 0xfe}), bytesOf(minusTwo));
+   EXPECT_EQ(-2, static_cast<short>(minusTwo));
+
+   DtNetInt32 negative;
+   negative = -0x01020304;
+   EXPECT_EQ((std::array<unsigned char, 4>{0xfe, 0xfd, 0xfc, 0xfc}), bytesOf(negative));
+   EXPECT_EQ(-0x01020304, static_cast<int>(negative));
+}
+
+TEST_F(ByteOrder, MachineOrderStoresTheMachinesBytes)
+{
+   DtSetNetworkByteOrdering(DtByteOrderMachine);
+
+   unsigned int const value32 = 0x01020304u;
+   DtNetU32 n32(value32);
+   EXPECT_EQ(bytesOf(value32), bytesOf(n32));
+   EXPECT_EQ(value32, static_cast<unsigned int>(n32));
+
+   unsigned short const value16 = 0xabcd;
+   DtNetU16 n16(value16);
+   EXPECT_EQ(bytesOf(value16), bytesOf(n16));
+
+   // Low half first: the whole is the machine's own 64-bit form.
+   unsigned long const value64 = 0x0102030405060708ul;
+   DtNetU64 n64(value64);
+   EXPECT_EQ(bytesOf(value64), bytesOf(n64));
+   EXPECT_EQ(value64, static_cast<unsigned long>(n64));
+
+   int const valueInt = -5;
+   DtNetInt32 nInt(valueInt);
+   EXPECT_EQ(bytesOf(valueInt), bytesOf(nInt));
+   EXPECT_EQ(-5, static_cast<int>(nInt));
+}
+
+TEST_F(ByteOrder, AnyValueOtherThanOneMeansMachineOrder)
+{
+   DtSetNetworkByteOrdering(static_cast<DtNetworkByteOrderType>(7));
+   unsigned int const value = 0x11223344u;
+   DtNetU32 n(value);
+   EXPECT_EQ(bytesOf(value), bytesOf(n));
+}
+
+TEST_F(ByteOrder, OrderIsConsultedOnEveryAccess)
+{
+   // Written under one order and read under the other, a number comes back
+   // byte-swapped: nothing converts the values already stored.
+   DtSetNetworkByteOrdering(DtByteOrderNetwork);
+   DtNetU32 n32(0x01020304u);
+   DtNetU16 n16(static_cast<unsigned short>(0x0102));
+   DtNetU64 n64(0x0102030405060708ul);
+   DtSetNetworkByteOrdering(DtByteOrderMachine);
+   EXPECT_EQ(0x04030201u, static_cast<unsigned int>(n32));
+   EXPECT_EQ(0x0201u, static_cast<unsigned short>(n16));
+   EXPECT_EQ(0x0807060504030201ul, static_cast<unsigned long>(n64));
+   DtSetNetworkByteOrdering(DtByteOrderNetwork);
+   EXPECT_EQ(0x01020304u, static_cast<unsigned int>(n32));
+}
+
+TEST_F(ByteOrder, RoundTripsAtTheEdgesUnderBothOrders)
+{
+   for (auto order : {DtByteOrderNetwork, DtByteOrderMachine})
+   {
+      SCOPED_TRACE(order);
+      DtSetNetworkByteOrdering(order);
+      for (unsigned long value :
+           {0ul, 1ul, 0xfffffffful, 0x100000000ul, ~0ul, 0x8000000000000000ul})
+      {
+         SCOPED_TRACE(value);
+         DtNetU64 n(value);
+         EXPECT_EQ(value, static_cast<unsigned long>(n));
+      }
+      for (int value : {0, 1, -1, 2147483647, -2147483647 - 1})
+      {
+         SCOPED_TRACE(value);
+         DtNetInt32 n(value);
+         EXPECT_EQ(value, static_cast<int>(n));
+      }
+      for (short value : {short(0), short(-1), short(32767), short(-32768)})
+      {
+         SCOPED_TRACE(value);
+         DtNetInt16 n(value);
+         EXPECT_EQ(value, static_cast<short>(n));
+      }
+      DtNetU16 max(static_cast<unsigned short>(0xffff));
+      EXPECT_EQ(0xffffu, static_cast<unsigned short>(max));
+   }
+}
+
+TEST_F(ByteOrder, CopiesKeepTheStoredBytes)
+{
+   DtSetNetworkByteOrdering(DtByteOrderNetwork);
+   DtNetU32 a(0xdeadbeefu);
+   DtNetU32 b(a);
+   DtNetU32 c;
+   c = a;
+   EXPECT_EQ(bytesOf(a), bytesOf(b));
+   EXPECT_EQ(bytesOf(a), bytesOf(c));
+
+   // A record is read from a wire buffer as it stands.
+   unsigned char const wire[4] = {0, 0, 1, 0};
+   DtNetU32 fromWire;
+   std::memcpy(&fromWire, wire, sizeof(wire));
+   EXPECT_EQ(256u, static_cast<unsigned int>(fromWire));
+}
+
+TEST(U128, ConstructionAndAssignment)
+{
+   DtU128 low(42ul);
+   EXPECT_EQ(0ul, low.high);
+   EXPECT_EQ(42ul, low.low);
+
+   DtU128 both(1ul, 2ul);
+   DtU128 copy;
+   copy = both;
+   EXPECT_EQ(1ul, copy.high);
+   EXPECT_EQ(2ul, copy.low);
+   EXPECT_TRUE(copy == both);
+   EXPECT_TRUE(copy != low);
+}

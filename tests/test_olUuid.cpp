@@ -1,0 +1,201 @@
+// Tests of the 16-byte unique identifier.
+#include <olutil/olUuid.h>
+
+#include <olutil/olPrint.h>
+
+#include <cctype>
+#include <cstring>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+// Gathers what a stream prints, for the length of one test.
+class CapturePrinter : public DtPrinter
+{
+public:
+   explicit CapturePrinter(DtOutputStream& stream) : myStream(stream)
+   {
+      myStream.detachPrinter(&DtStandardOutConsole);
+      myStream.attachPrinter(this);
+   }
+   ~CapturePrinter() override
+   {
+      myStream.detachPrinter(this);
+      myStream.attachPrinter(&DtStandardOutConsole);
+   }
+   void write(std::string const& text, int, bool) override { myText += text; }
+   std::string const& text() const { return myText; }
+
+private:
+   DtOutputStream& myStream;
+   std::string myText;
+};
+
+std::string textOf(DtOstUuid const& uuid)
+{
+   DtString text;
+   uuid.getString(text);
+   return text.c_str();
+}
+
+bool isNull(DtOstUuid const& uuid)
+{
+   unsigned char const zero[16] = {};
+   return std::memcmp(uuid.data(), zero, sizeof(zero)) == 0;
+}
+
+char const* const theKnownText = "00112233-4455-6677-8899-aabbccddeeff";
+}  // namespace
+
+TEST(Uuid, DefaultIsNullAndEqualToNullUuid)
+{
+   DtOstUuid a;
+   DtOstUuid b;
+   EXPECT_TRUE(isNull(a));
+   EXPECT_TRUE(a == b);
+   EXPECT_FALSE(a != b);
+   EXPECT_TRUE(a == DtOstUuid::nullUuid());
+   EXPECT_EQ(&DtOstUuid::nullUuid(), &DtOstUuid::nullUuid());
+   EXPECT_EQ("00000000-0000-0000-0000-000000000000", textOf(a));
+   EXPECT_EQ(1, DtOstUuid::octetBoundary());
+}
+
+TEST(Uuid, GeneratedIdentifiersDifferAndAreVersioned)
+{
+   std::set<std::string> seen;
+   for (int i = 0; i < 64; ++i)
+   {
+      DtOstUuid id;
+      id.generateUniqueId();
+      EXPECT_FALSE(id == DtOstUuid::nullUuid());
+      std::string const text = textOf(id);
+      ASSERT_EQ(36u, text.size());
+      // Variant bits 10x in byte 8, as every RFC 4122 identifier has.
+      EXPECT_EQ(0x80, id.data()[8] & 0xc0) << text;
+      seen.insert(text);
+   }
+   EXPECT_EQ(64u, seen.size());
+}
+
+TEST(Uuid, TextRoundTrip)
+{
+   DtOstUuid id;
+   id.setDataString(theKnownText);
+   unsigned char const expected[16] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
+                                       0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff};
+   EXPECT_EQ(0, std::memcmp(expected, id.data(), 16));
+   EXPECT_EQ(theKnownText, textOf(id));
+
+   DtOstUuid upper;
+   upper.setDataString("00112233-4455-6677-8899-AABBCCDDEEFF");
+   EXPECT_TRUE(upper == id) << "upper-case text parses to the same bytes";
+
+   DtOstUuid generated;
+   generated.generateUniqueId();
+   DtOstUuid parsed;
+   parsed.setDataString(DtString(textOf(generated).c_str()));
+   EXPECT_TRUE(parsed == generated);
+}
+
+TEST(Uuid, BadTextWarnsAndKeepsTheValue)
+{
+   char const* const badTexts[] = {
+       "",
+       "not a uuid",
+       "00112233-4455-6677-8899-aabbccddeef",    // one digit short
+       "00112233-4455-6677-8899-aabbccddeeff0",  // one digit long
+       "00112233+4455-6677-8899-aabbccddeeff",   // wrong separator
+       "0011223g-4455-6677-8899-aabbccddeeff",   // not hexadecimal
+       "001122334455667788990aabbccddeeff0000",  // no separators
+   };
+   for (char const* bad : badTexts)
+   {
+      SCOPED_TRACE(bad);
+      CapturePrinter capture(DtWarn);
+      DtOstUuid id;
+      id.setDataString(theKnownText);
+      id.setDataString(bad);
+      EXPECT_EQ(theKnownText, textOf(id));
+      EXPECT_EQ(std::string("Failed to convert ") + bad + " to a UUID.\n", capture.text());
+   }
+}
+
+TEST(Uuid, EmptyTextWarnsAndLeavesTheNullValue)
+{
+   CapturePrinter capture(DtWarn);
+   DtOstUuid id;
+   id.setDataString(DtString());
+   EXPECT_TRUE(isNull(id));
+   EXPECT_EQ("Failed to convert  to a UUID.\n", capture.text());
+}
+
+TEST(Uuid, SetDataCopiesSixteenBytes)
+{
+   char bytes[17];
+   for (int i = 0; i < 17; ++i)
+   {
+      bytes[i] = static_cast<char>(i + 1);
+   }
+   DtOstUuid id;
+   id.setData(bytes);
+   EXPECT_EQ(0, std::memcmp(bytes, id.data(), 16));
+   EXPECT_EQ("01020304-0506-0708-090a-0b0c0d0e0f10", textOf(id));
+}
+
+TEST(Uuid, CopyAndAssignment)
+{
+   DtOstUuid a;
+   a.generateUniqueId();
+   DtOstUuid b(a);
+   EXPECT_TRUE(a == b);
+   DtOstUuid c;
+   c = a;
+   EXPECT_TRUE(c == a);
+   c = c;
+   EXPECT_TRUE(c == a);
+   c.generateUniqueId();
+   EXPECT_TRUE(c != a);
+   EXPECT_TRUE(b == a) << "copies are independent";
+}
+
+TEST(Uuid, OrderingIsByteWise)
+{
+   DtOstUuid low;
+   low.setDataString("00000000-0000-0000-0000-0000000000ff");
+   DtOstUuid high;
+   high.setDataString("01000000-0000-0000-0000-000000000000");
+   EXPECT_TRUE(low < high);
+   EXPECT_FALSE(high < low);
+   EXPECT_FALSE(low < low);
+   EXPECT_TRUE(DtOstUuid::nullUuid() < low);
+}
+
+TEST(Uuid, PrintForms)
+{
+   DtOstUuid id;
+   id.setDataString(theKnownText);
+
+   std::ostringstream stream;
+   stream << id;
+   EXPECT_EQ(theKnownText, stream.str());
+
+   std::ostringstream direct;
+   id.printDataToStream(direct);
+   EXPECT_EQ(theKnownText, direct.str());
+
+   {
+      CapturePrinter capture(DtInfo);
+      id.print();
+      EXPECT_EQ(std::string("UUID String: ") + theKnownText + "\n", capture.text());
+   }
+   {
+      CapturePrinter capture(DtInfo);
+      id.printData();
+      DtInfo << std::flush;
+      EXPECT_EQ(theKnownText, capture.text());
+   }
+}
