@@ -89,8 +89,8 @@ public:
    virtual bool caseCompare(DtString const& other) const;
 
    virtual DtString operator+(char const* s) const;
-   // Grows to exactly the size needed, with no spare room. A null argument is
-   // the caller's fault.
+   // Grows to exactly the size needed, with no spare room. A null argument
+   // appends nothing.
    virtual DtString& operator+=(char const* s);
    virtual DtString& operator+=(DtString const& other);
 

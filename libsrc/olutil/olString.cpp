@@ -154,9 +154,10 @@ unsigned int truncateToUInt(double value)
 
 // ------------------------------------------------------------ construction
 
-DtString::DtString() : text(inlineBuffer), ownsHeap(false), capacity(theInlineSize)
+// The whole inline buffer is zeroed: copies take all of its 64 bytes, and they
+// should carry nothing left over from the stack.
+DtString::DtString() : inlineBuffer{}, text(inlineBuffer), ownsHeap(false), capacity(theInlineSize)
 {
-   inlineBuffer[0] = '\0';
 }
 
 void DtString::initFrom(char const* bytes, std::size_t n)
@@ -259,7 +260,8 @@ void DtString::setString(char const* s)
       return;
    if (!s)
    {
-      text[0] = '\0';
+      if (text)
+         text[0] = '\0';
       return;
    }
    std::size_t const need = std::strlen(s) + 1;
@@ -450,6 +452,9 @@ DtString DtString::operator+(char const* s) const
 
 DtString& DtString::operator+=(char const* s)
 {
+   // A null argument appends nothing rather than bringing the caller down.
+   if (!s)
+      return *this;
    std::size_t const n = std::strlen(s);
    if (n == 0)
       return *this;
