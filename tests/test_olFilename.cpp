@@ -2,16 +2,13 @@
 #include <olutil/olFilename.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <pwd.h>
 #include <string>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -75,11 +72,9 @@ TEST(FilenamePathRules, StripPathStaticAndMemberDiffer)
        {"/file", "file", "/file"},  // the one place where the two differ
        {"/", "", "/"},
        {"/a/b.txt", "b.txt", "b.txt"},
-       {"a/b/c", "c", "c"},
        {"//file", "file", "file"},
        {"file", "file", "file"},
        {"a/", "", ""},
-       {"", "", ""},
    };
    for (Case const& c : cases)
    {
@@ -100,8 +95,7 @@ TEST(FilenamePathRules, StripFilenameMeasuresWithTheStaticStripPath)
    };
    Case const cases[] = {
        // "/file" loses all its text: the static stripPath keeps it whole.
-       {"/a/b.txt", "/a/"}, {"a/b", "a/"}, {"a/", "a/"}, {"file", ""},
-       {"/file", ""},       {"/", ""},     {"", ""},     {"//file", "//"},
+       {"/a/b.txt", "/a/"}, {"a/", "a/"}, {"file", ""}, {"/file", ""}, {"", ""}, {"//file", "//"},
    };
    for (Case const& c : cases)
    {
@@ -113,51 +107,33 @@ TEST(FilenamePathRules, StripFilenameMeasuresWithTheStaticStripPath)
    }
 }
 
-TEST(FilenamePathRules, Extension)
+TEST(FilenamePathRules, ExtensionAndStripExtension)
 {
    struct Case
    {
       char const* name;
-      char const* expected;
+      char const* extension;
+      char const* stripped;
    };
    Case const cases[] = {
-       {"a/b.txt", "txt"}, {"a.b/c", ""},         {"a.tar.gz", "gz"},
-       {"noext", ""},      {".hidden", "hidden"}, {"dir.d/", ""},
-       {"a.", ""},         {"/file.txt", "txt"},  {"", ""},
-   };
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.name);
-      EXPECT_EQ(c.expected, str(DtFilename(c.name).extension()));
-   }
-}
-
-TEST(FilenamePathRules, StripExtension)
-{
-   struct Case
-   {
-      char const* name;
-      char const* expected;
-   };
-   Case const cases[] = {
-       {"a/b.txt", "a/b"},
-       {"a.b/c", "a.b/c"},
-       {"a.tar.gz", "a.tar"},
-       {"/a/b.c", "/a/b"},
-       {"noext", "noext"},
-       {"dir.d/", "dir.d/"},
-       {"", ""},
+       {"a/b.txt", "txt", "a/b"},
+       {"a.b/c", "", "a.b/c"},  // a dot in the directory part is no extension
+       {"a.tar.gz", "gz", "a.tar"},
+       {".hidden", "hidden", ""},
+       {"dir.d/", "", "dir.d/"},
+       {"", "", ""},
        // The directory part is taken with the static forms, which see no
        // directory in "/file.txt": the leading separator goes with it.
-       {"/file.txt", "file"},
+       {"/file.txt", "txt", "file"},
    };
    for (Case const& c : cases)
    {
       SCOPED_TRACE(c.name);
+      EXPECT_EQ(c.extension, str(DtFilename(c.name).extension()));
       DtFilename member(c.name);
       member.stripExtension();
-      EXPECT_EQ(c.expected, str(member));
-      EXPECT_EQ(c.expected, str(DtFilename::stripExtension(DtFilename(c.name))));
+      EXPECT_EQ(c.stripped, str(member));
+      EXPECT_EQ(c.stripped, str(DtFilename::stripExtension(DtFilename(c.name))));
    }
 }
 
@@ -172,9 +148,7 @@ TEST(FilenamePathRules, SetExtension)
    Case const cases[] = {
        {"a.log", "txt", "a.txt"},
        {"a.log", ".txt", "a.txt"},
-       {"dir/a", "c", "dir/a.c"},
        {"a.b/c", "d", "a.b/c.d"},
-       {"/x/y.tar.gz", "bz2", "/x/y.tar.bz2"},
        {"a.txt", "", "a."},               // the dot goes in even for no extension
        {"/file.log", "txt", "file.txt"},  // through stripExtension's static forms
    };
@@ -200,7 +174,6 @@ TEST(FilenamePathRules, AppendPrependAndCombine)
    Case const cases[] = {
        {"/a", "/x", "/x", "/x", "/x"},
        {"/a/", "x", "/a/x", "/a/x", "/a//x"},  // combine adds a separator even after one
-       {"/a", "x", "/a/x", "/a/x", "/a/x"},
        {"", "x", "x", "x", "x"},
        {"a", "", "a/", "a/", "a/"},
        {"a/b", "c/d", "a/b/c/d", "a/b/c/d", "a/b/c/d"},
@@ -220,65 +193,29 @@ TEST(FilenamePathRules, AppendPrependAndCombine)
    }
 }
 
-TEST(FilenamePathRules, PrependLeavesAnAbsoluteNameAlone)
+TEST(FilenamePathRules, AppendingANameToItself)
 {
-   DtFilename name("/abs/file");
-   name.prepend(DtFilename("dir"));
-   EXPECT_EQ("/abs/file", str(name));
+   DtFilename name("a");
+   name.append(name);
+   EXPECT_EQ("a/a", str(name));
+   name.prepend(name);
+   EXPECT_EQ("a/a/a/a", str(name));
 }
 
-TEST(FilenamePathRules, AbsoluteAndRelative)
+TEST(FilenameValue, AbsoluteSlashesAndClone)
 {
-   struct Case
-   {
-      char const* name;
-      bool absolute;
-   };
-   Case const cases[] = {{"/", true}, {"/a", true}, {"a/b", false}, {"", false}, {"./a", false}};
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.name);
-      DtFilename name(c.name);
-      EXPECT_EQ(c.absolute, name.absolute());
-      EXPECT_EQ(!c.absolute, name.relative());
-   }
-}
+   EXPECT_TRUE(DtFilename("/").absolute());
+   EXPECT_TRUE(DtFilename("").relative());
 
-TEST(FilenamePathRules, ReplaceSlashes)
-{
    DtFilename name("C:\\dir\\sub/file.txt");
    name.replaceSlashes();
    EXPECT_EQ("C:/dir/sub/file.txt", str(name));
-}
-
-TEST(FilenameValue, ConstructionAssignmentAndClone)
-{
-   EXPECT_EQ('/', DtFilename::separator());
-   EXPECT_TRUE(DtFilename::nullFilename().isEmpty());
-   EXPECT_EQ(&DtFilename::nullFilename(), &DtFilename::nullFilename());
-   EXPECT_TRUE(DtFilename().isEmpty());
-   EXPECT_TRUE(DtFilename(static_cast<char const*>(nullptr)).isEmpty());
-
-   DtFilename name("a/b.c");
-   DtString text("x/y.z");
-   name = text;
-   EXPECT_EQ("x/y.z", str(name));
-   name = "p/q";
-   EXPECT_EQ("p/q", str(name));
-   DtFilename other;
-   other = name;
-   EXPECT_EQ("p/q", str(other));
-
-   // A long name lives on the heap and survives every copy.
-   std::string const longName(200, 'n');
-   DtFilename longFile(longName.c_str());
-   DtFilename copy(longFile);
-   EXPECT_EQ(longName, str(copy));
 
    DtString const& asString = name;
    std::unique_ptr<DtString> cloned(asString.clone());
    ASSERT_NE(nullptr, dynamic_cast<DtFilename*>(cloned.get())) << "clone keeps the type";
-   EXPECT_EQ("p/q", str(*cloned));
+   EXPECT_EQ("C:/dir/sub/file.txt", str(*cloned));
+   EXPECT_TRUE(DtFilename::nullFilename().isEmpty());
 }
 
 // ---------------------------------------------------------------- the file system
@@ -297,22 +234,7 @@ TEST_F(TempDir, ExistenceAccessAndLength)
    EXPECT_FALSE(missing.isReadable());
    EXPECT_FALSE(missing.isWritable());
    EXPECT_EQ(0, missing.fileLength());
-
-   EXPECT_TRUE(DtFilename(myRoot.c_str()).exists());
    EXPECT_FALSE(DtFilename().exists());
-}
-
-TEST_F(TempDir, ReadOnlyFileIsNotWritable)
-{
-   if (geteuid() == 0)
-   {
-      GTEST_SKIP() << "root may write any file: access() can't show a read-only file";
-   }
-   writeFile(path("ro"), "x");
-   ASSERT_EQ(0, chmod(path("ro").c_str(), 0444));
-   DtFilename file(path("ro").c_str());
-   EXPECT_TRUE(file.isReadable());
-   EXPECT_FALSE(file.isWritable());
 }
 
 TEST_F(TempDir, SearchAlternatePath)
@@ -361,51 +283,39 @@ TEST_F(TempDir, MakeDirectoryMakesParentsAndRestoresTheText)
    DtFilename const name(target.c_str());
    EXPECT_TRUE(DtMakeDirectory(name));
    EXPECT_EQ(target, str(name)) << "the text is put back after the in-place cuts";
-   EXPECT_TRUE(isDirectory(path("x")));
    EXPECT_TRUE(isDirectory(path("x/y")));
    EXPECT_TRUE(isDirectory(target));
 
    // Everything exists already: no mkdir succeeds.
    EXPECT_FALSE(DtMakeDirectory(name));
-   EXPECT_EQ(target, str(name));
 
-   // One new level below existing ones is enough for true.
-   EXPECT_TRUE(DtMakeDirectory(DtFilename(path("x/y/z/w/").c_str())));
-   EXPECT_TRUE(isDirectory(path("x/y/z/w")));
+   // A backslash marks a parent too.
+   EXPECT_TRUE(DtMakeDirectory(DtFilename(path("x/b\\c").c_str())));
+   EXPECT_TRUE(isDirectory(path("x/b")));
 
    struct stat status;
    ASSERT_EQ(0, stat(target.c_str(), &status));
    EXPECT_EQ(0u, status.st_mode & 0027) << "made with mode 0750 (less the umask)";
 
    EXPECT_FALSE(DtMakeDirectory(DtFilename()));
-}
-
-TEST_F(TempDir, MakeDirectoryFailsUnderAFile)
-{
    writeFile(path("plain"), "x");
    EXPECT_FALSE(DtMakeDirectory(DtFilename(path("plain/sub").c_str())));
-   EXPECT_FALSE(isDirectory(path("plain/sub")));
 }
 
-TEST_F(TempDir, DeleteDirectoryRemovesFilesThenTheDirectory)
+TEST_F(TempDir, DeleteDirectoryRemovesFilesButIsNotRecursive)
 {
    ASSERT_EQ(0, mkdir(path("d").c_str(), 0700));
    writeFile(path("d/a"), "1");
-   writeFile(path("d/b"), "22");
    EXPECT_TRUE(DtDeleteDirectory(DtFilename(path("d").c_str())));
    EXPECT_FALSE(DtFilename(path("d").c_str()).exists());
-
    EXPECT_FALSE(DtDeleteDirectory(DtFilename(path("d").c_str()))) << "gone already";
-}
 
-TEST_F(TempDir, DeleteDirectoryIsNotRecursive)
-{
-   ASSERT_EQ(0, mkdir(path("d").c_str(), 0700));
-   ASSERT_EQ(0, mkdir(path("d/inner").c_str(), 0700));
-   writeFile(path("d/file"), "x");
-   EXPECT_FALSE(DtDeleteDirectory(DtFilename(path("d").c_str())));
-   EXPECT_TRUE(isDirectory(path("d/inner")));
-   EXPECT_FALSE(DtFilename(path("d/file").c_str()).exists()) << "the files went all the same";
+   ASSERT_EQ(0, mkdir(path("e").c_str(), 0700));
+   ASSERT_EQ(0, mkdir(path("e/inner").c_str(), 0700));
+   writeFile(path("e/file"), "x");
+   EXPECT_FALSE(DtDeleteDirectory(DtFilename(path("e").c_str())));
+   EXPECT_TRUE(isDirectory(path("e/inner")));
+   EXPECT_FALSE(DtFilename(path("e/file").c_str()).exists()) << "the files went all the same";
 }
 
 TEST_F(TempDir, FileListHoldsEveryEntry)
@@ -414,10 +324,8 @@ TEST_F(TempDir, FileListHoldsEveryEntry)
    writeFile(path("b.txt"), "");
    ASSERT_EQ(0, mkdir(path("c").c_str(), 0700));
 
-   std::vector<DtFilename> const list =
-       DtGetFileListFromDirectory(DtString(myRoot.c_str()), DtString("*.txt"));
    std::vector<std::string> names;
-   for (DtFilename const& f : list)
+   for (DtFilename const& f : DtGetFileListFromDirectory(DtString(myRoot.c_str()), "*.txt"))
    {
       names.push_back(str(f));
    }
@@ -428,30 +336,10 @@ TEST_F(TempDir, FileListHoldsEveryEntry)
    EXPECT_TRUE(DtGetFileListFromDirectory(DtString(path("none").c_str()), DtString()).empty());
 }
 
-TEST_F(TempDir, FileOpenAndClose)
+TEST(FilenameDirectories, ConfigurationDirectoryIsUnderTheHome)
 {
-   std::string const name = path("f");
-   FILE* out = DtFileOpen(name.c_str(), "w");
-   ASSERT_NE(nullptr, out);
-   std::fputs("hello", out);
-   EXPECT_EQ(0, DtFileClose(out));
-   EXPECT_EQ(5, DtFilename(name.c_str()).fileLength());
-
-   EXPECT_EQ(nullptr, DtFileOpen(path("none/f").c_str(), "r"));
-   EXPECT_EQ(EOF, DtFileClose(nullptr));
-}
-
-TEST(FilenameDirectories, WorkingTemporaryAndHomeDirectories)
-{
-   char buffer[4096];
-   ASSERT_NE(nullptr, getcwd(buffer, sizeof(buffer)));
-   EXPECT_EQ(buffer, str(DtGetCwd()));
-
-   EXPECT_EQ("/tmp/", str(DtGetTempDirectory()));
-
    struct passwd* entry = getpwuid(getuid());
    ASSERT_NE(nullptr, entry);
-   EXPECT_EQ(entry->pw_dir, str(DtGetUserHomeDirectory()));
    EXPECT_EQ(std::string(entry->pw_dir) + "/.qor", str(DtGetQorUserConfigurationDirectory()));
 }
 
@@ -512,8 +400,6 @@ TEST_F(LogDirectory, Precedence)
        {"base over home", "home", nullptr, nullptr, "base", "base/logs"},
        {"install over base", "home", nullptr, "install", "base", "install/logs"},
        {"log dir over all", "home", "log", "install", "base", "log"},
-       {"log dir alone", nullptr, "log2", nullptr, nullptr, "log2"},
-       {"install alone", nullptr, nullptr, "install2/", nullptr, "install2/logs"},
        {"empty counts as unset", "home3", "", "", "base3", "base3/logs"},
    };
    for (Case const& c : cases)
@@ -525,13 +411,9 @@ TEST_F(LogDirectory, Precedence)
          {
             unsetenv(variable);
          }
-         else if (!*relative)
-         {
-            setenv(variable, "", 1);
-         }
          else
          {
-            setenv(variable, path(relative).c_str(), 1);
+            setenv(variable, *relative ? path(relative).c_str() : "", 1);
          }
       };
       set("HOME", c.home);
@@ -539,11 +421,8 @@ TEST_F(LogDirectory, Precedence)
       set("QOR_INSTALL_DIR", c.installDir);
       set("QOR_BASE_DIR", c.baseDir);
 
-      DtFilename const directory = DtGetQorLogDirectory();
-      EXPECT_EQ(path(c.expected), str(directory));
-      EXPECT_TRUE(isDirectory(path(c.expected))) << "made when missing";
-      // Asked again, the directory exists and the answer is the same.
       EXPECT_EQ(path(c.expected), str(DtGetQorLogDirectory()));
+      EXPECT_TRUE(isDirectory(path(c.expected))) << "made when missing";
    }
 }
 
@@ -568,6 +447,7 @@ TEST_F(LogDirectory, WithoutTheVariablesThePasswordDatabaseHasTheHome)
    ASSERT_NE(-1, child);
    if (child == 0)
    {
+      alarm(30);  // the child never outlives a hung look-up
       int status = 2;
       if (setgid(gid) == 0 && setuid(uid) == 0)
       {
@@ -577,7 +457,7 @@ TEST_F(LogDirectory, WithoutTheVariablesThePasswordDatabaseHasTheHome)
    }
    int status = 0;
    ASSERT_EQ(child, waitpid(child, &status, 0));
-   ASSERT_TRUE(WIFEXITED(status));
+   ASSERT_TRUE(WIFEXITED(status)) << "the child did not finish";
    EXPECT_EQ(0, WEXITSTATUS(status)) << "1: wrong directory, 2: could not change user";
    EXPECT_FALSE(DtFilename(expected.c_str()).exists());
 }

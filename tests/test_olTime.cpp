@@ -52,8 +52,6 @@ public:
    }
    double absRealTime() const override { return now; }
 
-   double startRealTime() const { return myStartRealTime; }
-   double approximateRealTimeField() const { return myApproximateRealTime; }
    bool simTimeSetField() const { return mySimTimeSet; }
    bool initialised() const { return myInitialised; }
 
@@ -89,52 +87,24 @@ protected:
 
 // ---------------------------------------------------------------- DtClock
 
-TEST(Clock, NewClockHasSimTimeZeroAndNotSet)
+TEST(Clock, NewClockReportsSimTimeNotSetUntilSet)
 {
    CapturePrinter capture(DtInfo);
-   ManualClock clock;
-   EXPECT_TRUE(clock.initialised());
-   EXPECT_FALSE(clock.simTimeSetField());
-   EXPECT_EQ(0.0, clock.simTime());
-   EXPECT_EQ(1000.0, clock.startRealTime());
-   EXPECT_EQ(0.0, clock.approximateElapsedRealTime());
+   ManualClock manual;
+   EXPECT_TRUE(manual.initialised());
+   EXPECT_FALSE(manual.simTimeSetField());
+   EXPECT_EQ(0.0, manual.simTime());
    EXPECT_EQ("", capture.text()) << "construction prints nothing";
-}
 
-TEST(Clock, IsSimTimeSetReportsTheUserErrorUntilSet)
-{
-   CapturePrinter capture(DtInfo);
    DtClock clock;
    EXPECT_FALSE(clock.isSimTimeSet());
    EXPECT_EQ(theUserErrorText, capture.text());
-
    clock.setSimTime(0.0);
    EXPECT_TRUE(clock.isSimTimeSet());
    EXPECT_EQ(theUserErrorText, capture.text()) << "nothing more is printed once set";
 }
 
-TEST(Clock, UserErrorFollowsTheNotificationLevel)
-{
-   CapturePrinter capture(DtInfo);
-   int const saved = DtNotifyLevel;
-   DtNotifyLevel = 1;
-   DtClock clock;
-   EXPECT_FALSE(clock.isSimTimeSet());
-   DtNotifyLevel = saved;
-   EXPECT_EQ("", capture.text());
-}
-
-TEST(Clock, ElapsedRealTimeCountsFromInit)
-{
-   ManualClock clock;
-   clock.now = 1012.5;
-   EXPECT_DOUBLE_EQ(12.5, clock.elapsedRealTime());
-   clock.init();
-   EXPECT_DOUBLE_EQ(0.0, clock.elapsedRealTime());
-   EXPECT_FALSE(clock.simTimeSetField()) << "init clears the set flag again";
-}
-
-TEST(Clock, ApproximateRealTimeIsSampledBySetSimTimeOnly)
+TEST(Clock, RealTimeCountsFromInitAndIsSampledBySetSimTime)
 {
    ManualClock clock;
    clock.now = 1002.0;
@@ -145,60 +115,39 @@ TEST(Clock, ApproximateRealTimeIsSampledBySetSimTimeOnly)
    EXPECT_DOUBLE_EQ(9.0, clock.elapsedRealTime());
    clock.setSimTime(51.0);
    EXPECT_DOUBLE_EQ(9.0, clock.approximateElapsedRealTime());
-   EXPECT_DOUBLE_EQ(51.0, clock.simTime());
+
+   clock.init();
+   EXPECT_DOUBLE_EQ(0.0, clock.elapsedRealTime());
+   EXPECT_FALSE(clock.simTimeSetField()) << "init clears the set flag again";
 }
 
 TEST(Clock, SimTimeCanStandInForApproximateRealTime)
 {
    ManualClock clock;
-   EXPECT_FALSE(clock.useSimTimeForApproxRealTime());
    clock.setUseSimTimeForApproxRealTime();
    EXPECT_TRUE(clock.useSimTimeForApproxRealTime());
    clock.now = 1100.0;
    clock.setSimTime(12.25);
    EXPECT_EQ(12.25, clock.approximateElapsedRealTime());
 
-   clock.clearUseSimTimeForApproxRealTime();
-   EXPECT_FALSE(clock.useSimTimeForApproxRealTime());
-   clock.setSimTime(13.0);
-   EXPECT_DOUBLE_EQ(100.0, clock.approximateElapsedRealTime());
-}
-
-TEST(Clock, CopyAndAssignmentTakeAllFields)
-{
-   ManualClock source;
-   source.setUseSimTimeForApproxRealTime();
-   source.setSimTime(7.0);
-
-   DtClock copy(source);
-   EXPECT_EQ(7.0, copy.simTime());
+   DtClock copy(clock);
    EXPECT_TRUE(copy.useSimTimeForApproxRealTime());
-   EXPECT_EQ(7.0, copy.approximateElapsedRealTime());
+   EXPECT_EQ(12.25, copy.approximateElapsedRealTime());
    EXPECT_TRUE(copy.isSimTimeSet());
 
-   DtClock assigned;
-   assigned = source;
-   EXPECT_EQ(7.0, assigned.simTime());
-   EXPECT_TRUE(assigned.isSimTimeSet());
+   clock.clearUseSimTimeForApproxRealTime();
+   clock.setSimTime(13.0);
+   EXPECT_DOUBLE_EQ(100.0, clock.approximateElapsedRealTime());
 }
 
 TEST(Clock, AbsRealTimeIsSecondsSinceTheEpoch)
 {
    std::time_t const before = std::time(nullptr);
-   double const clockTime = DtClock().absRealTime();
-   double const freeTime = DtAbsRealTime();
+   double const now = DtAbsRealTime();
    std::time_t const after = std::time(nullptr);
    // Whole seconds from time() bracket the clock's reading.
-   EXPECT_GE(clockTime, static_cast<double>(before));
-   EXPECT_LT(clockTime, static_cast<double>(after) + 1.0);
-   EXPECT_GE(freeTime, clockTime);
-   EXPECT_LT(freeTime, static_cast<double>(after) + 1.0);
-}
-
-TEST(Clock, HourConstants)
-{
-   EXPECT_EQ(3600.0, DtClock::hour2sec);
-   EXPECT_DOUBLE_EQ(1.0, DtClock::hour2sec * DtClock::sec2hour);
+   EXPECT_GE(now, static_cast<double>(before));
+   EXPECT_LT(now, static_cast<double>(after) + 1.0);
 }
 
 // ---------------------------------------------------------------- global clock
@@ -206,43 +155,30 @@ TEST(Clock, HourConstants)
 TEST_F(NoGlobalClock, FunctionsAnswerQuietlyBeforeTimeInit)
 {
    CapturePrinter capture(DtInfo);
-   EXPECT_EQ(0.0, DtGetSimTime());
    DtSetSimTime(5.0);
    EXPECT_EQ(0.0, DtGetSimTime());
    EXPECT_FALSE(DtIsSimTimeSet());
    EXPECT_EQ(0.0, DtGetElapsedRealTime());
    EXPECT_EQ(0.0, DtGetApproximateElapsedRealTime());
-   EXPECT_GT(DtAbsRealTime(), 0.0) << "needs no global clock";
    EXPECT_EQ(nullptr, DtObsoleteGlobalClock);
    EXPECT_EQ("", capture.text());
 }
 
-TEST_F(NoGlobalClock, TimeInitMakesOneClock)
+TEST_F(NoGlobalClock, FunctionsUseTheOneClockAfterTimeInit)
 {
    DtTimeInit();
    DtClock* const clock = DtObsoleteGlobalClock;
    ASSERT_NE(nullptr, clock);
    DtTimeInit();
    EXPECT_EQ(clock, DtObsoleteGlobalClock) << "a second call keeps the clock";
-}
 
-TEST_F(NoGlobalClock, FunctionsUseTheClockAfterTimeInit)
-{
-   DtTimeInit();
    CapturePrinter capture(DtInfo);
    EXPECT_FALSE(DtIsSimTimeSet());
    EXPECT_EQ(theUserErrorText, capture.text());
-
-   DtSetSimTime(0.0);
-   EXPECT_TRUE(DtIsSimTimeSet());
    DtSetSimTime(42.5);
+   EXPECT_TRUE(DtIsSimTimeSet());
    EXPECT_EQ(42.5, DtGetSimTime());
    EXPECT_GE(DtGetElapsedRealTime(), DtGetApproximateElapsedRealTime());
-
-   DtObsoleteGlobalClock->setUseSimTimeForApproxRealTime();
-   DtSetSimTime(43.0);
-   EXPECT_EQ(43.0, DtGetApproximateElapsedRealTime());
-   EXPECT_EQ(theUserErrorText, capture.text());
 }
 
 // ---------------------------------------------------------------- DtNetTimeStamp
@@ -272,17 +208,9 @@ TEST_F(TimeStamp, RoundTripsWithinTheHour)
    };
    // One step of the stamp is 3600 / 2^31 seconds, about 1.7 microseconds.
    Case const cases[] = {
-       {0.0, 0.0},
-       {0.5, 0.5},
-       {1800.0, 1800.0},
-       {3599.999, 3599.999},
-       {3600.0, 0.0},
-       {3600.5, 0.5},
-       {7210.0, 10.0},
-       {86400.0 + 12.75, 12.75},
-       {1.7e9, std::fmod(1.7e9, 3600.0)},
+       {0.0, 0.0},     {3599.999, 3599.999}, {3600.0, 0.0},
+       {3600.5, 0.5},  {7210.0, 10.0},       {1.7e9, std::fmod(1.7e9, 3600.0)},
        {-0.5, 3599.5},
-       {-3600.0, 0.0},
    };
    for (bool dis5 : {false, true})
    {
@@ -298,18 +226,7 @@ TEST_F(TimeStamp, RoundTripsWithinTheHour)
    }
 }
 
-TEST_F(TimeStamp, ValueIsTheHourFractionShiftedLeftByOne)
-{
-   DtNetTimeStamp half(1800.0, DtTimeStampClear);
-   EXPECT_EQ(0x80000000u, static_cast<unsigned int>(half));
-
-   DtNetTimeStamp::setTimeStampDis5Increments(true);
-   DtNetTimeStamp halfDis5(1800.0, DtTimeStampSet);
-   // 0.5 * (2^31 - 1) truncates to 2^30 - 1.
-   EXPECT_EQ((1073741823u << 1) | 1u, static_cast<unsigned int>(halfDis5));
-}
-
-TEST_F(TimeStamp, IsStoredInNetworkOrder)
+TEST_F(TimeStamp, ValueIsTheHourFractionShiftedLeftByOneInNetworkOrder)
 {
    DtNetworkByteOrderType const saved = DtNetworkByteOrdering();
    DtSetNetworkByteOrdering(DtByteOrderNetwork);
@@ -319,13 +236,17 @@ TEST_F(TimeStamp, IsStoredInNetworkOrder)
    DtSetNetworkByteOrdering(saved);
    EXPECT_EQ(4u, sizeof(DtNetTimeStamp));
    EXPECT_EQ((std::array<unsigned char, 4>{0x80, 0, 0, 1}), bytes);
+
+   DtNetTimeStamp::setTimeStampDis5Increments(true);
+   DtNetTimeStamp halfDis5(1800.0, DtTimeStampSet);
+   // 0.5 * (2^31 - 1) truncates to 2^30 - 1.
+   EXPECT_EQ((1073741823u << 1) | 1u, static_cast<unsigned int>(halfDis5));
 }
 
 TEST_F(TimeStamp, TypeBit)
 {
    DtNetTimeStamp stamp(100.0, DtTimeStampSet);
    EXPECT_EQ(DtTimeStampSet, stamp.type());
-   EXPECT_EQ(1u, static_cast<unsigned int>(stamp) & 1u);
 
    stamp.setTime(200.0);
    EXPECT_EQ(DtTimeStampSet, stamp.type()) << "setTime keeps the type bit";
@@ -335,13 +256,9 @@ TEST_F(TimeStamp, TypeBit)
    EXPECT_EQ(DtTimeStampClear, stamp.type());
    EXPECT_NEAR(200.0, stamp.time(), 1e-5) << "setType keeps the time";
 
-   stamp.setTime(300.0);
-   EXPECT_EQ(DtTimeStampClear, stamp.type());
-
+   stamp.setType(DtTimeStampSet);
    stamp.setType(static_cast<DtTimeStampType>(5));
    EXPECT_EQ(DtTimeStampClear, stamp.type()) << "only 1 sets the bit";
-   EXPECT_EQ(DtTimeStampAbsolute, DtTimeStampSet);
-   EXPECT_EQ(DtTimeStampRelative, DtTimeStampClear);
 }
 
 TEST_F(TimeStamp, NonFiniteTimesCountAsTheHoursStart)
@@ -351,13 +268,4 @@ TEST_F(TimeStamp, NonFiniteTimesCountAsTheHoursStart)
    EXPECT_EQ(DtTimeStampSet, stamp.type());
    stamp.setTime(std::numeric_limits<double>::infinity());
    EXPECT_EQ(0.0, stamp.time());
-}
-
-TEST_F(TimeStamp, DefaultIsZeroAndRawAssignmentWorks)
-{
-   DtNetTimeStamp stamp;
-   EXPECT_EQ(0u, static_cast<unsigned int>(stamp));
-   stamp = 0x80000001u;
-   EXPECT_EQ(DtTimeStampSet, stamp.type());
-   EXPECT_NEAR(1800.0, stamp.time(), 1e-9);
 }

@@ -87,6 +87,12 @@ DtFilename& DtFilename::append(DtFilename const& other)
       *this = other;
       return *this;
    }
+   if (&other == this)
+   {
+      // Appending a name to itself: the separator added below would
+      // otherwise show up in the appended copy as well.
+      return append(DtFilename(other));
+   }
    char const* text = textOf(*this);
    std::size_t const length = std::strlen(text);
    if (length > 0 && text[length - 1] != separator())
@@ -288,6 +294,13 @@ DtFilename const& DtFilename::nullFilename()
    return theNullFilename;
 }
 
+namespace
+{
+// Makes the shared empty name during start-up, before any thread of the
+// application can ask for it.
+DtFilename const& theStartupNullFilename = DtFilename::nullFilename();
+}  // namespace
+
 // ---------------------------------------------------------------- free functions
 
 FILE* DtFileOpen(char const* name, char const* mode)
@@ -305,7 +318,9 @@ bool DtMakeDirectory(DtFilename const& path)
    // The text is cut in place at each separator, so that every parent is made
    // from the caller's own buffer, and the byte is restored at once.
    char* text = const_cast<char*>(path.c_str());
-   if (!text)
+   // An empty name makes nothing; returning early also keeps the shared
+   // nullFilename() from being written while other threads read it.
+   if (!text || !*text)
    {
       return false;
    }

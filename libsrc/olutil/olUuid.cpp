@@ -77,7 +77,8 @@ void DtOstUuid::setDataString(DtString const& text)
       std::memcpy(myBytes, parsed, sizeof(myBytes));
       return;
    }
-   DtWarn << "Failed to convert " << (chars ? chars : "") << " to a UUID." << std::endl;
+   // No end of line: the warning is these three pieces and nothing more.
+   DtWarn << "Failed to convert " << (chars ? chars : "") << " to a UUID.";
 }
 
 void DtOstUuid::getString(DtString& text) const
