@@ -220,6 +220,10 @@ TEST(DtInetUtilsTextTest, HostAndPacketSize)
    EXPECT_EQ(DtInetUtils::getMaxPacketBufferSize(), 65504);
    DtInetUtils::setMaxPacketBufferSize(1500);
    EXPECT_EQ(DtInetUtils::getMaxPacketBufferSize(), 1500);
+   // Receive buffers are made with this size: nothing below one byte is taken.
+   DtInetUtils::setMaxPacketBufferSize(0);
+   DtInetUtils::setMaxPacketBufferSize(-1);
+   EXPECT_EQ(DtInetUtils::getMaxPacketBufferSize(), 1500);
    DtInetUtils::setMaxPacketBufferSize(65504);
    DtInetUtils::initHostNetworkLayer();
 }

@@ -368,6 +368,19 @@ TEST_F(InetDeviceNetnsTest, InterfaceThatVanishesGivesAFailedDevice)
    close(query);
 }
 
+// Runs in a death-test child: exits 0 when the table comes back with `records`
+// records, 1 otherwise; the alarm ends a child whose table never grows.
+void fetchInChild(int query, unsigned int size, unsigned int multiplier, int records)
+{
+   alarm(10);
+   ifconf table;
+   memset(&table, 0, sizeof table);
+   DtString error;
+   int result = DtInetUtils::fetchDeviceInfo(DtInetUtils::DtInetFamilyIPv4, query, &table, size,
+                                             multiplier, error);
+   _exit(result == 0 && table.ifc_len == records * 40 ? 0 : 1);
+}
+
 // Plain namespaces for the table growth: lo plus one or two IPv4 interfaces.
 TEST(InetDeviceTableTest, IfconfTableGrowsByTrial)
 {
@@ -413,6 +426,20 @@ TEST(InetDeviceTableTest, IfconfTableGrowsByTrial)
       EXPECT_EQ(table.ifc_len, step.records * 40);
       EXPECT_NE(DtInetUtils::findInterfaceByName("lo", query, &table), nullptr);
       DtInetUtils::freeDeviceInfo(&table);
+   }
+
+   // A starting size or multiplier of 0 still grows to the whole table (lo,
+   // olta0, oltb0) instead of asking for nothing forever. Run in a child with
+   // an alarm, so that a table that never grows ends the child, not the test.
+   struct
+   {
+      unsigned int size, multiplier;
+   } const degenerate[] = {{0, 3}, {40, 0}, {0, 0}};
+   for (auto const& start : degenerate)
+   {
+      SCOPED_TRACE(start.size * 10 + start.multiplier);
+      EXPECT_EXIT(fetchInChild(query, start.size, start.multiplier, 3),
+                  ::testing::ExitedWithCode(0), "");
    }
 
    // A query on something that is not a socket fails with the documented reset.
@@ -482,6 +509,17 @@ TEST_F(ProcReaderTest, IfInet6Lines)
    EXPECT_EQ(records[0].ifr6_addr.s6_addr[15], 0x01);
    EXPECT_EQ(records[0].ifr6_prefixlen, 64u);
    EXPECT_EQ(records[1].ifr6_scope, 0x20u);
+   // The name field holds the name and zeros behind it, even after a longer
+   // name on an earlier line.
+   std::string shorter = write(
+       "20010db8000000000000000000000001 03 40 00 80    averyverylongnam\n"
+       "20010db8000000000000000000000002 04 40 00 80    ab\n");
+   ASSERT_EQ(DtInetPlatformUtils::readIfInet6(shorter.c_str(), records, 4, count),
+             DtInetPlatformUtils::DtProcReadOk);
+   ASSERT_EQ(count, 2u);
+   EXPECT_EQ(std::string(records[1].ifr6_name, IFNAMSIZ),
+             std::string("ab") + std::string(IFNAMSIZ - 2, '\0'));
+
    // Capacity bounds the reading.
    EXPECT_EQ(DtInetPlatformUtils::readIfInet6(good.c_str(), records, 1, count),
              DtInetPlatformUtils::DtProcReadOk);

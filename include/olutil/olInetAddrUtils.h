@@ -149,7 +149,8 @@ public:
 
    /// Fills `table` with the kernel's 40-byte interface records (SIOCGIFCONF),
    /// growing the buffer by trial: size *= multiplier until the answer is
-   /// shorter than the buffer. Returns 0 on success; otherwise the table is
+   /// shorter than the buffer, each size rounded up to whole records (at least
+   /// one). Returns 0 on success; otherwise the table is
    /// empty, `error` holds the text, size is 40 and multiplier 3 again. Release
    /// the table with freeDeviceInfo.
    static int fetchDeviceInfo(DtInetAddrFamily family, int socket, ifconf* table,
@@ -171,7 +172,8 @@ public:
    static DtString getLocalHostname();
 
    /// The process-wide largest packet size, initially 65504. Set it before
-   /// opening sockets: each reads it when it makes a receive buffer.
+   /// opening sockets: each reads it when it makes a receive buffer. A size
+   /// below 1 is refused and leaves the value as it was.
    static void setMaxPacketBufferSize(int size);
    static int getMaxPacketBufferSize();
 

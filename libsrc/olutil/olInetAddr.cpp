@@ -337,12 +337,15 @@ DtInetAddr* DtInetAddr::getBroadcastAddr()
       unsigned int value = myAddress->to_v4().to_uint();
       *myBroadcastAddr = DtInetAddr(value | ~myNetmask, myNetmask);
    }
-   else if (!myBroadcastAddr || !myBroadcastAddr->isIPv6())
+   else if (!myBroadcastAddr)
    {
-      // Made once; an IPv4 leftover from before an assignment is replaced.
-      delete myBroadcastAddr;
-      myBroadcastAddr = nullptr;
       myBroadcastAddr = new DtInetAddr("FF02::1", nullptr);
+   }
+   else if (!myBroadcastAddr->isIPv6())
+   {
+      // An IPv4 leftover from before an assignment is overwritten in place:
+      // callers may still hold the pointer handed out earlier.
+      *myBroadcastAddr = DtInetAddr("FF02::1", nullptr);
    }
    return myBroadcastAddr;
 }

@@ -174,7 +174,11 @@ int DtInetUtils::fetchDeviceInfo(DtInetAddrFamily, int socket, ifconf* table, un
       if (size <= theLargestTable / (multiplier ? multiplier : 1))
       {
          size *= multiplier;
-         buffer = new (std::nothrow) char[size ? size : 1];
+         // Whole records, at least one: a zero size would never grow, and a
+         // partial record at the end would look like a table that fitted.
+         size = size < theIfreqSize ? theIfreqSize
+                                    : (size + theIfreqSize - 1) / theIfreqSize * theIfreqSize;
+         buffer = new (std::nothrow) char[size];
       }
       if (buffer)
       {
@@ -302,7 +306,9 @@ DtString DtInetUtils::getLocalHostname()
 
 void DtInetUtils::setMaxPacketBufferSize(int size)
 {
-   theMaxPacketBufferSize = size;
+   // Sockets size their receive buffers by it: a size below one byte is refused.
+   if (size > 0)
+      theMaxPacketBufferSize = size;
 }
 
 int DtInetUtils::getMaxPacketBufferSize()

@@ -110,7 +110,8 @@ DtInetPlatformUtils::DtProcReadStatus DtInetPlatformUtils::readIfInet6(char cons
       record.ifr6_prefixlen = static_cast<unsigned int>(strtoul(prefix, nullptr, 16));
       record.ifr6_scope = scope;
       record.ifr6_flags = flags;
-      memcpy(record.ifr6_name, name, sizeof name);
+      // Only the name: the field is NUL-filled behind it, as a kernel record is.
+      memcpy(record.ifr6_name, name, strnlen(name, sizeof record.ifr6_name - 1));
    }
    // More lines than were counted a moment ago: the table is a snapshot, keep what fits.
    return DtProcReadOk;
