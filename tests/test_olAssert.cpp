@@ -16,237 +16,116 @@ class RecordingPrinter : public DtPrinter
 public:
    void write(std::string const& text, int level, bool lineComplete) override
    {
-      texts.push_back(text);
-      levels.push_back(level);
-      complete.push_back(lineComplete);
+      lines.push_back(std::to_string(level) + (lineComplete ? " " : "+") + text);
    }
-   std::vector<std::string> texts;
-   std::vector<int> levels;
-   std::vector<bool> complete;
+   std::vector<std::string> lines;
 };
 
-struct Call
-{
-   std::string file, function, expression;
-   int line;
-};
-std::vector<Call> theCalls;
-
+std::vector<std::string> theCalls;
 void recordingHandler(char const* file, char const* function, int line, char const* expression)
 {
-   theCalls.push_back({file, function, expression, line});
+   theCalls.push_back(std::string(file) + "|" + function + "|" + std::to_string(line) + "|" +
+                      expression);
 }
 
-// Every test starts from the library's start-up state and leaves it so: the fatal
-// reaction, level 2, and DtWarn recorded instead of printed.
+// Starts from the fatal reaction and level 2, with DtWarn recorded instead of printed.
 class AssertTest : public ::testing::Test
 {
 protected:
-   void SetUp() override
-   {
-      theCalls.clear();
-      savedLevel_ = DtNotifyLevel;
-      DtNotifyLevel = 2;
-      DtSetOstrelPrinter(&printer);
-   }
+   void SetUp() override { DtSetOstrelPrinter(&printer); }
    void TearDown() override
    {
       DtAssert::fatal();
-      DtNotifyLevel = savedLevel_;
+      DtNotifyLevel = 2;
       DtSetOstrelPrinter(&DtStandardOutConsole);
+   }
+   // Runs `body`; the pointer an assertion threw, or null.
+   template <typename Body>
+   std::unique_ptr<DtException> thrownBy(Body body)
+   {
+      try
+      {
+         body();
+      }
+      catch (DtException* e)
+      {
+         return std::unique_ptr<DtException>(e);
+      }
+      catch (...)
+      {
+         ADD_FAILURE() << "something else than a DtException* was thrown";
+      }
+      return nullptr;
    }
 
    RecordingPrinter printer;
-
-private:
-   int savedLevel_ = 2;
 };
-
-int theEvaluations = 0;
-bool countedFalse()
-{
-   ++theEvaluations;
-   return false;
-}
 }  // namespace
 
 static int theFailingLine = 0;
-
 static void failingFunction(int value)
 {
    theFailingLine = __LINE__ + 1;
    DtAssertCheck(value > 10);
 }
 
-TEST_F(AssertTest, FatalIsTheStartingReaction)
+TEST_F(AssertTest, DefaultHandlersPrintOnWarnAndFatalThrowsAPointer)
 {
    // TearDown of every test restores it, so this holds whatever ran before.
    EXPECT_EQ(DtAssert::getAssertFunction(), &DtAssert::defaultFatal);
-   EXPECT_EQ(DtAssert::theAssertFunction, &DtAssert::defaultFatal);
+   std::string const line = "1 DtAssert `x > 0` Failed in `void f()` [file.cpp:12]\n";
+   DtAssert::defaultNonFatal("file.cpp", "void f()", 12, "x > 0");
+   EXPECT_EQ(printer.lines, std::vector<std::string>{line});
+
+   auto e = thrownBy([] { DtAssert::defaultFatal("file.cpp", "void f()", 12, "x > 0"); });
+   ASSERT_NE(e, nullptr);
+   EXPECT_STREQ(e->message(), "Assert");
+   EXPECT_EQ(std::string(e->where().c_str()), "void f() [file.cpp:12] ");
+   EXPECT_EQ(e->lastException(), nullptr);
+   EXPECT_EQ(printer.lines, (std::vector<std::string>{line, line}));
+
+   DtNotifyLevel = 0;  // hides the line, but still throws
+   EXPECT_NE(thrownBy([] { DtAssert::defaultFatal("a.cpp", "g", 1, "false"); }), nullptr);
+   EXPECT_EQ(printer.lines.size(), 2u);
 }
 
-TEST_F(AssertTest, ModesSelectTheHandler)
+TEST_F(AssertTest, MacroInTheThreeModes)
 {
    DtAssert::warn();
    EXPECT_EQ(DtAssert::getAssertFunction(), &DtAssert::defaultNonFatal);
-   DtAssert::ignore();
-   EXPECT_EQ(DtAssert::getAssertFunction(), nullptr);
-   DtAssert::fatal();
-   EXPECT_EQ(DtAssert::getAssertFunction(), &DtAssert::defaultFatal);
-   DtAssert::setAssertFunction(recordingHandler);
-   EXPECT_EQ(DtAssert::getAssertFunction(), &recordingHandler);
-   DtAssert::setAssertFunction(nullptr);
-   EXPECT_EQ(DtAssert::getAssertFunction(), nullptr);
-}
-
-TEST_F(AssertTest, NonFatalWritesOneLineOnWarnAndReturns)
-{
-   DtAssert::defaultNonFatal("file.cpp", "void f()", 12, "x > 0");
-   ASSERT_EQ(printer.texts.size(), 1u);
-   EXPECT_EQ(printer.texts[0], "DtAssert `x > 0` Failed in `void f()` [file.cpp:12]\n");
-   EXPECT_EQ(printer.levels[0], 1);  // DtWarn, not DtFatal
-   EXPECT_TRUE(printer.complete[0]);
-}
-
-TEST_F(AssertTest, FatalWritesTheSameLineAndThrowsAHeapException)
-{
-   try
-   {
-      DtAssert::defaultFatal("file.cpp", "void f()", 12, "x > 0");
-      FAIL() << "nothing was thrown";
-   }
-   catch (DtException* raw)
-   {
-      std::unique_ptr<DtException> e(raw);
-      EXPECT_STREQ(e->message(), "Assert");
-      EXPECT_EQ(std::string(e->where().c_str()), "void f() [file.cpp:12] ");
-      EXPECT_EQ(e->lastException(), nullptr);
-   }
-   ASSERT_EQ(printer.texts.size(), 1u);
-   EXPECT_EQ(printer.texts[0], "DtAssert `x > 0` Failed in `void f()` [file.cpp:12]\n");
-   EXPECT_EQ(printer.levels[0], 1);
-}
-
-TEST_F(AssertTest, FatalThrowIsNotCaughtAsAValue)
-{
-   bool caughtByValue = false;
-   DtException* caught = nullptr;
-   try
-   {
-      try
-      {
-         DtAssert::defaultFatal("a.cpp", "g", 1, "false");
-      }
-      catch (DtException const&)
-      {
-         caughtByValue = true;
-      }
-   }
-   catch (DtException* e)
-   {
-      caught = e;
-   }
-   EXPECT_FALSE(caughtByValue);
-   ASSERT_NE(caught, nullptr);
-   delete caught;
-}
-
-TEST_F(AssertTest, FatalThrowsEvenWhenTheLevelHidesTheLine)
-{
-   DtNotifyLevel = 0;
-   DtException* caught = nullptr;
-   try
-   {
-      DtAssert::defaultFatal("a.cpp", "g", 1, "false");
-   }
-   catch (DtException* e)
-   {
-      caught = e;
-   }
-   EXPECT_TRUE(printer.texts.empty());
-   ASSERT_NE(caught, nullptr);
-   delete caught;
-}
-
-TEST_F(AssertTest, NullPiecesPrintAsEmptyAndLeaveWarnUsable)
-{
-   DtAssert::defaultNonFatal(nullptr, nullptr, -3, nullptr);
-   ASSERT_EQ(printer.texts.size(), 1u);
-   EXPECT_EQ(printer.texts[0], "DtAssert `` Failed in `` [:-3]\n");
-   EXPECT_TRUE(DtWarn.good());
-}
-
-TEST_F(AssertTest, MacroWithWarnPrintsAndGoesOn)
-{
-   DtAssert::warn();
    failingFunction(3);
-   ASSERT_EQ(printer.texts.size(), 1u);
-   EXPECT_EQ(printer.texts[0],
-             "DtAssert `value > 10` Failed in `void failingFunction(int)` "
-             "[test_olAssert.cpp:" +
-                 std::to_string(theFailingLine) + "]\n");
    failingFunction(11);
-   EXPECT_EQ(printer.texts.size(), 1u);
-}
+   std::string const at = "[test_olAssert.cpp:" + std::to_string(theFailingLine) + "]";
+   EXPECT_EQ(printer.lines,
+             std::vector<std::string>{
+                 "1 DtAssert `value > 10` Failed in `void failingFunction(int)` " + at + "\n"});
+   DtAssert::fatal();
+   auto e = thrownBy([] { failingFunction(0); });
+   ASSERT_NE(e, nullptr);
+   EXPECT_STREQ(e->message(), "Assert");
+   EXPECT_EQ(std::string(e->where().c_str()), "void failingFunction(int) " + at + " ");
 
-TEST_F(AssertTest, MacroWithFatalThrows)
-{
-   DtException* caught = nullptr;
-   try
-   {
-      failingFunction(0);
-   }
-   catch (DtException* e)
-   {
-      caught = e;
-   }
-   ASSERT_NE(caught, nullptr);
-   EXPECT_STREQ(caught->message(), "Assert");
-   EXPECT_EQ(std::string(caught->where().c_str()), "void failingFunction(int) [test_olAssert.cpp:" +
-                                                       std::to_string(theFailingLine) + "] ");
-   delete caught;
-   EXPECT_EQ(printer.texts.size(), 1u);
-}
-
-TEST_F(AssertTest, MacroWithIgnoreDoesNothing)
-{
    DtAssert::ignore();
-   EXPECT_NO_THROW(failingFunction(0));
-   EXPECT_TRUE(printer.texts.empty());
+   EXPECT_EQ(DtAssert::getAssertFunction(), nullptr);
+   EXPECT_EQ(thrownBy([] { failingFunction(0); }), nullptr);
+   EXPECT_EQ(printer.lines.size(), 2u);
 }
 
-TEST_F(AssertTest, MacroPassesItsArgumentsInTheHandlersOrder)
+TEST_F(AssertTest, MacroPassesItsArgumentsInOrderAndEvaluatesOnce)
 {
+   theCalls.clear();
    DtAssert::setAssertFunction(recordingHandler);
+   EXPECT_EQ(DtAssert::theAssertFunction, &recordingHandler);
    int line = __LINE__ + 1;
    DtAssertCheck(1 + 1 == 3);
    ASSERT_EQ(theCalls.size(), 1u);
-   EXPECT_EQ(theCalls[0].file, "test_olAssert.cpp");
-   EXPECT_NE(theCalls[0].function.find("MacroPassesItsArgumentsInTheHandlersOrder"),
-             std::string::npos);
-   EXPECT_EQ(theCalls[0].line, line);
-   EXPECT_EQ(theCalls[0].expression, "1 + 1 == 3");
-}
-
-TEST_F(AssertTest, MacroEvaluatesItsConditionOnce)
-{
-   DtAssert::setAssertFunction(recordingHandler);
-   theEvaluations = 0;
-   DtAssertCheck(countedFalse());
-   EXPECT_EQ(theEvaluations, 1);
-   EXPECT_EQ(theCalls.size(), 1u);
-
-   DtAssert::ignore();
-   DtAssertCheck(countedFalse());
-   EXPECT_EQ(theEvaluations, 2);
-}
-
-TEST_F(AssertTest, MacroIsOneStatement)
-{
-   DtAssert::setAssertFunction(recordingHandler);
-   if (theCalls.empty())
-      DtAssertCheck(false);
+   EXPECT_EQ(theCalls[0], "test_olAssert.cpp|" + std::string(__PRETTY_FUNCTION__) + "|" +
+                              std::to_string(line) + "|1 + 1 == 3");
+   int evaluations = 0;
+   if (evaluations == 0)
+      DtAssertCheck(++evaluations == 0);
    else
       FAIL() << "the macro swallowed the else";
-   EXPECT_EQ(theCalls.size(), 1u);
+   EXPECT_EQ(evaluations, 1);
+   EXPECT_EQ(theCalls.size(), 2u);
 }

@@ -11,6 +11,7 @@
 #ifndef OLUTIL_OLEXCEPTIONS_H
 #define OLUTIL_OLEXCEPTIONS_H
 
+#include <olutil/olFilename.h>
 #include <olutil/olString.h>
 
 #include <ostream>
@@ -47,9 +48,9 @@ public:
    virtual DtString where() const;
 
 private:
-   DtString whereText_;
-   DtString whatText_;
-   DtException* last_;
+   DtString whereText;
+   DtString whatText;
+   DtException* last;
 };
 
 // Writes the exception and then each of its causes, newest first, one a line:
@@ -118,8 +119,8 @@ struct DtExceptionPrefix<1004>
    static constexpr char const* text = "DtThreadWouldDeadlock: ";
 };
 
-// The bare file name of a source path: what follows its last '/'. Used for the file
-// of a raised exception, where the build's directories would only be noise.
+// The bare file name of a source path: what follows its last '/'. Usable at compile
+// time; DtAssertCheck reports its file with it.
 constexpr char const* DtSourceFileName(char const* path)
 {
    char const* name = path;
@@ -153,17 +154,17 @@ DtString DtExceptionText(std::string const& message)
 
 // Throws DtTemplatedException<code> by value, its text the code's prefix and `message`
 // (a char const* or a DtString), its location the raising function's full signature,
-// the bare source file name and the line.
+// the source file name as the static DtFilename::stripPath gives it, and the line.
 //    DtThrowException(1001, "Thread already running.");
-#define DtThrowException(code, message)                                                          \
-   throw DtTemplatedException<(code)>(DtExceptionText<(code)>(message).c_str(),                  \
-                                      __PRETTY_FUNCTION__, DtSourceFileName(__FILE__), __LINE__, \
-                                      nullptr)
+#define DtThrowException(code, message)                               \
+   throw DtTemplatedException<(code)>(                                \
+       DtExceptionText<(code)>(message).c_str(), __PRETTY_FUNCTION__, \
+       DtFilename::stripPath(DtFilename(__FILE__)).c_str(), __LINE__, nullptr)
 
 // As DtThrowException, with `cause` (a DtException const*) copied as the cause.
-#define DtThrowChainedException(code, message, cause)                                            \
-   throw DtTemplatedException<(code)>(DtExceptionText<(code)>(message).c_str(),                  \
-                                      __PRETTY_FUNCTION__, DtSourceFileName(__FILE__), __LINE__, \
-                                      (cause))
+#define DtThrowChainedException(code, message, cause)                 \
+   throw DtTemplatedException<(code)>(                                \
+       DtExceptionText<(code)>(message).c_str(), __PRETTY_FUNCTION__, \
+       DtFilename::stripPath(DtFilename(__FILE__)).c_str(), __LINE__, (cause))
 
 #endif // OLUTIL_OLEXCEPTIONS_H

@@ -46,7 +46,7 @@ public:
    void write(std::string const& text, int level, bool lineComplete) override;
 
 private:
-   DtMutex mutex_;
+   DtMutex mutex;
 };
 
 // Writes to std::cerr and flushes. Thread safe.
@@ -56,7 +56,7 @@ public:
    void write(std::string const& text, int level, bool lineComplete) override;
 
 private:
-   DtMutex mutex_;
+   DtMutex mutex;
 };
 
 // Writes to a file, optionally stamping complete lines with the local time as
@@ -92,15 +92,15 @@ public:
    virtual void cacheFilename(std::string const& name);
 
 protected:
-   DtMutex mutex_;
-   bool printTimestamps_ = false;
-   std::time_t fileStartTime_ = 0;
-   std::uint32_t rollCount_ = 0;
-   std::uint32_t rollIntervalSeconds_ = 0;
-   std::string fullName_;
-   std::string namePrefix_;
-   std::string nameSuffix_;
-   std::ofstream file_;
+   DtMutex mutex;
+   bool printTimestamps = false;
+   std::time_t fileStartTime = 0;
+   std::uint32_t rollCount = 0;
+   std::uint32_t rollIntervalSeconds = 0;
+   std::string fullName;
+   std::string namePrefix;
+   std::string nameSuffix;
+   std::ofstream file;
 
 private:
    void openLocked(char const* name);
@@ -113,7 +113,8 @@ class DtOutputStream;
 // arrives in overflow(), where the stream's level is tested character by character:
 // characters that fail the test are dropped for good. A newline hands the gathered
 // line to the stream with lineComplete true; sync() hands over a partial line with
-// lineComplete false.
+// lineComplete false. Shared by every thread that writes to its stream: its mutex
+// guards the one pending line, and is held while the line goes to the printers.
 class DtOutputStreamBuffer : public std::basic_streambuf<char>
 {
 public:
@@ -131,9 +132,9 @@ protected:
    int_type overflow(int_type c) override;
 
 private:
-   std::string line_;
-   DtMutex mutex_;
-   DtOutputStream* stream_ = nullptr;
+   std::string line;
+   DtMutex mutex;
+   DtOutputStream* stream = nullptr;
 };
 
 // A notification stream: a std::ostream that prints through any number of printers
@@ -178,12 +179,12 @@ public:
    virtual void operator()(char const* format, ...);
 
 private:
-   DtOutputStreamBuffer* buffer_;
-   DtMutex streamMutex_;
-   std::vector<DtPrinter*> printers_;
-   DtMutex printersMutex_;
+   DtOutputStreamBuffer* buffer;
+   DtMutex streamMutex;
+   std::vector<DtPrinter*> printers;
+   DtMutex printersMutex;
    int threshold_;
-   int& notifyLevel_;
+   int& notifyLevel;
 };
 
 extern DtStdoutPrinter DtStandardOutConsole;

@@ -27,12 +27,12 @@ DtException* copyChain(DtException const* cause)
 }
 }  // namespace
 
-DtException::DtException(char const* what, DtException const* last) : last_(copyChain(last))
+DtException::DtException(char const* what, DtException const* cause) : last(copyChain(cause))
 {
    try
    {
       if (what)
-         whatText_ = what;
+         whatText = what;
    }
    catch (...)
    {
@@ -42,21 +42,21 @@ DtException::DtException(char const* what, DtException const* last) : last_(copy
 }
 
 DtException::DtException(char const* what, char const* function, char const* file,
-                         unsigned int line, DtException const* last)
-    : last_(copyChain(last))
+                         unsigned int line, DtException const* cause)
+    : last(copyChain(cause))
 {
    try
    {
       if (what)
-         whatText_ = what;
+         whatText = what;
       if (function)
-         whereText_ = function;
-      whereText_ += " [";
+         whereText = function;
+      whereText += " [";
       if (file)
-         whereText_ += file;
-      whereText_ += ":";
+         whereText += file;
+      whereText += ":";
       // The final blank is part of the location text; readers rely on it.
-      whereText_ += (std::to_string(line) + "] ").c_str();
+      whereText += (std::to_string(line) + "] ").c_str();
    }
    catch (...)
    {
@@ -67,12 +67,12 @@ DtException::DtException(char const* what, char const* function, char const* fil
    }
 }
 
-DtException::DtException(DtException const& other) : last_(copyChain(other.last_))
+DtException::DtException(DtException const& other) : last(copyChain(other.last))
 {
    try
    {
-      whereText_ = other.whereText_;
-      whatText_ = other.whatText_;
+      whereText = other.whereText;
+      whatText = other.whatText;
    }
    catch (...)
    {
@@ -86,31 +86,31 @@ DtException& DtException::operator=(DtException const& other)
    if (this == &other)
       return *this;
    // Copy the chain before letting go of ours: `other` may belong to our own chain.
-   DtException* chain = copyChain(other.last_);
+   DtException* chain = copyChain(other.last);
    try
    {
-      whereText_ = other.whereText_;
-      whatText_ = other.whatText_;
+      whereText = other.whereText;
+      whatText = other.whatText;
    }
    catch (...)
    {
       std::cerr << "Error Creating DtException, could not produce valid error string: "
                 << std::endl;
    }
-   delete last_;
-   last_ = chain;
+   delete last;
+   last = chain;
    return *this;
 }
 
 DtException::~DtException()
 {
-   delete last_;
-   last_ = nullptr;
+   delete last;
+   last = nullptr;
 }
 
 DtException const* DtException::lastException() const
 {
-   return last_;
+   return last;
 }
 
 DtException const* DtException::initialException() const
@@ -123,17 +123,17 @@ DtException const* DtException::initialException() const
 
 char const* DtException::message() const
 {
-   return whatText_.c_str();
+   return whatText.c_str();
 }
 
 DtString DtException::what() const
 {
-   return whatText_;
+   return whatText;
 }
 
 DtString DtException::where() const
 {
-   return whereText_;
+   return whereText;
 }
 
 std::ostream& operator<<(std::ostream& out, DtException const& exception)

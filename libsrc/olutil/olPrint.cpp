@@ -68,14 +68,14 @@ DtPrinter::~DtPrinter() = default;
 
 void DtStdoutPrinter::write(std::string const& text, int, bool)
 {
-   DtScopedLock lock(mutex_);
+   DtScopedLock lock(mutex);
    std::cout << text;
    std::cout.flush();
 }
 
 void DtStderrPrinter::write(std::string const& text, int, bool)
 {
-   DtScopedLock lock(mutex_);
+   DtScopedLock lock(mutex);
    std::cerr << text;
    std::cerr.flush();
 }
@@ -84,77 +84,77 @@ DtFilePrinter::DtFilePrinter() = default;
 
 DtFilePrinter::DtFilePrinter(char const* name)
 {
-   DtScopedLock lock(mutex_);
+   DtScopedLock lock(mutex);
    if (name)
       openLocked(name);
 }
 
 DtFilePrinter::~DtFilePrinter()
 {
-   DtScopedLock lock(mutex_);
-   if (file_.is_open())
-      file_.close();
+   DtScopedLock lock(mutex);
+   if (file.is_open())
+      file.close();
 }
 
 void DtFilePrinter::openLocked(char const* name)
 {
-   file_.open(name, std::ios::out | std::ios::trunc);
-   fileStartTime_ = std::time(nullptr);
+   file.open(name, std::ios::out | std::ios::trunc);
+   fileStartTime = std::time(nullptr);
    cacheFilename(name);
 }
 
 void DtFilePrinter::setPrintTimestamps(bool on)
 {
-   printTimestamps_ = on;
+   printTimestamps = on;
 }
 
 void DtFilePrinter::setLogRollingInterval(unsigned int seconds)
 {
-   rollIntervalSeconds_ = seconds;
+   rollIntervalSeconds = seconds;
 }
 
 bool DtFilePrinter::isOpen()
 {
-   DtScopedLock lock(mutex_);
-   return file_.is_open();
+   DtScopedLock lock(mutex);
+   return file.is_open();
 }
 
 void DtFilePrinter::resetFile(char const* name)
 {
    if (!name)
       return;
-   DtScopedLock lock(mutex_);
+   DtScopedLock lock(mutex);
    if (isOpen())
-      file_.close();
+      file.close();
    // A failed close leaves the stream's error state set; the new file starts clean.
-   file_.clear();
+   file.clear();
    openLocked(name);
-   rollCount_ = 0;
+   rollCount = 0;
 }
 
 void DtFilePrinter::cacheFilename(std::string const& name)
 {
-   fullName_ = name;
-   namePrefix_ = name;
-   nameSuffix_.clear();
+   fullName = name;
+   namePrefix = name;
+   nameSuffix.clear();
    std::string::size_type dot = name.rfind('.');
    if (dot != std::string::npos)
    {
-      namePrefix_ = name.substr(0, dot);
-      nameSuffix_ = name.substr(dot);
+      namePrefix = name.substr(0, dot);
+      nameSuffix = name.substr(dot);
    }
 }
 
 void DtFilePrinter::rollLocked(std::time_t now)
 {
-   file_.close();
-   file_.clear();
-   ++rollCount_;
-   std::string rolledName = namePrefix_ + "_" + std::to_string(rollCount_) + nameSuffix_;
+   file.close();
+   file.clear();
+   ++rollCount;
+   std::string rolledName = namePrefix + "_" + std::to_string(rollCount) + nameSuffix;
    // A failed rename only means the old text is overwritten; logging goes on.
-   (void)std::rename(fullName_.c_str(), rolledName.c_str());
-   file_.open(fullName_, std::ios::out | std::ios::trunc);
-   fileStartTime_ = now;
+   (void)std::rename(fullName.c_str(), rolledName.c_str());
+   file.open(fullName, std::ios::out | std::ios::trunc);
+   fileStartTime = now;
 }
 
 void DtFilePrinter::write(std::string const& text, int, bool lineComplete)
@@ -164,16 +164,16 @@ void DtFilePrinter::write(std::string const& text, int, bool lineComplete)
 
    // The whole write, roll included, holds the mutex so that two threads cannot both
    // decide to roll the same file.
-   DtScopedLock lock(mutex_);
+   DtScopedLock lock(mutex);
    std::time_t now = 0;
-   if (rollIntervalSeconds_ != 0 || (printTimestamps_ && lineComplete))
+   if (rollIntervalSeconds != 0 || (printTimestamps && lineComplete))
       now = std::time(nullptr);
 
-   if (rollIntervalSeconds_ != 0 &&
-       std::difftime(now, fileStartTime_) > static_cast<double>(rollIntervalSeconds_))
+   if (rollIntervalSeconds != 0 &&
+       std::difftime(now, fileStartTime) > static_cast<double>(rollIntervalSeconds))
       rollLocked(now);
 
-   if (printTimestamps_ && lineComplete)
+   if (printTimestamps && lineComplete)
    {
       std::tm local{};
       char stamp[64];
@@ -183,11 +183,11 @@ void DtFilePrinter::write(std::string const& text, int, bool lineComplete)
          std::size_t length = std::strlen(stamp);
          if (length > 0)
             stamp[length - 1] = '\0';  // asctime's own newline
-         file_ << '[' << stamp << "] ";
+         file << '[' << stamp << "] ";
       }
    }
-   file_ << text;
-   file_.flush();
+   file << text;
+   file.flush();
 }
 
 // ---------------------------------------------------------------- stream buffer
@@ -196,28 +196,28 @@ DtOutputStreamBuffer::DtOutputStreamBuffer() = default;
 
 DtOutputStreamBuffer::~DtOutputStreamBuffer()
 {
-   stream_ = nullptr;
+   stream = nullptr;
 }
 
-void DtOutputStreamBuffer::setOutputStream(DtOutputStream* stream)
+void DtOutputStreamBuffer::setOutputStream(DtOutputStream* outputStream)
 {
-   DtScopedLock lock(mutex_);
-   stream_ = stream;
+   DtScopedLock lock(mutex);
+   stream = outputStream;
 }
 
 DtOutputStreamBuffer::int_type DtOutputStreamBuffer::overflow(int_type c)
 {
-   DtScopedLock lock(mutex_);
+   DtScopedLock lock(mutex);
    // The level is tested for each character: what fails the test is dropped for good,
    // and nothing of it is kept for a later change of the level.
-   if (stream_ && stream_->okToPrint() && !traits_type::eq_int_type(c, traits_type::eof()))
+   if (stream && stream->okToPrint() && !traits_type::eq_int_type(c, traits_type::eof()))
    {
       char ch = traits_type::to_char_type(c);
-      line_ += ch;
+      line += ch;
       if (ch == '\n')
       {
-         stream_->write(line_, true);
-         line_.clear();
+         stream->write(line, true);
+         line.clear();
       }
    }
    // A filtered stream must still look healthy to the code inserting into it.
@@ -226,13 +226,13 @@ DtOutputStreamBuffer::int_type DtOutputStreamBuffer::overflow(int_type c)
 
 int DtOutputStreamBuffer::sync()
 {
-   if (!stream_)
+   DtScopedLock lock(mutex);
+   if (!stream)
       return -1;
-   DtScopedLock lock(mutex_);
-   if (!line_.empty())
+   if (!line.empty())
    {
-      stream_->write(line_, false);
-      line_.clear();
+      stream->write(line, false);
+      line.clear();
    }
    return 0;
 }
@@ -241,12 +241,12 @@ int DtOutputStreamBuffer::sync()
 
 DtOutputStream::DtOutputStream(DtOutputStreamBuffer* buffer, int& notifyLevel, int threshold,
                                DtPrinter* firstPrinter)
-    : std::ostream(buffer), buffer_(buffer), threshold_(threshold), notifyLevel_(notifyLevel)
+    : std::ostream(buffer), buffer(buffer), threshold_(threshold), notifyLevel(notifyLevel)
 {
    {
-      DtScopedLock lock(streamMutex_);
-      if (buffer_)
-         buffer_->setOutputStream(this);
+      DtScopedLock lock(streamMutex);
+      if (this->buffer)
+         this->buffer->setOutputStream(this);
    }
    // Every insertion ends with a flush, so each reaches the printers at once.
    setf(std::ios_base::unitbuf);
@@ -256,11 +256,11 @@ DtOutputStream::DtOutputStream(DtOutputStreamBuffer* buffer, int& notifyLevel, i
 
 DtOutputStream::~DtOutputStream()
 {
-   if (buffer_)
+   if (buffer)
    {
-      buffer_->pubsync();
+      buffer->pubsync();
       // A buffer that outlives its stream must not reach back into it.
-      buffer_->setOutputStream(nullptr);
+      buffer->setOutputStream(nullptr);
    }
 }
 
@@ -268,35 +268,35 @@ void DtOutputStream::attachPrinter(DtPrinter* printer)
 {
    if (!printer)
       return;
-   DtScopedLock lock(printersMutex_);
-   if (std::find(printers_.begin(), printers_.end(), printer) == printers_.end())
-      printers_.push_back(printer);
+   DtScopedLock lock(printersMutex);
+   if (std::find(printers.begin(), printers.end(), printer) == printers.end())
+      printers.push_back(printer);
 }
 
 bool DtOutputStream::detachPrinter(DtPrinter* printer)
 {
    if (!printer)
       return false;
-   DtScopedLock lock(printersMutex_);
-   auto found = std::find(printers_.begin(), printers_.end(), printer);
-   if (found == printers_.end())
+   DtScopedLock lock(printersMutex);
+   auto found = std::find(printers.begin(), printers.end(), printer);
+   if (found == printers.end())
       return false;
-   printers_.erase(found);
+   printers.erase(found);
    return true;
 }
 
 void DtOutputStream::detachAllPrinters()
 {
-   DtScopedLock lock(printersMutex_);
-   printers_.clear();
+   DtScopedLock lock(printersMutex);
+   printers.clear();
 }
 
 void DtOutputStream::write(std::string const& text, bool lineComplete)
 {
    if (!okToPrint())
       return;
-   DtScopedLock lock(printersMutex_);
-   for (DtPrinter* printer : printers_)
+   DtScopedLock lock(printersMutex);
+   for (DtPrinter* printer : printers)
       printer->write(text, threshold(), lineComplete);
 }
 
@@ -312,7 +312,7 @@ int DtOutputStream::threshold() const
 
 bool DtOutputStream::okToPrint() const
 {
-   return threshold() <= notifyLevel_;
+   return threshold() <= notifyLevel;
 }
 
 void DtOutputStream::operator()(char const* format, ...)
@@ -321,9 +321,9 @@ void DtOutputStream::operator()(char const* format, ...)
       return;
    {
       // A pending partial line comes out before the formatted text.
-      DtScopedLock lock(streamMutex_);
-      if (buffer_)
-         buffer_->pubsync();
+      DtScopedLock lock(streamMutex);
+      if (buffer)
+         buffer->pubsync();
    }
    if (!format)
       return;
