@@ -64,6 +64,9 @@ public:
    DtInetEndpoint(DtInetAddr const& address, unsigned short port, DtInetProtocol protocol);
    // Starts from the IPv4 any address with this port and protocol, then runs
    // hostLookup(text, port, family); test isOk() afterwards.
+   DtInetEndpoint(DtString& text, unsigned short port, DtInetProtocol protocol,
+                  DtInetUtils::DtInetAddrFamily family);
+   // The same for a constant or temporary text, which is copied first.
    DtInetEndpoint(DtString const& text, unsigned short port, DtInetProtocol protocol,
                   DtInetUtils::DtInetAddrFamily family);
 
@@ -75,11 +78,14 @@ public:
    virtual ~DtInetEndpoint();
 
    // Resolves a destination text: a local interface name, a numeric address
-   // (with a netmask or prefix), or a host name. The port argument is used when
-   // this endpoint's port is 0. A failure sets the error state and keeps the
-   // previous address.
-   virtual void hostLookup(DtString const& text, unsigned short port,
+   // (with a netmask or prefix), or a host name, which goes to the resolver as
+   // the whole text. The port argument is used when this endpoint's port is 0.
+   // A failure sets the error state and keeps the previous address. The text is
+   // only read.
+   virtual void hostLookup(DtString& text, unsigned short port,
                            DtInetUtils::DtInetAddrFamily family);
+   // The same for a constant or temporary text, which is copied first.
+   void hostLookup(DtString const& text, unsigned short port, DtInetUtils::DtInetAddrFamily family);
 
    // setAddress and setPort rebuild the Boost endpoint and the texts unless the
    // protocol is unspecified; then the cached texts stay as they were.

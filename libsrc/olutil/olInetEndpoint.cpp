@@ -113,7 +113,7 @@ DtInetEndpoint::DtInetEndpoint(DtInetAddr const& address, unsigned short port,
    initEndpoint();
 }
 
-DtInetEndpoint::DtInetEndpoint(DtString const& text, unsigned short port, DtInetProtocol protocol,
+DtInetEndpoint::DtInetEndpoint(DtString& text, unsigned short port, DtInetProtocol protocol,
                                DtInetUtils::DtInetAddrFamily family)
     : myTcpEndpoint(nullptr),
       myUdpEndpoint(nullptr),
@@ -124,6 +124,20 @@ DtInetEndpoint::DtInetEndpoint(DtString const& text, unsigned short port, DtInet
       myTextValid(false)
 {
    hostLookup(text, port, family);
+}
+
+DtInetEndpoint::DtInetEndpoint(DtString const& text, unsigned short port, DtInetProtocol protocol,
+                               DtInetUtils::DtInetAddrFamily family)
+    : myTcpEndpoint(nullptr),
+      myUdpEndpoint(nullptr),
+      myAddress(DtInetUtils::DtInetFamilyIPv4),
+      myPort(port),
+      myProtocol(protocol),
+      myError(false),
+      myTextValid(false)
+{
+   DtString copy(text);
+   hostLookup(copy, port, family);
 }
 
 DtInetEndpoint::DtInetEndpoint(DtInetEndpoint const& other)
@@ -176,6 +190,13 @@ DtInetEndpoint::~DtInetEndpoint()
 void DtInetEndpoint::hostLookup(DtString const& text, unsigned short port,
                                 DtInetUtils::DtInetAddrFamily family)
 {
+   DtString copy(text);
+   hostLookup(copy, port, family);
+}
+
+void DtInetEndpoint::hostLookup(DtString& text, unsigned short port,
+                                DtInetUtils::DtInetAddrFamily family)
+{
    if (myPort == 0)
    {
       myPort = port;
@@ -190,6 +211,8 @@ void DtInetEndpoint::hostLookup(DtString const& text, unsigned short port,
    if (kind == DtInetUtils::DtNetResLocPort)
    {
       int value = 0;
+      // A failed read gives 0, or INT_MIN for a number out of range; the latter
+      // would wrap to port 0 ("any"), so only a positive value counts.
       if (readUnconfirmed(portOrMask, value) && value > 0 && value < 65535)
       {
          myPort = static_cast<unsigned short>(value);
@@ -215,18 +238,16 @@ void DtInetEndpoint::hostLookup(DtString const& text, unsigned short port,
    }
    else if (static_cast<int>(parsed) == 0)
    {
-      // A host name. An empty one would make the resolver answer with the
-      // loopback address, which no caller means by an empty destination.
+      // A host name: the resolver gets the text as it was given, so a port or
+      // mask written after a name makes the lookup fail. An empty text asks the
+      // resolver for no host at all, which answers with a loopback address.
       std::string found;
-      std::string const name = host.stdString();
+      char const* const raw = text.c_str();
+      std::string const name = raw ? raw : "";
       std::string const service = std::to_string(myPort);
-      bool resolved = false;
-      if (!name.empty())
-      {
-         resolved = myProtocol == DtInetProtocolTcp
-                        ? resolveFirst<boost::asio::ip::tcp>(name, service, family, found)
-                        : resolveFirst<boost::asio::ip::udp>(name, service, family, found);
-      }
+      bool const resolved = myProtocol == DtInetProtocolTcp
+                                ? resolveFirst<boost::asio::ip::tcp>(name, service, family, found)
+                                : resolveFirst<boost::asio::ip::udp>(name, service, family, found);
       if (resolved)
       {
          myAddress = DtInetAddr(found.c_str(), "");
