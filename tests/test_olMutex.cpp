@@ -10,20 +10,12 @@
 namespace
 {
 
-// True when another thread can take the mutex at this moment (it releases it again).
+// True when another thread can take the mutex at this moment (it releases it again,
+// past CountingMutex's count).
 bool freeForAnotherThread(DtMutex& mutex)
 {
-   return std::async(std::launch::async,
-                     [&mutex]
-                     {
-                        if (!mutex.tryLock())
-                        {
-                           return false;
-                        }
-                        mutex.DtMutex::unlock();  // not counted by CountingMutex
-                        return true;
-                     })
-       .get();
+   auto const probe = [&mutex] { return mutex.tryLock() && (mutex.DtMutex::unlock(), true); };
+   return std::async(std::launch::async, probe).get();
 }
 
 // Counts the calls that reach the mutex through its virtual operations.
@@ -44,55 +36,11 @@ public:
    int unlocks = 0;
 };
 
-TEST(DtMutexTest, SameThreadLocksTwiceAndNeedsTwoUnlocks)
+TEST(DtMutexTest, RecursiveLockIsFreedOnlyByTheLastUnlock)
 {
    DtMutex mutex;
    mutex.lock();
-   mutex.lock();
-   EXPECT_FALSE(freeForAnotherThread(mutex));
-   mutex.unlock();
-   EXPECT_FALSE(freeForAnotherThread(mutex)) << "one level is still held";
-   mutex.unlock();
-   EXPECT_TRUE(freeForAnotherThread(mutex));
-}
-
-TEST(DtMutexTest, TryLockByTheHolderSucceeds)
-{
-   DtMutex mutex;
-   mutex.lock();
-   EXPECT_TRUE(mutex.tryLock());
-   mutex.unlock();
-   EXPECT_FALSE(freeForAnotherThread(mutex));
-   mutex.unlock();
-   EXPECT_TRUE(freeForAnotherThread(mutex));
-}
-
-TEST(DtMutexTest, TryLockFailsWhileAnotherThreadHolds)
-{
-   DtMutex mutex;
-   std::promise<void> locked;
-   std::promise<void> release;
-   std::thread holder(
-       [&]
-       {
-          mutex.lock();
-          locked.set_value();
-          release.get_future().wait();
-          mutex.unlock();
-       });
-   locked.get_future().wait();
-   EXPECT_FALSE(mutex.tryLock());
-   release.set_value();
-   holder.join();
-   EXPECT_TRUE(mutex.tryLock());
-   mutex.unlock();
-}
-
-TEST(DtMutexTest, BlockedLockProceedsAfterTheLastUnlock)
-{
-   DtMutex mutex;
-   mutex.lock();
-   mutex.lock();
+   EXPECT_TRUE(mutex.tryLock()) << "the holder may take it again";
    std::atomic<bool> acquired(false);
    std::thread waiter(
        [&]
@@ -102,113 +50,56 @@ TEST(DtMutexTest, BlockedLockProceedsAfterTheLastUnlock)
           mutex.unlock();
        });
    mutex.unlock();
+   EXPECT_FALSE(freeForAnotherThread(mutex)) << "one level is still held";
    EXPECT_FALSE(acquired.load()) << "the waiter got in while a level was still held";
    mutex.unlock();
    waiter.join();
    EXPECT_TRUE(acquired.load());
+   EXPECT_TRUE(freeForAnotherThread(mutex));
 }
 
-TEST(DtMutexTest, CopyIsAnIndependentLockAndAssignmentChangesNothing)
+TEST(DtMutexTest, CopyAndAssignmentCarryNoLockState)
 {
    DtMutex original;
    original.lock();
    DtMutex copy(original);
-   // The copy does not share the original's lock state.
+   DtMutex assigned;
+   assigned = original;
    EXPECT_TRUE(freeForAnotherThread(copy));
+   EXPECT_TRUE(freeForAnotherThread(assigned));
    EXPECT_FALSE(freeForAnotherThread(original));
-
-   DtMutex target;
-   target = original;
-   EXPECT_TRUE(freeForAnotherThread(target));
    original.unlock();
    EXPECT_TRUE(freeForAnotherThread(original));
 }
 
-TEST(DtMutexTest, CopiesInsideClassesKeepDefaultCopying)
+TEST(DtScopedLockTest, LocksOnlyOnConditionAndActsOnceHoweverOftenCalled)
 {
-   struct Guarded
+   for (bool condition : {true, false})
    {
-      int value = 0;
-      DtMutex mutex;
-   };
-   Guarded first;
-   first.value = 7;
-   first.mutex.lock();
-   Guarded second = first;
-   EXPECT_EQ(7, second.value);
-   EXPECT_TRUE(freeForAnotherThread(second.mutex));
-   first.mutex.unlock();
-}
-
-TEST(DtScopedLockTest, TrueConditionHoldsForTheScope)
-{
-   DtMutex mutex;
-   {
-      DtScopedLock lock(mutex, true);
-      EXPECT_TRUE(lock.locked());
-      EXPECT_EQ(static_cast<void const*>(&lock), static_cast<void const*>(lock));
-      EXPECT_FALSE(freeForAnotherThread(mutex));
-   }
-   EXPECT_TRUE(freeForAnotherThread(mutex));
-}
-
-TEST(DtScopedLockTest, FalseConditionHoldsNothing)
-{
-   CountingMutex mutex;
-   {
-      DtScopedLock lock(mutex, false);
-      EXPECT_FALSE(lock.locked());
-      EXPECT_EQ(nullptr, static_cast<void const*>(lock));
-      EXPECT_TRUE(freeForAnotherThread(mutex));
-   }
-   EXPECT_EQ(0, mutex.locks);
-   EXPECT_EQ(0, mutex.unlocks);
-   EXPECT_TRUE(freeForAnotherThread(mutex));
-}
-
-TEST(DtScopedLockTest, LaterLockOnAFalseConditionGuardIsReleasedAtTheEnd)
-{
-   CountingMutex mutex;
-   {
-      DtScopedLock lock(mutex, false);
-      lock.lock();
-      EXPECT_TRUE(lock.locked());
-      EXPECT_FALSE(freeForAnotherThread(mutex));
-   }
-   EXPECT_EQ(1, mutex.locks);
-   EXPECT_EQ(1, mutex.unlocks);
-   EXPECT_TRUE(freeForAnotherThread(mutex));
-}
-
-TEST(DtScopedLockTest, RepeatedLockAndUnlockActOnce)
-{
-   CountingMutex mutex;
-   {
-      DtScopedLock lock(mutex, true);
-      lock.lock();
-      lock.lock();
-      EXPECT_EQ(1, mutex.locks);
-      lock.unlock();
-      lock.unlock();
-      EXPECT_EQ(1, mutex.unlocks);
-      EXPECT_FALSE(lock.locked());
-      EXPECT_TRUE(freeForAnotherThread(mutex));
-   }
-   EXPECT_EQ(1, mutex.unlocks) << "an unlocked guard must not release at its end";
-}
-
-TEST(DtScopedLockTest, NestedGuardsOnTheSameThread)
-{
-   DtMutex mutex;
-   {
-      DtScopedLock outer(mutex, true);
+      SCOPED_TRACE(condition);
+      CountingMutex mutex;
       {
-         DtScopedLock inner(mutex, true);
-         EXPECT_TRUE(inner.locked());
+         DtScopedLock lock(mutex, condition);
+         EXPECT_EQ(condition, lock.locked());
+         EXPECT_EQ(condition ? static_cast<void const*>(&lock) : nullptr,
+                   static_cast<void const*>(lock));
+         EXPECT_EQ(!condition, freeForAnotherThread(mutex));
+         lock.lock();
+         lock.lock();
+         EXPECT_EQ(1, mutex.locks);
+         EXPECT_FALSE(freeForAnotherThread(mutex));
+         if (condition)
+         {
+            lock.unlock();
+            lock.unlock();
+            EXPECT_EQ(1, mutex.unlocks);
+            EXPECT_TRUE(freeForAnotherThread(mutex));
+         }
       }
-      EXPECT_FALSE(freeForAnotherThread(mutex));
+      // The destructor releases only what the guard still holds.
+      EXPECT_EQ(1, mutex.unlocks);
+      EXPECT_TRUE(freeForAnotherThread(mutex));
    }
-   EXPECT_TRUE(freeForAnotherThread(mutex));
 }
 
 // ---------------------------------------------------------------- sequence lock
@@ -219,94 +110,30 @@ struct Counts
    int releases = 0;
 };
 
-void countAcquire(void* object)
+TEST(DtScopedSequenceLockTest, EachCopyAcquiresAndEveryGuardReleases)
 {
-   ++static_cast<Counts*>(object)->acquires;
-}
-
-void countRelease(void* object)
-{
-   ++static_cast<Counts*>(object)->releases;
-}
-
-void lockMutex(void* object)
-{
-   static_cast<DtMutex*>(object)->lock();
-}
-
-void unlockMutex(void* object)
-{
-   static_cast<DtMutex*>(object)->unlock();
-}
-
-DtScopedSequenceLock passAlong(DtScopedSequenceLock guard)
-{
-   return guard;
-}
-
-TEST(DtScopedSequenceLockTest, FirstGuardDoesNotAcquireButReleases)
-{
-   Counts counts;
+   void (*const countAcquire)(void*) = [](void* o) { ++static_cast<Counts*>(o)->acquires; };
+   void (*const countRelease)(void*) = [](void* o) { ++static_cast<Counts*>(o)->releases; };
+   struct Case
    {
-      DtScopedSequenceLock first(&counts, countAcquire, countRelease);
-      EXPECT_EQ(0, counts.acquires);
-      EXPECT_EQ(0, counts.releases);
-   }
-   EXPECT_EQ(0, counts.acquires);
-   EXPECT_EQ(1, counts.releases);
-}
-
-TEST(DtScopedSequenceLockTest, FirstGuardAndTwoCopies)
-{
-   Counts counts;
+      void (*lockFunction)(void*);
+      int expectedAcquires;
+   } const cases[] = {{countAcquire, 2}, {nullptr, 0}};
+   for (Case const& c : cases)
    {
-      DtScopedSequenceLock first(&counts, countAcquire, countRelease);
-      DtScopedSequenceLock second(first);
-      DtScopedSequenceLock third(second);
-      EXPECT_EQ(2, counts.acquires);
-      EXPECT_EQ(0, counts.releases);
-   }
-   EXPECT_EQ(2, counts.acquires);
-   EXPECT_EQ(3, counts.releases);
-}
-
-TEST(DtScopedSequenceLockTest, NullAcquireStillReleasesPerGuard)
-{
-   Counts counts;
-   {
-      DtScopedSequenceLock first(&counts, nullptr, countRelease);
-      DtScopedSequenceLock second(first);
-      DtScopedSequenceLock third(first);
-   }
-   EXPECT_EQ(0, counts.acquires);
-   EXPECT_EQ(3, counts.releases);
-}
-
-TEST(DtScopedSequenceLockTest, PassingByValueStaysBalanced)
-{
-   Counts counts;
-   {
-      DtScopedSequenceLock first(&counts, countAcquire, countRelease);
-      DtScopedSequenceLock last = passAlong(passAlong(first));
-      EXPECT_GE(counts.acquires, 1);
-   }
-   // Each guard releases once, the first one balancing the caller's own hold.
-   EXPECT_EQ(counts.acquires + 1, counts.releases);
-}
-
-TEST(DtScopedSequenceLockTest, HoldsARecursiveMutexUntilTheLastGuardGoes)
-{
-   DtMutex mutex;
-   mutex.lock();  // the caller holds the object before making the first guard
-   {
-      DtScopedSequenceLock first(&mutex, lockMutex, unlockMutex);
+      SCOPED_TRACE(c.expectedAcquires);
+      Counts counts;
       {
-         DtScopedSequenceLock copy(first);
-         EXPECT_FALSE(freeForAnotherThread(mutex));
+         DtScopedSequenceLock first(&counts, c.lockFunction, countRelease);
+         EXPECT_EQ(0, counts.acquires) << "the first guard does not acquire";
+         DtScopedSequenceLock second(first);
+         DtScopedSequenceLock third(second);
+         EXPECT_EQ(c.expectedAcquires, counts.acquires);
+         EXPECT_EQ(0, counts.releases);
       }
-      EXPECT_FALSE(freeForAnotherThread(mutex));
+      EXPECT_EQ(c.expectedAcquires, counts.acquires);
+      EXPECT_EQ(3, counts.releases);
    }
-   EXPECT_TRUE(freeForAnotherThread(mutex));
 }
 
 }  // namespace

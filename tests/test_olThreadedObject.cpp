@@ -3,14 +3,14 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 
@@ -26,15 +26,11 @@ constexpr std::chrono::seconds theWaitBound(20);
 bool waitFor(std::function<bool()> const& condition)
 {
    auto const deadline = std::chrono::steady_clock::now() + theWaitBound;
-   while (!condition())
+   while (!condition() && std::chrono::steady_clock::now() < deadline)
    {
-      if (std::chrono::steady_clock::now() > deadline)
-      {
-         return false;
-      }
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
    }
-   return true;
+   return condition();
 }
 
 // Runs `action` on a helper thread and reports whether it finished within the bound.
@@ -42,39 +38,23 @@ bool waitFor(std::function<bool()> const& condition)
 // whole program.
 bool completesInTime(std::function<void()> action)
 {
-   struct State
-   {
-      std::mutex mutex;
-      std::condition_variable done;
-      bool finished = false;
-   };
-   auto state = std::make_shared<State>();
-   std::thread(
-       [state, action]
-       {
-          action();
-          std::lock_guard<std::mutex> lock(state->mutex);
-          state->finished = true;
-          state->done.notify_all();
-       })
-       .detach();
-   std::unique_lock<std::mutex> lock(state->mutex);
-   return state->done.wait_for(lock, theWaitBound, [&] { return state->finished; });
+   std::packaged_task<void()> task(std::move(action));
+   std::future<void> done = task.get_future();
+   std::thread(std::move(task)).detach();
+   return done.wait_for(theWaitBound) == std::future_status::ready;
 }
 
+// Runs until told to stop (bounded); `rounds` bounds a body that ends by itself.
 class CountingRunnable : public DtRunnable
 {
 public:
+   explicit CountingRunnable(long rounds = -1) : rounds_(rounds) {}
    void run() override
    {
       ++runs;
       threadId = DtGetThreadId();
-      auto const deadline = std::chrono::steady_clock::now() + theWaitBound;
-      while (!timeToStop() && std::chrono::steady_clock::now() < deadline)
-      {
-         ++iterations;
-         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
+      long round = 0;
+      waitFor([&] { return timeToStop() || (++iterations, ++round == rounds_); });
       ++ends;
    }
    void stop() override { ++stopCalls; }
@@ -84,247 +64,151 @@ public:
    std::atomic<int> stopCalls{0};
    std::atomic<long> iterations{0};
    std::atomic<unsigned long> threadId{0};
+
+private:
+   long const rounds_;
 };
 
-// A body that ends by itself after a few rounds.
-class ShortRunnable : public DtRunnable
+// The text of the exception of type E that `action` throws, or "" if it throws none.
+template <typename E>
+std::string thrownText(std::function<void()> const& action)
 {
-public:
-   void run() override
+   try
    {
-      for (int i = 0; i < 5 && !timeToStop(); ++i)
-      {
-         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
-      ended = true;
+      action();
    }
-   std::atomic<bool> ended{false};
-};
+   catch (E const& exception)
+   {
+      return std::string(exception.message()) + " @ " + exception.where().c_str();
+   }
+   return "";
+}
 
-// ---------------------------------------------------------------- DtRunnable
-
-TEST(DtRunnableTest, ExecuteInstallsTheFlagAndRunsOnTheCaller)
+TEST(DtRunnableTest, ExecuteInstallsTheFlagAndRunCalledWithoutOneIsToldToStop)
 {
    CountingRunnable runnable;
    bool volatile flag = true;
    runnable.execute(&flag);
-   EXPECT_EQ(1, runnable.runs.load());
    EXPECT_EQ(DtGetThreadId(), runnable.threadId.load());
-   EXPECT_EQ(0, runnable.iterations.load());
-}
-
-TEST(DtRunnableTest, RunCalledWithoutAFlagIsToldToStop)
-{
-   CountingRunnable runnable;
    runnable.run();
+   EXPECT_EQ(2, runnable.runs.load());
    EXPECT_EQ(0, runnable.iterations.load());
 }
 
-// ---------------------------------------------------------------- DtThreadedObject
-
-TEST(DtThreadedObjectTest, StartWithoutARunnableThrowsInvalidInput)
+TEST(DtThreadedObjectTest, MisuseThrowsItsOwnTypeAndText)
 {
-   DtThreadedObject object;
-   try
-   {
-      object.start();
-      FAIL() << "no exception";
-   }
-   catch (DtInvalidInput const& exception)
-   {
-      EXPECT_STREQ("DtInvalidInput: Runnable pointer may not be null.", exception.message());
-      std::string const where = exception.where().c_str();
-      EXPECT_NE(std::string::npos, where.find("void DtThreadedObject::start()")) << where;
-      EXPECT_NE(std::string::npos, where.find("[olThreadedObject.cpp:")) << where;
-   }
-   EXPECT_FALSE(object.running());
-   EXPECT_EQ(nullptr, object.runnableObject());
-}
-
-TEST(DtThreadedObjectTest, SecondStartThrowsAndLeavesTheThreadAlone)
-{
-   auto runnable = std::make_shared<CountingRunnable>();
-   DtThreadedObject object(runnable);
-   object.start();
-   ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 1; }));
-   unsigned long const firstThread = runnable->threadId;
-   try
-   {
-      object.start();
-      FAIL() << "no exception";
-   }
-   catch (DtThreadAlreadyRunning const& exception)
-   {
-      EXPECT_STREQ("DtThreadAlreadyRunning: Thread already running.", exception.message());
-   }
-   EXPECT_TRUE(object.running());
-   long const before = runnable->iterations;
-   EXPECT_TRUE(waitFor([&] { return runnable->iterations.load() > before; }))
-       << "the body kept running";
-   EXPECT_EQ(1, runnable->runs.load());
-   EXPECT_EQ(firstThread, runnable->threadId.load());
-   EXPECT_EQ(0, runnable->stopCalls.load());
-   object.stop(true);
-   EXPECT_EQ(1, runnable->ends.load());
-}
-
-TEST(DtThreadedObjectTest, StopBeforeStartThrowsNotStarted)
-{
-   DtThreadedObject object(std::make_shared<CountingRunnable>());
+   DtThreadedObject empty;
+   EXPECT_EQ(0U, thrownText<DtInvalidInput>([&] { empty.start(); })
+                     .find("DtInvalidInput: Runnable pointer may not be null. @ void "
+                           "DtThreadedObject::start() [olThreadedObject.cpp:"));
+   EXPECT_FALSE(empty.running());
+   EXPECT_EQ(0U, thrownText<DtInvalidInput>([&] { empty.setRunnableObject(nullptr); })
+                     .find("DtInvalidInput: Input may not be null. @ "));
+   EXPECT_EQ(nullptr, empty.runnableObject());
    for (bool wait : {true, false})
    {
-      SCOPED_TRACE(wait);
-      try
-      {
-         object.stop(wait);
-         FAIL() << "no exception";
-      }
-      catch (DtThreadNotStarted const& exception)
-      {
-         EXPECT_STREQ("DtThreadNotStarted: Thread must be started to be stopped.",
-                      exception.message());
-         std::string const where = exception.where().c_str();
-         EXPECT_EQ(0U, where.find("void DtThreadedObject::stop(bool) [olThreadedObject.cpp:"))
-             << where;
-      }
+      EXPECT_EQ(0U, thrownText<DtThreadNotStarted>([&] { empty.stop(wait); })
+                        .find("DtThreadNotStarted: Thread must be started to be stopped. @ "));
    }
+   empty.join();  // before any start: returns at once
+   EXPECT_FALSE(empty.running());
 }
 
-TEST(DtThreadedObjectTest, ExceptionsAreDistinctTypes)
-{
-   DtThreadedObject object;
-   bool caughtAsInvalidInput = false;
-   try
-   {
-      try
-      {
-         object.stop(true);
-      }
-      catch (DtInvalidInput const&)
-      {
-         caughtAsInvalidInput = true;
-      }
-   }
-   catch (DtException const& exception)
-   {
-      EXPECT_STREQ("DtThreadNotStarted: Thread must be started to be stopped.",
-                   exception.message());
-   }
-   EXPECT_FALSE(caughtAsInvalidInput);
-}
-
-TEST(DtThreadedObjectTest, JoinBeforeStartReturnsAtOnce)
-{
-   DtThreadedObject object(std::make_shared<CountingRunnable>());
-   object.join();
-   EXPECT_FALSE(object.running());
-}
-
-TEST(DtThreadedObjectTest, StopWithWaitEndsTheBody)
+TEST(DtThreadedObjectTest, WhileRunningStartAndSetRunnableThrowAndDestructionStops)
 {
    auto runnable = std::make_shared<CountingRunnable>();
-   DtThreadedObject object(runnable);
-   object.start();
-   EXPECT_TRUE(object.running());
-   ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 1; }));
-   object.stop(true);
-   EXPECT_FALSE(object.running());
-   EXPECT_EQ(1, runnable->ends.load());
-   EXPECT_EQ(1, runnable->stopCalls.load());
-}
-
-TEST(DtThreadedObjectTest, StopWithWaitThenStartRunsTheBodyAgain)
-{
-   auto runnable = std::make_shared<CountingRunnable>();
-   DtThreadedObject object(runnable);
-   object.start();
-   object.stop(true);
-   EXPECT_EQ(1, runnable->ends.load());
-   object.start();
-   ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 2; }));
-   EXPECT_TRUE(object.running());
-   object.stop(true);
-   EXPECT_EQ(2, runnable->ends.load());
-   EXPECT_THROW(object.stop(true), DtThreadNotStarted) << "the thread is gone after stop(true)";
-}
-
-TEST(DtThreadedObjectTest, StopWithoutWaitSignalsAndAllowsARestart)
-{
-   auto runnable = std::make_shared<CountingRunnable>();
-   DtThreadedObject object(runnable);
-   object.start();
-   ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 1; }));
-   object.stop(false);
-   EXPECT_FALSE(object.running());
-   ASSERT_TRUE(waitFor([&] { return runnable->ends.load() == 1; }));
-   object.stop(true);  // not running any more: only clears the flag
-   object.start();     // replaces (and joins) the old thread
-   ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 2; }));
-   object.stop(true);
-   EXPECT_EQ(2, runnable->ends.load());
-}
-
-TEST(DtThreadedObjectTest, JoinWaitsForABodyThatEndsByItself)
-{
-   auto runnable = std::make_shared<ShortRunnable>();
-   DtThreadedObject object(runnable);
-   object.start();
-   ASSERT_TRUE(completesInTime([&] { object.join(); }));
-   EXPECT_TRUE(runnable->ended.load());
-   EXPECT_FALSE(object.running());
-   object.start();  // a joined object starts again
-   object.join();
-}
-
-TEST(DtThreadedObjectTest, SetRunnableObjectChecksItsInput)
-{
-   auto first = std::make_shared<CountingRunnable>();
-   auto second = std::make_shared<CountingRunnable>();
-   DtThreadedObject object;
-   try
-   {
-      object.setRunnableObject(nullptr);
-      FAIL() << "no exception";
-   }
-   catch (DtInvalidInput const& exception)
-   {
-      EXPECT_STREQ("DtInvalidInput: Input may not be null.", exception.message());
-   }
-   object.setRunnableObject(first);
-   EXPECT_EQ(first, object.runnableObject());
-
-   object.start();
-   EXPECT_THROW(object.setRunnableObject(second), DtThreadAlreadyRunning);
-   EXPECT_EQ(first, object.runnableObject());
-   object.stop(true);
-
-   object.setRunnableObject(second);
-   object.start();
-   ASSERT_TRUE(waitFor([&] { return second->runs.load() == 1; }));
-   object.stop(true);
-   EXPECT_EQ(1, first->runs.load());
-}
-
-TEST(DtThreadedObjectTest, DestroyingARunningObjectStopsAndJoins)
-{
-   auto runnable = std::make_shared<CountingRunnable>();
+   auto other = std::make_shared<CountingRunnable>();
    {
       DtThreadedObject object(runnable);
       object.start();
       ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 1; }));
-   }
+      for (auto misuse : {std::function<void()>([&] { object.start(); }),
+                          std::function<void()>([&] { object.setRunnableObject(other); })})
+      {
+         EXPECT_EQ(0U, thrownText<DtThreadAlreadyRunning>(misuse).find(
+                           "DtThreadAlreadyRunning: Thread already running. @ "));
+      }
+      EXPECT_EQ(runnable, object.runnableObject());
+      EXPECT_TRUE(object.running());
+      long const before = runnable->iterations;
+      EXPECT_TRUE(waitFor([&] { return runnable->iterations.load() > before; }))
+          << "the body kept running";
+      EXPECT_EQ(0, runnable->stopCalls.load());
+   }  // destroying a running object stops and joins it
    EXPECT_EQ(1, runnable->ends.load());
+   EXPECT_EQ(1, runnable->stopCalls.load());
+   EXPECT_EQ(0, other->runs.load());
 }
 
-TEST(DtThreadedObjectTest, DestroyingAfterStopWithoutWaitJoinsTheLeftThread)
+TEST(DtThreadedObjectTest, StopsWithAndWithoutWaitAndStartsAgain)
 {
    auto runnable = std::make_shared<CountingRunnable>();
    {
       DtThreadedObject object(runnable);
       object.start();
+      object.stop(true);
+      EXPECT_FALSE(object.running());
+      EXPECT_EQ(1, runnable->ends.load());
+      EXPECT_THROW(object.stop(true), DtThreadNotStarted) << "the thread is gone after stop(true)";
+      object.start();
+      ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 2; }));
       object.stop(false);
+      EXPECT_FALSE(object.running()) << "at once, while the body may still run";
+      ASSERT_TRUE(waitFor([&] { return runnable->ends.load() == 2; }));
+      object.stop(true);  // not running any more: does not throw or wait
+      object.start();     // replaces (and joins) the old thread
+      ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 3; }));
+      object.stop(false);
+   }  // the destructor joins the thread left by stop(false)
+   EXPECT_EQ(3, runnable->ends.load());
+}
+
+TEST(DtThreadedObjectTest, JoinWaitsForABodyThatEndsByItself)
+{
+   auto runnable = std::make_shared<CountingRunnable>(5);
+   DtThreadedObject object(runnable);
+   object.start();
+   ASSERT_TRUE(completesInTime([&] { object.join(); }));
+   EXPECT_EQ(1, runnable->ends.load());
+   EXPECT_FALSE(object.running());
+   object.start();  // a joined object starts again
+   ASSERT_TRUE(completesInTime([&] { object.join(); }));
+   EXPECT_EQ(2, runnable->ends.load());
+}
+
+// A body that takes a while to wind down after it sees the flag, and reports being
+// destroyed before it has.
+class SlowToEnd : public DtRunnable
+{
+public:
+   explicit SlowToEnd(std::atomic<bool>& destroyedEarly) : destroyedEarly_(destroyedEarly) {}
+   ~SlowToEnd() override { destroyedEarly_ = destroyedEarly_ || inRun; }
+   void run() override
+   {
+      inRun = true;
+      waitFor([this] { return timeToStop(); });
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      inRun = false;
    }
-   EXPECT_EQ(runnable->runs.load(), runnable->ends.load());
+   std::atomic<bool> inRun{false};
+
+private:
+   std::atomic<bool>& destroyedEarly_;
+};
+
+TEST(DtThreadedObjectTest, ReplacingTheRunnableAfterStopWithoutWaitWaitsForTheOldBody)
+{
+   std::atomic<bool> destroyedEarly(false);
+   auto slow = std::make_shared<SlowToEnd>(destroyedEarly);
+   DtThreadedObject object(slow);
+   object.start();
+   ASSERT_TRUE(waitFor([&] { return slow->inRun.load(); }));
+   object.stop(false);
+   slow.reset();  // the object now holds the only reference
+   object.setRunnableObject(std::make_shared<CountingRunnable>());
+   EXPECT_FALSE(destroyedEarly.load()) << "the runnable was released while its body ran";
+   object.start();
+   object.stop(true);
 }
 
 // ---------------------------------------------------------------- DtIoServiceRunnable
@@ -332,23 +216,12 @@ TEST(DtThreadedObjectTest, DestroyingAfterStopWithoutWaitJoinsTheLeftThread)
 class IoServiceRunnableTest : public ::testing::Test
 {
 protected:
-   // Posts `work` and waits (bounded) for it to have run on the I/O thread.
-   bool runsOnIoThread(std::function<void()> work = [] {})
+   // Posts work and waits (bounded) for it to have run on another thread.
+   bool runsOnIoThread()
    {
-      std::atomic<bool> done(false);
-      std::atomic<unsigned long> where(0);
-      boost::asio::post(io,
-                        [&]
-                        {
-                           work();
-                           where = DtGetThreadId();
-                           done = true;
-                        });
-      if (!waitFor([&] { return done.load(); }))
-      {
-         return false;
-      }
-      return where.load() != DtGetThreadId();
+      auto where = std::make_shared<std::atomic<unsigned long>>(0);
+      boost::asio::post(io, [where] { *where = DtGetThreadId(); });
+      return waitFor([&] { return *where != 0; }) && *where != DtGetThreadId();
    }
 
    boost::asio::io_context io;
@@ -356,120 +229,57 @@ protected:
        std::make_shared<DtIoServiceRunnable>(&io, nullptr);
 };
 
-TEST_F(IoServiceRunnableTest, RunsPostedWorkAndStops)
+TEST_F(IoServiceRunnableTest, RunsPostedWorkUntilTheThreadStopsAgainAndAgain)
 {
    EXPECT_TRUE(runnable->finished());
-   DtThreadedObject thread(runnable);
-   thread.start();
-   EXPECT_TRUE(runsOnIoThread());
-   EXPECT_FALSE(runnable->finished());
-   EXPECT_TRUE(completesInTime([&] { thread.stop(true); }));
-   EXPECT_TRUE(runnable->finished());
-}
-
-TEST_F(IoServiceRunnableTest, KeepsRunningWithoutPendingWork)
-{
-   DtThreadedObject thread(runnable);
-   thread.start();
-   EXPECT_TRUE(runsOnIoThread());
-   // With nothing pending the context would normally return; the work guard keeps it.
-   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-   EXPECT_TRUE(runsOnIoThread());
-   EXPECT_TRUE(completesInTime([&] { thread.stop(true); }));
-}
-
-TEST_F(IoServiceRunnableTest, SocketStyleStopSequence)
-{
-   DtThreadedObject thread(runnable);
-   thread.start();
-   ASSERT_TRUE(runsOnIoThread());
-   runnable->stop(true);
-   EXPECT_TRUE(completesInTime([&] { thread.stop(true); }));
-   EXPECT_TRUE(runnable->finished());
-}
-
-TEST_F(IoServiceRunnableTest, StoppedContextIdlesUntilTheThreadStops)
-{
-   DtThreadedObject thread(runnable);
-   thread.start();
-   ASSERT_TRUE(runsOnIoThread());
-   runnable->stop(true);
-   ASSERT_TRUE(waitFor([&] { return io.stopped(); }));
-   EXPECT_FALSE(runnable->finished()) << "stop(bool) alone does not end the loop";
-   EXPECT_TRUE(completesInTime([&] { thread.stop(true); }));
-   EXPECT_TRUE(runnable->finished());
-}
-
-TEST_F(IoServiceRunnableTest, StopWithoutWaitEndsTheLoop)
-{
-   DtThreadedObject thread(runnable);
-   thread.start();
-   ASSERT_TRUE(runsOnIoThread());
-   thread.stop(false);
-   EXPECT_TRUE(waitFor([&] { return runnable->finished(); }));
-}
-
-TEST_F(IoServiceRunnableTest, RestartsOnANewThread)
-{
-   DtThreadedObject thread(runnable);
+   auto owner = std::make_unique<DtThreadedObject>(runnable);
+   DtThreadedObject& thread = *owner;
    for (int round = 0; round < 3; ++round)
    {
       SCOPED_TRACE(round);
       thread.start();
       EXPECT_TRUE(runsOnIoThread());
-      ASSERT_TRUE(completesInTime([&] { thread.stop(true); }));
-   }
-}
-
-TEST_F(IoServiceRunnableTest, ImmediateStopAfterStart)
-{
-   for (int round = 0; round < 20; ++round)
-   {
-      SCOPED_TRACE(round);
-      DtThreadedObject thread(runnable);
-      thread.start();
-      ASSERT_TRUE(completesInTime([&] { thread.stop(true); }));
+      EXPECT_FALSE(runnable->finished());
+      // With nothing pending the context would return; the loop keeps it running.
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      boost::asio::post(io, [] { throw std::runtime_error("handler failed on purpose"); });
+      EXPECT_TRUE(runsOnIoThread()) << "a failed handler does not end the loop";
+      if (round == 1)
+      {
+         runnable->stop(true);  // the sockets' order: stop the context, then the thread
+         ASSERT_TRUE(waitFor([&] { return io.stopped(); }));
+         EXPECT_FALSE(runnable->finished()) << "stop(bool) alone does not end the loop";
+      }
+      // The last round ends by destroying the threaded object.
+      ASSERT_TRUE(completesInTime([&] { round < 2 ? thread.stop(true) : owner.reset(); }));
       EXPECT_TRUE(runnable->finished());
    }
 }
 
-TEST_F(IoServiceRunnableTest, HandlerExceptionDoesNotEndTheLoop)
+TEST_F(IoServiceRunnableTest, StoppingTheThreadLeavesTheContextToItsOwner)
 {
+   auto const work = boost::asio::make_work_guard(io);  // the owner's outstanding work
    DtThreadedObject thread(runnable);
    thread.start();
-   boost::asio::post(io, [] { throw std::runtime_error("handler failed on purpose"); });
-   EXPECT_TRUE(runsOnIoThread());
-   EXPECT_TRUE(completesInTime([&] { thread.stop(true); }));
+   ASSERT_TRUE(runsOnIoThread());
+   ASSERT_TRUE(completesInTime([&] { thread.stop(true); }));
+   EXPECT_FALSE(io.stopped()) << "only stop(bool) stops the context";
+   bool ran = false;
+   boost::asio::post(io, [&] { ran = true; });
+   io.poll();
+   EXPECT_TRUE(ran);
 }
 
-TEST_F(IoServiceRunnableTest, DestroyingTheThreadedObjectStopsTheLoop)
+TEST(DtIoServiceRunnableTest, NullContextEndsAtOnceAndAnUnusedRunnableGoesAtOnce)
 {
-   {
-      DtThreadedObject thread(runnable);
-      thread.start();
-      ASSERT_TRUE(runsOnIoThread());
-   }
-   EXPECT_TRUE(runnable->finished());
-}
-
-TEST(DtIoServiceRunnableTest, NullContextEndsAtOnce)
-{
-   auto runnable = std::make_shared<DtIoServiceRunnable>(nullptr, nullptr);
-   DtThreadedObject thread(runnable);
+   auto lost = std::make_shared<DtIoServiceRunnable>(nullptr, nullptr);
+   DtThreadedObject thread(lost);
    thread.start();
-   EXPECT_TRUE(waitFor([&] { return runnable->finished(); }));
-   runnable->stop(true);
+   EXPECT_TRUE(waitFor([&] { return lost->finished(); }));
    thread.stop(true);
-   EXPECT_EQ(nullptr, runnable->ioService());
-   EXPECT_EQ(nullptr, runnable->socket());
-}
-
-TEST(DtIoServiceRunnableTest, UnusedRunnableIsDestroyedAtOnce)
-{
    boost::asio::io_context io;
-   auto runnable = std::make_unique<DtIoServiceRunnable>(&io, nullptr);
-   EXPECT_EQ(&io, runnable->ioService());
-   EXPECT_TRUE(completesInTime([&] { runnable.reset(); }));
+   auto unused = std::make_unique<DtIoServiceRunnable>(&io, nullptr);
+   EXPECT_TRUE(completesInTime([&] { unused.reset(); }));
 }
 
 }  // namespace

@@ -28,14 +28,16 @@ class DtInetSocket;
 //   boost::asio::post(io, [] { ... });         // runs on the I/O thread
 //   socket.async_receive_from(..., handler);   // completions run there too
 //   ...
-//   runnable->stop(true);                      // optional: wakes a blocked run()
-//   ioThread.stop(true);                       // sets the flag, stops io, joins
+//   runnable->stop(true);                      // stops io: a blocked run returns
+//   ioThread.stop(true);                       // sets the flag and joins
 //
-// ioThread.stop(true) is enough on its own: DtThread's stop request reaches this
-// runnable's stop(), which stops the io_context, and run() returns within one poll
-// period at the latest. While it runs, run() holds an executor_work_guard, so the
-// context does not run out of work when no operation is pending; nobody needs to
-// keep a guard of their own just to keep the thread alive.
+// The thread's stop request only sets the flag; the context itself is stopped by
+// stop(bool) alone, so it stays usable (for a last poll, say) after the thread has
+// gone. run() looks at the flag at least once per poll period (0.1 s), so
+// ioThread.stop(true) also ends a loop whose context was not stopped. While it runs,
+// run() holds an executor_work_guard, so the context does not run out of work when
+// no operation is pending; nobody needs to keep a guard of their own just to keep
+// the thread alive.
 //
 // stop(bool) only makes a blocked io_context::run return; it does not end the
 // thread. Until the thread's stop flag is set, run() then idles and polls the flag,
@@ -58,8 +60,8 @@ public:
 
    // Runs the context while timeToStop() is false; sets finished() on leaving.
    void run() override;
-   // Called by the thread when its stop is requested: wakes run() at once.
-   void stop() override;
+   // The thread's stop request: nothing beyond the flag, as for any runnable.
+   using DtRunnable::stop;
    // Stops the io_context so that a blocked run returns; the argument is unused.
    virtual void stop(bool wait);
 

@@ -22,8 +22,9 @@ enum DtProcessInteractivity_enum
    // Daemon: new session, double fork, descriptors 0 to 15 closed; the program
    // runs in a grandchild that can never regain a terminal.
    DtProcessDaemon = 0,
-   DtProcessDaemonSession = 1,  // the same as DtProcessDaemon
-                                // Plain child: no further set-up.
+   // The same as DtProcessDaemon.
+   DtProcessDaemonSession = 1,
+   // Plain child: no further set-up.
    DtProcessChild = 2,
    // Background: own process group, hang-up and interrupt ignored.
    DtProcessBackground = 3

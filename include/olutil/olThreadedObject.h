@@ -96,7 +96,8 @@ public:
    void setRunning(bool running);
 
    // Throws DtThreadAlreadyRunning while running and DtInvalidInput for an empty
-   // pointer; the old runnable stays in either case.
+   // pointer; the old runnable stays in either case. A body still ending after
+   // stop(false) is waited for before its runnable is let go.
    void setRunnableObject(std::shared_ptr<DtRunnable> runnable);
    std::shared_ptr<DtRunnable> runnableObject() const;
 

@@ -15,8 +15,8 @@
 namespace
 {
 // How long one io_context::run_for may block before the stop flag is looked at
-// again. A stop request normally wakes run() at once by stopping the context; this
-// bound covers a flag set directly (as the destructor does) or set after a restart.
+// again. The thread's stop request only sets the flag (the owner stops the context
+// through stop(bool)), so this bound is how a loop with work pending sees it.
 constexpr std::chrono::milliseconds thePollPeriod(100);
 // How long to idle between looks at the flag while the context stays stopped.
 constexpr double theStoppedIdleSeconds = 0.01;
@@ -98,11 +98,6 @@ void DtIoServiceRunnable::run()
          DtSleep(theStoppedIdleSeconds);
       }
    }
-}
-
-void DtIoServiceRunnable::stop()
-{
-   stop(true);
 }
 
 void DtIoServiceRunnable::stop(bool)

@@ -79,6 +79,7 @@ void becomeDaemon()
    if (grandchild < 0)
    {
       DtWarn << "Daemon startup failed - stage 2.\n";
+      DtWarn.flush();
       _exit(theChildFailureStatus);
    }
    if (grandchild > 0)

@@ -154,6 +154,12 @@ void DtThreadedObject::setRunnableObject(std::shared_ptr<DtRunnable> runnable)
    {
       DtThrowException(DtInvalidInputCode, "Input may not be null.");
    }
+   // After stop(false) the old body may still run on the runnable about to be
+   // released: wait for it, keeping the DtThread for the next start.
+   if (thread_)
+   {
+      thread_->stop(true);
+   }
    runnable_ = std::move(runnable);
 }
 
