@@ -1,0 +1,53 @@
+// olutil.h: the whole of olutil in one include.
+//
+// Family: all. Programs that use a few subjects may include their headers alone
+// (<olutil/olString.h>, <olutil/olDisSocket.h>, ...); this header brings in every
+// public header, lowest layer first.
+// Not OLUTIL_OLUTIL_H: that guard belongs to olUtil.h, whose name differs only in case.
+#ifndef OLUTIL_UMBRELLA_H
+#define OLUTIL_UMBRELLA_H
+
+// Text and values
+#include <olutil/olString.h>
+#include <olutil/olFilename.h>
+#include <olutil/olUtil.h>
+#include <olutil/olUuid.h>
+
+// Containers
+#include <olutil/olList.h>
+#include <olutil/olLockfreeQueue.h>
+#include <olutil/olThreadSafe.h>
+
+// Diagnostics
+#include <olutil/olPrint.h>
+#include <olutil/olExceptions.h>
+#include <olutil/olAssert.h>
+#include <olutil/olFatal.h>
+
+// Concurrency and time
+#include <olutil/olMutex.h>
+#include <olutil/olThread.h>
+#include <olutil/olThreadedObject.h>
+#include <olutil/olIoServiceRunnable.h>
+#include <olutil/olTime.h>
+
+// Addressing
+#include <olutil/olInetAddr.h>
+#include <olutil/olInetAddrUtils.h>
+#include <olutil/olInetDevice.h>
+#include <olutil/olInetPlatformUtils.h>
+#include <olutil/olInetEndpoint.h>
+
+// Sockets
+#include <olutil/olInetSocket.h>
+#include <olutil/olInetSocketUtils.h>
+#include <olutil/olInetUdpSocket.h>
+
+// DIS
+#include <olutil/olPduFilterTest.h>
+#include <olutil/olDisSocket.h>
+
+// Platform
+#include <olutil/olProcessControl.h>
+
+#endif // OLUTIL_UMBRELLA_H
