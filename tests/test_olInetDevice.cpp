@@ -9,10 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,19 +24,42 @@
 namespace
 {
 
-using Family = DtInetUtils::DtInetAddrFamily;
+using U = DtInetUtils;
+using P = DtInetPlatformUtils;
+using Names = std::vector<std::string>;
 
 std::string text(DtInetAddr const* address)
 {
    return address ? address->toDtString().stdString() : std::string("(none)");
 }
 
-std::vector<std::string> names(DtInetDeviceList const& devices)
+Names names(DtInetDeviceList const& devices)
 {
-   std::vector<std::string> result;
+   Names result;
    for (auto const& device : devices)
       result.push_back(device->deviceName().stdString());
    return result;
+}
+
+bool contains(std::vector<DtInetAddr*> const& addresses, char const* wanted)
+{
+   return std::any_of(addresses.begin(), addresses.end(),
+                      [&](DtInetAddr const* a) { return text(a) == wanted; });
+}
+
+// "address/prefix netmask broadcast" of the IPv4 side, "address/prefix
+// broadcast" of the IPv6 side.
+std::string v4(DtInetDevice const& d)
+{
+   DtInetAddr const* a = d.ipv4Addr();
+   return text(a) + "/" + std::to_string(a ? a->prefix() : 0) + " " + text(d.ipv4Netmask()) + " " +
+          text(d.ipv4BroadcastAddr());
+}
+
+std::string v6(DtInetDevice const& d)
+{
+   DtInetAddr const* a = d.ipv6Addr();
+   return text(a) + "/" + std::to_string(a ? a->prefix() : 0) + " " + text(d.ipv6BroadcastAddr());
 }
 
 std::shared_ptr<DtInetDevice> byName(DtInetDeviceList const& devices, char const* name)
@@ -47,6 +68,16 @@ std::shared_ptr<DtInetDevice> byName(DtInetDeviceList const& devices, char const
       if (device->deviceName() == name)
          return device;
    return nullptr;
+}
+
+// Fetches the IPv4 ifconf table into a zeroed `table`; returns the result.
+int fetch(int query, ifconf* table, unsigned int& size, unsigned int& multiplier,
+          DtString* error = nullptr)
+{
+   memset(table, 0, sizeof *table);
+   DtString ignored;
+   return U::fetchDeviceInfo(U::DtInetFamilyIPv4, query, table, size, multiplier,
+                             error ? *error : ignored);
 }
 
 // One "host": lo; olta0 (IPv4 + IPv6, running, in groups 239.1.2.3 and
@@ -103,16 +134,15 @@ protected:
    int myGroup6 = -1;
 };
 
-TEST_F(InetDeviceNetnsTest, ScanListsIpv4InterfacesFirstThenIpv6Only)
+TEST_F(InetDeviceNetnsTest, ScansListIpv4InterfacesFirstThenIpv6OnlyAndFilter)
 {
-   DtInetDeviceList all = DtInetUtils::scanInetDevices(false, false);
-   EXPECT_EQ(names(all),
-             (std::vector<std::string>{"lo", "olta0", "oltb0", "oltc0", "oltdn0", "oltd0"}));
+   DtInetDeviceList all = U::scanInetDevices(false, false);
+   EXPECT_EQ(names(all), (Names{"lo", "olta0", "oltb0", "oltc0", "oltdn0", "oltd0"}));
    for (auto const& device : all)
    {
       SCOPED_TRACE(device->deviceName().c_str());
       EXPECT_TRUE(device->isOk()) << device->getLastErrorString().c_str();
-      EXPECT_EQ(device->family(), DtInetUtils::DtInetFamilyIPv4);
+      EXPECT_EQ(device->family(), U::DtInetFamilyIPv4);
    }
    auto ipv6Only = all.back();
    EXPECT_EQ(ipv6Only->ipv4Addr(), nullptr);
@@ -121,24 +151,23 @@ TEST_F(InetDeviceNetnsTest, ScanListsIpv4InterfacesFirstThenIpv6Only)
    EXPECT_EQ(ipv6Only->addr(), nullptr);  // family 4 answers with the IPv4 address
 
    // activeOnly tests isUp: the interface without carrier (linkState 1) stays.
-   DtInetDeviceList up = DtInetUtils::scanInetDevices(true, false);
-   EXPECT_EQ(names(up), (std::vector<std::string>{"lo", "olta0", "oltb0", "oltc0", "oltd0"}));
+   DtInetDeviceList up = U::scanInetDevices(true, false);
+   EXPECT_EQ(names(up), (Names{"lo", "olta0", "oltb0", "oltc0", "oltd0"}));
    EXPECT_EQ(byName(up, "oltc0")->linkState(), DtInetDevice::DtInetLinkUp);
    EXPECT_TRUE(byName(up, "oltc0")->isUp());
    EXPECT_FALSE(byName(up, "oltc0")->isActive());
    EXPECT_EQ(byName(all, "oltdn0")->linkState(), DtInetDevice::DtInetLinkDown);
 
-   DtInetDeviceList v6 = DtInetUtils::scanInetDevices(false, true);
-   auto a6 = byName(v6, "olta0");
+   auto a6 = byName(U::scanInetDevices(false, true), "olta0");
    ASSERT_TRUE(a6);
-   EXPECT_EQ(a6->family(), DtInetUtils::DtInetFamilyIPv6);
+   EXPECT_EQ(a6->family(), U::DtInetFamilyIPv6);
    EXPECT_EQ(text(a6->addr()), "2001:db8::1");
    EXPECT_EQ(text(a6->broadcastAddr()), "ff02::1");
 }
 
-TEST_F(InetDeviceNetnsTest, DeviceFacts)
+TEST_F(InetDeviceNetnsTest, DeviceFactsAndCopies)
 {
-   DtInetDeviceList all = DtInetUtils::scanInetDevices(false, false);
+   DtInetDeviceList all = U::scanInetDevices(false, false);
    auto a = byName(all, "olta0");
    ASSERT_TRUE(a);
    EXPECT_EQ(a->interfaceIndex(), myNs->ifIndex("olta0"));
@@ -147,14 +176,9 @@ TEST_F(InetDeviceNetnsTest, DeviceFacts)
    EXPECT_EQ(a->mtu(), 1500);
    EXPECT_TRUE(a->isBroadcastCapable());
    EXPECT_TRUE(a->isMulticastCapable());
-   EXPECT_EQ(text(a->ipv4Addr()), "192.0.2.1");
-   EXPECT_EQ(a->ipv4Addr()->prefix(), 25u);
-   EXPECT_EQ(text(a->ipv4Netmask()), "255.255.255.128");
-   EXPECT_EQ(text(a->ipv4BroadcastAddr()), "192.0.2.127");
-   EXPECT_EQ(text(a->ipv6Addr()), "2001:db8::1");
-   EXPECT_EQ(a->ipv6Addr()->prefix(), 64u);
+   EXPECT_EQ(v4(*a), "192.0.2.1/25 255.255.255.128 192.0.2.127");
+   EXPECT_EQ(v6(*a), "2001:db8::1/64 ff02::1");
    EXPECT_EQ(a->linkScope(), DtInetIpv6ScopeGlobal);
-   EXPECT_EQ(text(a->ipv6BroadcastAddr()), "ff02::1");
 
    std::string mac;
    ASSERT_TRUE(myNs->exec({"cat", "/sys/class/net/olta0/address"}, &mac));
@@ -168,15 +192,9 @@ TEST_F(InetDeviceNetnsTest, DeviceFacts)
 
    // Groups: the IPv6 join is listed whole; the IPv4 list keeps the first four
    // hex digits of each entry as the kernel prints them (239.1.2.3 -> 2.3.0.0).
-   std::vector<std::string> groups6;
-   for (DtInetAddr const* group : a->ipv6Groups())
-      groups6.push_back(text(group));
-   EXPECT_NE(std::find(groups6.begin(), groups6.end(), "ff15::1234"), groups6.end());
-   EXPECT_EQ(std::find(groups6.begin(), groups6.end(), "ff02::1"), groups6.end());
-   std::vector<std::string> groups4;
-   for (DtInetAddr const* group : a->ipv4Groups())
-      groups4.push_back(text(group));
-   EXPECT_NE(std::find(groups4.begin(), groups4.end(), "2.3.0.0"), groups4.end());
+   EXPECT_TRUE(contains(a->ipv6Groups(), "ff15::1234"));
+   EXPECT_FALSE(contains(a->ipv6Groups(), "ff02::1"));
+   EXPECT_TRUE(contains(a->ipv4Groups(), "2.3.0.0"));
 
    auto lo = byName(all, "lo");
    ASSERT_TRUE(lo);
@@ -187,154 +205,94 @@ TEST_F(InetDeviceNetnsTest, DeviceFacts)
    EXPECT_EQ(lo->ipv4BroadcastAddr(), nullptr);
    EXPECT_EQ(text(lo->ipv6Addr()), "::1");
    EXPECT_EQ(lo->linkScope(), DtInetIpv6ScopeInterfaceLocal);
-}
 
-TEST_F(InetDeviceNetnsTest, CopiesOwnTheirAddresses)
-{
-   auto a = byName(DtInetUtils::scanInetDevices(false, false), "olta0");
-   ASSERT_TRUE(a);
+   // Copies and assignments own their addresses.
    DtInetDevice copy(*a);
    EXPECT_NE(copy.ipv4Addr(), a->ipv4Addr());
-   EXPECT_TRUE(*copy.ipv4Addr() == *a->ipv4Addr());
+   EXPECT_EQ(v4(copy) + v6(copy), v4(*a) + v6(*a));
    EXPECT_EQ(copy.ipv6Groups().size(), a->ipv6Groups().size());
-   EXPECT_TRUE(copy == *a);
-
    DtInetDevice other("oltb0");
    EXPECT_TRUE(other != *a);
    other = *a;
    EXPECT_TRUE(other == *a);
    EXPECT_NE(other.ipv6Addr(), a->ipv6Addr());
-   EXPECT_EQ(text(other.ipv6Addr()), "2001:db8::1");
-}
+   EXPECT_EQ(v4(other) + v6(other), v4(*a) + v6(*a));
 
-TEST_F(InetDeviceNetnsTest, CapabilityFiltersAndDefaults)
-{
-   EXPECT_EQ(names(DtInetUtils::scanBroadcastDevices(true, false)),
-             (std::vector<std::string>{"olta0", "oltb0", "oltc0", "oltd0"}));
-   EXPECT_EQ(names(DtInetUtils::scanMulticastDevices(false, false)),
-             (std::vector<std::string>{"olta0", "oltb0", "oltc0", "oltdn0", "oltd0"}));
-   EXPECT_EQ(names(DtInetUtils::scanIpv6Devices(false)),
-             (std::vector<std::string>{"lo", "olta0", "oltd0"}));
+   // Capability filters and the defaults they give.
+   EXPECT_EQ(names(U::scanBroadcastDevices(true, false)),
+             (Names{"olta0", "oltb0", "oltc0", "oltd0"}));
+   EXPECT_EQ(names(U::scanMulticastDevices(false, false)),
+             (Names{"olta0", "oltb0", "oltc0", "oltdn0", "oltd0"}));
+   EXPECT_EQ(names(U::scanIpv6Devices(false)), (Names{"lo", "olta0", "oltd0"}));
 
-   std::shared_ptr<DtInetDevice> multicast = DtInetUtils::defaultMulticastDevice();
-   ASSERT_TRUE(multicast);
-   EXPECT_STREQ(multicast->deviceName().c_str(), "olta0");
-   std::shared_ptr<DtInetDevice> broadcast = DtInetUtils::defaultBroadcastDevice(false);
-   ASSERT_TRUE(broadcast);
-   EXPECT_STREQ(broadcast->deviceName().c_str(), "olta0");
+   EXPECT_EQ(names({U::defaultMulticastDevice(), U::defaultBroadcastDevice(false)}),
+             (Names{"olta0", "olta0"}));
 
-   std::unique_ptr<DtInetAddr> primary(DtInetUtils::getPrimaryBroadcastAddress(false));
-   ASSERT_TRUE(primary);
+   std::unique_ptr<DtInetAddr> primary(U::getPrimaryBroadcastAddress(false));
    EXPECT_EQ(text(primary.get()), "192.0.2.127");
-   std::unique_ptr<DtInetAddr> primary6(DtInetUtils::getPrimaryBroadcastAddress(true));
-   ASSERT_TRUE(primary6);
+   std::unique_ptr<DtInetAddr> primary6(U::getPrimaryBroadcastAddress(true));
    EXPECT_EQ(text(primary6.get()), "ff02::1");
 }
 
-TEST_F(InetDeviceNetnsTest, FindInterfaceForDestinations)
+TEST_F(InetDeviceNetnsTest, BroadcastAndMulticastDestinations)
 {
    struct
    {
-      char const* destination;
-      char const* device;  // null: no device
+      DtInetAddr destination;
+      char const* device;
    } const cases[] = {
-       {"192.0.2.1", nullptr},       // neither broadcast nor multicast
-       {"224.0.0.5", "olta0"},       // first multicast interface with IPv4
-       {"198.51.100.255", "oltb0"},  // an interface's broadcast address
-       {"192.0.2.127", nullptr},     // a /25 broadcast that the class mask does not flag
-       {"203.0.113.255", "oltdn0"},  // down, but its address's own broadcast matches
-       {"ff02::1", "lo"},            // lo is first and lists the all-nodes group
-       {"ff15::1234", "lo"},         // lo's ::1 has the destination's scope 0
+       {DtInetAddr("192.0.2.1"), "(none)"},      // neither broadcast nor multicast
+       {DtInetAddr("224.0.0.5"), "olta0"},       // first multicast interface with IPv4
+       {DtInetAddr("198.51.100.255"), "oltb0"},  // an interface's broadcast address
+       {DtInetAddr("192.0.2.127"), "(none)"},  // a /25 broadcast that the class mask does not flag
+       {DtInetAddr("192.0.2.127", "255.255.255.128"), "olta0"},  // ... the right mask does
+       {DtInetAddr("203.0.113.255"), "oltdn0"},  // down, but its address's own broadcast matches
+       {DtInetAddr("ff02::1"), "lo"},            // lo is first and lists the all-nodes group
+       {DtInetAddr("ff15::1234"), "lo"},         // lo's ::1 has the destination's scope 0
    };
    for (auto const& c : cases)
    {
-      SCOPED_TRACE(c.destination);
-      std::unique_ptr<DtInetDevice> found(DtInetDevice::findInterface(DtInetAddr(c.destination)));
-      if (!c.device)
-      {
-         EXPECT_EQ(found, nullptr);
-         continue;
-      }
-      ASSERT_TRUE(found);
-      EXPECT_STREQ(found->deviceName().c_str(), c.device);
+      SCOPED_TRACE(c.destination.toDtString().c_str());
+      std::unique_ptr<DtInetDevice> found(DtInetDevice::findInterface(c.destination));
+      EXPECT_EQ(found ? found->deviceName().stdString() : "(none)", c.device);
    }
-   // A broadcast address made with the right mask finds its interface.
-   std::unique_ptr<DtInetDevice> found(
-       DtInetDevice::findInterface(DtInetAddr("192.0.2.127", "255.255.255.128")));
-   ASSERT_TRUE(found);
-   EXPECT_STREQ(found->deviceName().c_str(), "olta0");
-}
 
-TEST_F(InetDeviceNetnsTest, BroadcastAddrStringUsesInterfacesAndText)
-{
-   struct
-   {
-      char const* addr;
-      bool broadcast;
-   } const cases[] = {
-       {"192.0.2.127", true},  // olta0's broadcast address
-       {"192.0.2.1", false},
-       {"198.51.100.255", true},  // an interface's, and all-ones in its class
-       {"203.0.113.255", true},   // all-ones host of a class C network
-       {"ff02::1", true},
-       {"ff01::1", true},
-       {"[ff02::1%olta0]:3000", true},
-       {"ff02::2", false},
-       // "/P" clears the low P bits: "/24" reads as 255.0.0.0, "/7" as /25.
-       {"192.0.2.255/24", false},
-       {"192.0.2.127/7", true},
-       {"192.0.2.127/30", false},
-   };
-   for (auto const& c : cases)
-   {
-      SCOPED_TRACE(c.addr);
-      EXPECT_EQ(DtInetUtils::isBroadcastAddrString(c.addr, ""), c.broadcast);
-   }
+   // olta0's broadcast address; an interface's that is also all-ones in its
+   // class; the all-ones host of a class C network. "/P" clears the low P bits:
+   // "/24" reads as 255.0.0.0, "/7" as /25.
+   for (char const* yes : {"192.0.2.127", "198.51.100.255", "203.0.113.255", "ff02::1", "ff01::1",
+                           "[ff02::1%olta0]:3000", "192.0.2.127/7"})
+      EXPECT_TRUE(U::isBroadcastAddrString(yes, "")) << yes;
+   for (char const* no : {"192.0.2.1", "ff02::2", "192.0.2.255/24", "192.0.2.127/30"})
+      EXPECT_FALSE(U::isBroadcastAddrString(no, "")) << no;
 }
 
 TEST_F(InetDeviceNetnsTest, LookupByNameAndAddress)
 {
    DtInetDevice byInterface("olta0");
    ASSERT_TRUE(byInterface.isOk()) << byInterface.getLastErrorString().c_str();
-   EXPECT_EQ(text(byInterface.ipv4Addr()), "192.0.2.1");
-   EXPECT_EQ(text(byInterface.ipv6Addr()), "2001:db8::1");
+   EXPECT_EQ(v4(byInterface), "192.0.2.1/25 255.255.255.128 192.0.2.127");
+   EXPECT_EQ(v6(byInterface), "2001:db8::1/64 ff02::1");
 
-   DtInetDevice byIpv4(DtInetAddr("198.51.100.1"));
-   ASSERT_TRUE(byIpv4.isOk()) << byIpv4.getLastErrorString().c_str();
-   EXPECT_STREQ(byIpv4.deviceName().c_str(), "oltb0");
-   EXPECT_EQ(byIpv4.family(), DtInetUtils::DtInetFamilyIPv4);
-
-   DtInetDevice byIpv6(DtString("[2001:db8::1]:3000"));
-   ASSERT_TRUE(byIpv6.isOk()) << byIpv6.getLastErrorString().c_str();
-   EXPECT_STREQ(byIpv6.deviceName().c_str(), "olta0");
-   EXPECT_EQ(byIpv6.family(), DtInetUtils::DtInetFamilyIPv6);
-   EXPECT_TRUE(byIpv6.hasIpv4Addr());
-
-   DtInetDevice ipv6Only(DtInetAddr("2001:db8:1::1"));
-   ASSERT_TRUE(ipv6Only.isOk()) << ipv6Only.getLastErrorString().c_str();
-   EXPECT_STREQ(ipv6Only.deviceName().c_str(), "oltd0");
-   EXPECT_FALSE(ipv6Only.hasIpv4Addr());
-
-   struct
+   // "name family [v4]", or the error of a failed lookup.
+   auto id = [](DtInetDevice const& d)
    {
-      char const* text;
-      char const* error;
-   } const failures[] = {
-       {"nosuch0", "Could not locate interface nosuch0"},
-       {"192.0.2.99:80",
-        "Could not locate interface device with IPv4 address 192.0.2.99 (original: 192.0.2.99:80"},
-       {"2001:db8::99",
-        "Could not locate interface device with IPv6 address 2001:db8::99 (original: "
-        "2001:db8::99"},
-       {"", "Could not locate interface "},
+      return d.isOk() ? d.deviceName().stdString() + " " + std::to_string(d.family()) +
+                            (d.hasIpv4Addr() ? " v4" : "")
+                      : d.getLastErrorString().stdString();
    };
-   for (auto const& f : failures)
-   {
-      SCOPED_TRACE(f.text);
-      DtInetDevice device{DtString(f.text)};
-      EXPECT_FALSE(device.isOk());
-      EXPECT_STREQ(device.getLastErrorString().c_str(), f.error);
-   }
+   EXPECT_EQ(id(DtInetDevice(DtInetAddr("198.51.100.1"))), "oltb0 4 v4");
+   EXPECT_EQ(id(DtInetDevice(DtString("[2001:db8::1]:3000"))), "olta0 6 v4");
+   EXPECT_EQ(id(DtInetDevice(DtInetAddr("2001:db8:1::1"))), "oltd0 6");
+
+   EXPECT_EQ(id(DtInetDevice(DtString("nosuch0"))), "Could not locate interface nosuch0");
+   EXPECT_EQ(id(DtInetDevice(DtString(""))), "Could not locate interface ");
+   EXPECT_EQ(id(DtInetDevice(DtString("192.0.2.99:80"))),
+             "Could not locate interface device with IPv4 address 192.0.2.99 (original: "
+             "192.0.2.99:80");
+   EXPECT_EQ(id(DtInetDevice(DtString("2001:db8::99"))),
+             "Could not locate interface device with IPv6 address 2001:db8::99 (original: "
+             "2001:db8::99");
 }
 
 TEST_F(InetDeviceNetnsTest, InterfaceThatVanishesGivesAFailedDevice)
@@ -346,25 +304,21 @@ TEST_F(InetDeviceNetnsTest, InterfaceThatVanishesGivesAFailedDevice)
    int query = socket(AF_INET, SOCK_DGRAM, 0);
    ASSERT_GE(query, 0);
    ifconf table;
-   memset(&table, 0, sizeof table);
    unsigned int size = 40, multiplier = 3;
-   DtString error;
-   ASSERT_EQ(DtInetUtils::fetchDeviceInfo(DtInetUtils::DtInetFamilyIPv4, query, &table, size,
-                                          multiplier, error),
-             0);
-   ifreq* record = DtInetUtils::findInterfaceByName("oltv0", query, &table);
+   ASSERT_EQ(fetch(query, &table, size, multiplier), 0);
+   ifreq* record = U::findInterfaceByName("oltv0", query, &table);
    ASSERT_NE(record, nullptr);
    ASSERT_TRUE(myNs->ip({"link", "delete", "oltv0"}));
 
-   DtInetDevice gone(query, record, nullptr, DtInetUtils::DtInetFamilyIPv4);
+   DtInetDevice gone(query, record, nullptr, U::DtInetFamilyIPv4);
    EXPECT_FALSE(gone.isOk());
    EXPECT_STREQ(gone.getLastErrorString().c_str(), "Could not query IPv4 flags on interface oltv0");
    EXPECT_EQ(gone.ipv4Addr(), nullptr);
    // The stale record no longer answers an address query either.
    in_addr address;
    inet_pton(AF_INET, "192.0.2.200", &address);
-   EXPECT_EQ(DtInetUtils::findInterfaceByAddress(&address, query, &table), nullptr);
-   DtInetUtils::freeDeviceInfo(&table);
+   EXPECT_EQ(U::findInterfaceByAddress(&address, query, &table), nullptr);
+   U::freeDeviceInfo(&table);
    close(query);
 }
 
@@ -374,10 +328,7 @@ void fetchInChild(int query, unsigned int size, unsigned int multiplier, int rec
 {
    alarm(10);
    ifconf table;
-   memset(&table, 0, sizeof table);
-   DtString error;
-   int result = DtInetUtils::fetchDeviceInfo(DtInetUtils::DtInetFamilyIPv4, query, &table, size,
-                                             multiplier, error);
+   int result = fetch(query, &table, size, multiplier);
    _exit(result == 0 && table.ifc_len == records * 40 ? 0 : 1);
 }
 
@@ -397,59 +348,42 @@ TEST(InetDeviceTableTest, IfconfTableGrowsByTrial)
    ASSERT_TRUE(inside.ok()) << inside.error();
    int query = socket(AF_INET, SOCK_DGRAM, 0);
    ASSERT_GE(query, 0);
+   ifconf table;
+   unsigned int size, multiplier;
 
-   struct
+   // 2 records fit into 3 at once; 3 records fill 120 bytes: a second try with 360.
+   for (int records : {2, 3})
    {
-      char const* addWhat;  // interface to give an address before fetching
-      unsigned int size;
-      int records;
-   } const steps[] = {
-       {nullptr, 120, 2},  // 2 records fit into 3 at once
-       {"oltb0", 360, 3},  // 3 records fill 120 bytes: a second try with 360
-   };
-   for (auto const& step : steps)
-   {
-      SCOPED_TRACE(step.size);
-      if (step.addWhat)
+      SCOPED_TRACE(records);
+      if (records == 3)
       {
-         ASSERT_TRUE(ns.addAddress(step.addWhat, "198.51.100.1/24")) << ns.error();
+         ASSERT_TRUE(ns.addAddress("oltb0", "198.51.100.1/24")) << ns.error();
       }
-      ifconf table;
-      memset(&table, 0, sizeof table);
-      unsigned int size = 40, multiplier = 3;
-      DtString error;
-      ASSERT_EQ(DtInetUtils::fetchDeviceInfo(DtInetUtils::DtInetFamilyIPv4, query, &table, size,
-                                             multiplier, error),
-                0);
-      EXPECT_EQ(size, step.size);
+      size = 40;
+      multiplier = 3;
+      ASSERT_EQ(fetch(query, &table, size, multiplier), 0);
+      EXPECT_EQ(size, records == 2 ? 120u : 360u);
       EXPECT_EQ(multiplier, 1u);
-      EXPECT_EQ(table.ifc_len, step.records * 40);
-      EXPECT_NE(DtInetUtils::findInterfaceByName("lo", query, &table), nullptr);
-      DtInetUtils::freeDeviceInfo(&table);
+      EXPECT_EQ(table.ifc_len, records * 40);
+      EXPECT_NE(U::findInterfaceByName("lo", query, &table), nullptr);
+      U::freeDeviceInfo(&table);
    }
 
    // A starting size or multiplier of 0 still grows to the whole table (lo,
    // olta0, oltb0) instead of asking for nothing forever. Run in a child with
    // an alarm, so that a table that never grows ends the child, not the test.
-   struct
+   for (auto start : {std::make_pair(0u, 3u), std::make_pair(40u, 0u), std::make_pair(0u, 0u)})
    {
-      unsigned int size, multiplier;
-   } const degenerate[] = {{0, 3}, {40, 0}, {0, 0}};
-   for (auto const& start : degenerate)
-   {
-      SCOPED_TRACE(start.size * 10 + start.multiplier);
-      EXPECT_EXIT(fetchInChild(query, start.size, start.multiplier, 3),
-                  ::testing::ExitedWithCode(0), "");
+      SCOPED_TRACE(start.first * 10 + start.second);
+      EXPECT_EXIT(fetchInChild(query, start.first, start.second, 3), ::testing::ExitedWithCode(0),
+                  "");
    }
 
    // A query on something that is not a socket fails with the documented reset.
-   ifconf table;
-   memset(&table, 0, sizeof table);
-   unsigned int size = 120, multiplier = 1;
+   size = 120;
+   multiplier = 1;
    DtString error;
-   EXPECT_NE(DtInetUtils::fetchDeviceInfo(DtInetUtils::DtInetFamilyIPv4, -1, &table, size,
-                                          multiplier, error),
-             0);
+   EXPECT_NE(fetch(-1, &table, size, multiplier, &error), 0);
    EXPECT_STREQ(error.c_str(), "Could not retrieve device configurations.");
    EXPECT_EQ(size, 40u);
    EXPECT_EQ(multiplier, 3u);
@@ -458,16 +392,11 @@ TEST(InetDeviceTableTest, IfconfTableGrowsByTrial)
    // The IPv6 table has one 144-byte record per line of /proc/net/if_inet6.
    size = 144;
    multiplier = 3;
-   ASSERT_EQ(DtInetUtils::fetchIpv6DeviceInfo(query, &table, size, multiplier, error), 0);
-   int lines = DtInetPlatformUtils::countLines(DtInetPlatformUtils::theIfInet6Path);
+   ASSERT_EQ(U::fetchIpv6DeviceInfo(query, &table, size, multiplier, error), 0);
+   int lines = P::countLines(P::theIfInet6Path);
    EXPECT_EQ(table.ifc_len, lines * 144);
    EXPECT_GE(size, static_cast<unsigned int>(lines) * 144u);
-   in6_addr loopback = IN6ADDR_LOOPBACK_INIT;
-   ifreq_in6* lo = DtInetUtils::findIpv6InterfaceByAddress(&loopback, query, &table);
-   ASSERT_NE(lo, nullptr);
-   EXPECT_STREQ(lo->ifr6_name, "lo");
-   EXPECT_EQ(DtInetUtils::findIpv6InterfaceByName("lo", query, &table), lo);
-   DtInetUtils::freeDeviceInfo(&table);
+   U::freeDeviceInfo(&table);
    close(query);
 }
 
@@ -496,58 +425,49 @@ protected:
 
 TEST_F(ProcReaderTest, IfInet6Lines)
 {
+   // The name field holds the name and zeros behind it, even after a longer
+   // name on an earlier line.
    std::string good = write(
        "20010db8000000000000000000000001 03 40 00 80    olta0\n"
-       "fe800000000000000000000000000002 03 40 20 80    olta0\n");
+       "fe800000000000000000000000000002 03 40 20 80    averyverylongnam\n"
+       "20010db8000000000000000000000002 04 40 00 80    ab\n");
    ifreq_in6 records[4];
+   memset(records, 'x', sizeof records);  // stale bytes that must not show through
    unsigned int count = 0;
-   EXPECT_EQ(DtInetPlatformUtils::readIfInet6(good.c_str(), records, 4, count),
-             DtInetPlatformUtils::DtProcReadOk);
-   ASSERT_EQ(count, 2u);
+   EXPECT_EQ(P::readIfInet6(good.c_str(), records, 4, count), P::DtProcReadOk);
+   ASSERT_EQ(count, 3u);
    EXPECT_STREQ(records[0].ifr6_name, "olta0");
    EXPECT_EQ(records[0].ifr6_addr.s6_addr[0], 0x20);
    EXPECT_EQ(records[0].ifr6_addr.s6_addr[15], 0x01);
    EXPECT_EQ(records[0].ifr6_prefixlen, 64u);
    EXPECT_EQ(records[1].ifr6_scope, 0x20u);
-   // The name field holds the name and zeros behind it, even after a longer
-   // name on an earlier line.
-   std::string shorter = write(
-       "20010db8000000000000000000000001 03 40 00 80    averyverylongnam\n"
-       "20010db8000000000000000000000002 04 40 00 80    ab\n");
-   ASSERT_EQ(DtInetPlatformUtils::readIfInet6(shorter.c_str(), records, 4, count),
-             DtInetPlatformUtils::DtProcReadOk);
-   ASSERT_EQ(count, 2u);
-   EXPECT_EQ(std::string(records[1].ifr6_name, IFNAMSIZ),
+   EXPECT_EQ(std::string(records[2].ifr6_name, IFNAMSIZ),
              std::string("ab") + std::string(IFNAMSIZ - 2, '\0'));
-
    // Capacity bounds the reading.
-   EXPECT_EQ(DtInetPlatformUtils::readIfInet6(good.c_str(), records, 1, count),
-             DtInetPlatformUtils::DtProcReadOk);
+   EXPECT_EQ(P::readIfInet6(good.c_str(), records, 1, count), P::DtProcReadOk);
    EXPECT_EQ(count, 1u);
 
    struct
    {
       char const* content;
-      DtInetPlatformUtils::DtProcReadStatus status;
+      P::DtProcReadStatus status;
    } const hostile[] = {
-       {"", DtInetPlatformUtils::DtProcReadOk},
-       {"zz\n", DtInetPlatformUtils::DtProcReadParseError},
-       {"20010db8 03 40\n", DtInetPlatformUtils::DtProcReadParseError},
+       {"", P::DtProcReadOk},
+       {"zz\n", P::DtProcReadParseError},
+       {"20010db8 03 40\n", P::DtProcReadParseError},
        // An overlong name is cut to the 15 characters the record holds.
        {"20010db8000000000000000000000001 03 40 00 80    averyveryverylongname_beyond16\n",
-        DtInetPlatformUtils::DtProcReadOk},
+        P::DtProcReadOk},
    };
    for (auto const& h : hostile)
    {
       SCOPED_TRACE(h.content);
-      EXPECT_EQ(DtInetPlatformUtils::readIfInet6(write(h.content).c_str(), records, 4, count),
-                h.status);
+      EXPECT_EQ(P::readIfInet6(write(h.content).c_str(), records, 4, count), h.status);
       EXPECT_EQ(records[0].ifr6_name[IFNAMSIZ - 1], '\0');
    }
    EXPECT_STREQ(records[0].ifr6_name, "averyveryverylo");
-   EXPECT_EQ(DtInetPlatformUtils::readIfInet6("/nonexistent/if_inet6", records, 4, count),
-             DtInetPlatformUtils::DtProcReadCannotOpen);
-   EXPECT_EQ(DtInetPlatformUtils::countLines("/nonexistent/if_inet6"), -1);
+   EXPECT_EQ(P::readIfInet6("/nonexistent/if_inet6", records, 4, count), P::DtProcReadCannotOpen);
+   EXPECT_EQ(P::countLines("/nonexistent/if_inet6"), -1);
 }
 
 TEST_F(ProcReaderTest, IgmpBlocksAndTheFourDigitQuirk)
@@ -562,21 +482,17 @@ TEST_F(ProcReaderTest, IgmpBlocksAndTheFourDigitQuirk)
        "4\toltb0     :     1      V3\n"
        "\t\t\t\t050201EF     1 0:00000000\t\t0\n");
    std::vector<unsigned int> groups;
-   EXPECT_EQ(DtInetPlatformUtils::readIgmpGroups(igmp.c_str(), 3, groups),
-             DtInetPlatformUtils::DtProcReadOk);
-   ASSERT_EQ(groups.size(), 2u);
-   EXPECT_EQ(groups[0], htonl(0x0302u));
-   EXPECT_EQ(groups[1], htonl(0x0100u));
+   EXPECT_EQ(P::readIgmpGroups(igmp.c_str(), 3, groups), P::DtProcReadOk);
+   EXPECT_EQ(groups, (std::vector<unsigned int>{htonl(0x0302u), htonl(0x0100u)}));
 
-   groups.clear();
-   std::string broken = write("3\tolta0 : 1\n\t\t\tzz\n\t\t\t030201EF\n");
-   EXPECT_EQ(DtInetPlatformUtils::readIgmpGroups(broken.c_str(), 3, groups),
-             DtInetPlatformUtils::DtProcReadOk);
-   EXPECT_TRUE(groups.empty());  // a bad group line ends the reading
-   std::string garbage = write(std::string(3000, 'x') + "\n\t\t\t\t0\n");
-   EXPECT_EQ(DtInetPlatformUtils::readIgmpGroups(garbage.c_str(), 3, groups),
-             DtInetPlatformUtils::DtProcReadOk);
-   EXPECT_TRUE(groups.empty());
+   // A bad group line ends the reading; so does a line too long for the buffer.
+   for (std::string bad : {std::string("3\tolta0 : 1\n\t\t\tzz\n\t\t\t030201EF\n"),
+                           std::string(3000, 'x') + "\n\t\t\t\t0\n"})
+   {
+      groups.clear();
+      EXPECT_EQ(P::readIgmpGroups(write(bad).c_str(), 3, groups), P::DtProcReadOk);
+      EXPECT_TRUE(groups.empty());
+   }
 }
 
 TEST_F(ProcReaderTest, Igmp6Lines)
@@ -586,19 +502,16 @@ TEST_F(ProcReaderTest, Igmp6Lines)
        "3    olta0           ff150000000000000000000000001234     1 00000004 0\n"
        "3    olta0           ff020000000000000000000000000001     1 0000000C 0\n");
    std::vector<in6_addr> groups;
-   EXPECT_EQ(DtInetPlatformUtils::readIgmp6Groups(igmp6.c_str(), 3, groups),
-             DtInetPlatformUtils::DtProcReadOk);
+   EXPECT_EQ(P::readIgmp6Groups(igmp6.c_str(), 3, groups), P::DtProcReadOk);
    ASSERT_EQ(groups.size(), 2u);
    EXPECT_EQ(groups[0].s6_addr[0], 0xff);
    EXPECT_EQ(groups[0].s6_addr[1], 0x15);
    EXPECT_EQ(groups[0].s6_addr[14], 0x12);
 
    groups.clear();
-   std::string truncated = write("3    olta0           ff15\n");
-   EXPECT_EQ(DtInetPlatformUtils::readIgmp6Groups(truncated.c_str(), 3, groups),
-             DtInetPlatformUtils::DtProcReadParseError);
-   EXPECT_EQ(DtInetPlatformUtils::readIgmp6Groups("/nonexistent/igmp6", 3, groups),
-             DtInetPlatformUtils::DtProcReadCannotOpen);
+   EXPECT_EQ(P::readIgmp6Groups(write("3    olta0           ff15\n").c_str(), 3, groups),
+             P::DtProcReadParseError);
+   EXPECT_EQ(P::readIgmp6Groups("/nonexistent/igmp6", 3, groups), P::DtProcReadCannotOpen);
 }
 
 }  // namespace
