@@ -8,6 +8,7 @@
 #include <optional>
 #include <pwd.h>
 #include <string>
+#include <tuple>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -48,11 +49,11 @@ protected:
    {
       if (!myRoot.empty())
       {
-         std::string const command = "rm -rf '" + myRoot + "'";
-         EXPECT_EQ(0, std::system(command.c_str()));
+         EXPECT_EQ(0, std::system(("rm -rf '" + myRoot + "'").c_str()));
       }
    }
    std::string path(std::string const& relative) const { return myRoot + "/" + relative; }
+   DtFilename at(std::string const& relative) const { return DtFilename(path(relative).c_str()); }
 
    std::string myRoot;
 };
@@ -60,141 +61,81 @@ protected:
 
 // ---------------------------------------------------------------- path rules
 
-TEST(FilenamePathRules, StripPathStaticAndMemberDiffer)
+TEST(FilenamePathRules, StripPathAndStripFilename)
 {
-   struct Case
+   // name, member stripPath, static stripPath, stripFilename (both forms).
+   // The static stripPath keeps "/file" whole, and stripFilename measures with
+   // it, so "/file" loses all its text.
+   // clang-format off
+   std::tuple<char const*, char const*, char const*, char const*> const cases[] = {
+       {"/file", "file", "/file", ""}, {"/", "", "/", ""}, {"/a/b.txt", "b.txt", "b.txt", "/a/"},
+       {"//file", "file", "file", "//"}, {"file", "file", "file", ""}, {"a/", "", "", "a/"},
+       {"", "", "", ""}};
+   // clang-format on
+   for (auto const& [name, member, staticForm, noFile] : cases)
    {
-      char const* name;
-      char const* member;
-      char const* staticForm;
-   };
-   Case const cases[] = {
-       {"/file", "file", "/file"},  // the one place where the two differ
-       {"/", "", "/"},
-       {"/a/b.txt", "b.txt", "b.txt"},
-       {"//file", "file", "file"},
-       {"file", "file", "file"},
-       {"a/", "", ""},
-   };
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.name);
-      DtFilename member(c.name);
-      member.stripPath();
-      EXPECT_EQ(c.member, str(member));
-      EXPECT_EQ(c.staticForm, str(DtFilename::stripPath(DtFilename(c.name))));
+      SCOPED_TRACE(name);
+      DtFilename stripped(name);
+      stripped.stripPath();
+      EXPECT_EQ(member, str(stripped));
+      EXPECT_EQ(staticForm, str(DtFilename::stripPath(DtFilename(name))));
+      DtFilename directory(name);
+      directory.stripFilename();
+      EXPECT_EQ(noFile, str(directory));
+      EXPECT_EQ(noFile, str(DtFilename::stripFilename(DtFilename(name))));
    }
 }
 
-TEST(FilenamePathRules, StripFilenameMeasuresWithTheStaticStripPath)
+TEST(FilenamePathRules, Extensions)
 {
-   struct Case
+   // name, extension(), stripExtension() (both forms), setExtension("txt").
+   // The directory part comes from the static forms, which see none in
+   // "/file.log": the leading separator goes with it.
+   std::tuple<char const*, char const*, char const*, char const*> const cases[] = {
+       {"a/b.log", "log", "a/b", "a/b.txt"},     {"a.b/c", "", "a.b/c", "a.b/c.txt"},
+       {"a.tar.gz", "gz", "a.tar", "a.tar.txt"}, {".hidden", "hidden", "", ".txt"},
+       {"dir.d/", "", "dir.d/", "dir.d/.txt"},   {"", "", "", ".txt"},
+       {"/file.log", "log", "file", "file.txt"}};
+   for (auto const& [name, extension, stripped, renamed] : cases)
    {
-      char const* name;
-      char const* expected;
-   };
-   Case const cases[] = {
-       // "/file" loses all its text: the static stripPath keeps it whole.
-       {"/a/b.txt", "/a/"}, {"a/", "a/"}, {"file", ""}, {"/file", ""}, {"", ""}, {"//file", "//"},
-   };
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.name);
-      DtFilename member(c.name);
-      member.stripFilename();
-      EXPECT_EQ(c.expected, str(member));
-      EXPECT_EQ(c.expected, str(DtFilename::stripFilename(DtFilename(c.name))));
-   }
-}
-
-TEST(FilenamePathRules, ExtensionAndStripExtension)
-{
-   struct Case
-   {
-      char const* name;
-      char const* extension;
-      char const* stripped;
-   };
-   Case const cases[] = {
-       {"a/b.txt", "txt", "a/b"},
-       {"a.b/c", "", "a.b/c"},  // a dot in the directory part is no extension
-       {"a.tar.gz", "gz", "a.tar"},
-       {".hidden", "hidden", ""},
-       {"dir.d/", "", "dir.d/"},
-       {"", "", ""},
-       // The directory part is taken with the static forms, which see no
-       // directory in "/file.txt": the leading separator goes with it.
-       {"/file.txt", "txt", "file"},
-   };
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.name);
-      EXPECT_EQ(c.extension, str(DtFilename(c.name).extension()));
-      DtFilename member(c.name);
+      SCOPED_TRACE(name);
+      EXPECT_EQ(extension, str(DtFilename(name).extension()));
+      DtFilename member(name);
       member.stripExtension();
-      EXPECT_EQ(c.stripped, str(member));
-      EXPECT_EQ(c.stripped, str(DtFilename::stripExtension(DtFilename(c.name))));
+      EXPECT_EQ(stripped, str(member));
+      EXPECT_EQ(stripped, str(DtFilename::stripExtension(DtFilename(name))));
+      DtFilename withTxt(name);
+      withTxt.setExtension("txt");
+      EXPECT_EQ(renamed, str(withTxt));
    }
-}
-
-TEST(FilenamePathRules, SetExtension)
-{
-   struct Case
-   {
-      char const* name;
-      char const* extension;
-      char const* expected;
-   };
-   Case const cases[] = {
-       {"a.log", "txt", "a.txt"},
-       {"a.log", ".txt", "a.txt"},
-       {"a.b/c", "d", "a.b/c.d"},
-       {"a.txt", "", "a."},               // the dot goes in even for no extension
-       {"/file.log", "txt", "file.txt"},  // through stripExtension's static forms
-   };
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(::testing::Message() << c.name << " + " << c.extension);
-      DtFilename name(c.name);
-      name.setExtension(c.extension);
-      EXPECT_EQ(c.expected, str(name));
-   }
+   DtFilename dotted("a.log");
+   dotted.setExtension(".txt");
+   EXPECT_EQ("a.txt", str(dotted));
+   dotted.setExtension("");
+   EXPECT_EQ("a.", str(dotted)) << "the dot goes in even for no extension";
 }
 
 TEST(FilenamePathRules, AppendPrependAndCombine)
 {
-   struct Case
-   {
-      char const* left;
-      char const* right;
-      char const* append;   // left.append(right)
-      char const* prepend;  // right.prepend(left)
-      char const* combine;  // combine(left, right)
-   };
-   Case const cases[] = {
+   // left, right, left.append(right), right.prepend(left), combine(left, right)
+   std::tuple<char const*, char const*, char const*, char const*, char const*> const cases[] = {
        {"/a", "/x", "/x", "/x", "/x"},
        {"/a/", "x", "/a/x", "/a/x", "/a//x"},  // combine adds a separator even after one
        {"", "x", "x", "x", "x"},
        {"a", "", "a/", "a/", "a/"},
-       {"a/b", "c/d", "a/b/c/d", "a/b/c/d", "a/b/c/d"},
-   };
-   for (Case const& c : cases)
+       {"a/b", "c/d", "a/b/c/d", "a/b/c/d", "a/b/c/d"}};
+   for (auto const& [left, right, append, prepend, combine] : cases)
    {
-      SCOPED_TRACE(::testing::Message() << "'" << c.left << "' and '" << c.right << "'");
-      DtFilename appended(c.left);
-      appended.append(DtFilename(c.right));
-      EXPECT_EQ(c.append, str(appended));
-
-      DtFilename prepended(c.right);
-      prepended.prepend(DtFilename(c.left));
-      EXPECT_EQ(c.prepend, str(prepended));
-
-      EXPECT_EQ(c.combine, str(DtFilename::combine(DtFilename(c.left), DtFilename(c.right))));
+      SCOPED_TRACE(::testing::Message() << "'" << left << "' and '" << right << "'");
+      DtFilename appended(left);
+      appended.append(DtFilename(right));
+      EXPECT_EQ(append, str(appended));
+      DtFilename prepended(right);
+      prepended.prepend(DtFilename(left));
+      EXPECT_EQ(prepend, str(prepended));
+      EXPECT_EQ(combine, str(DtFilename::combine(DtFilename(left), DtFilename(right))));
    }
-}
 
-TEST(FilenamePathRules, AppendingANameToItself)
-{
    DtFilename name("a");
    name.append(name);
    EXPECT_EQ("a/a", str(name));
@@ -215,7 +156,6 @@ TEST(FilenameValue, AbsoluteSlashesAndClone)
    std::unique_ptr<DtString> cloned(asString.clone());
    ASSERT_NE(nullptr, dynamic_cast<DtFilename*>(cloned.get())) << "clone keeps the type";
    EXPECT_EQ("C:/dir/sub/file.txt", str(*cloned));
-   EXPECT_TRUE(DtFilename::nullFilename().isEmpty());
 }
 
 // ---------------------------------------------------------------- the file system
@@ -223,21 +163,17 @@ TEST(FilenameValue, AbsoluteSlashesAndClone)
 TEST_F(TempDir, ExistenceAccessAndLength)
 {
    writeFile(path("five.txt"), "12345");
-   DtFilename file(path("five.txt").c_str());
-   EXPECT_TRUE(file.exists());
-   EXPECT_TRUE(file.isReadable());
-   EXPECT_TRUE(file.isWritable());
+   DtFilename const file = at("five.txt");
+   EXPECT_TRUE(file.exists() && file.isReadable() && file.isWritable());
    EXPECT_EQ(5, file.fileLength());
 
-   DtFilename missing(path("missing").c_str());
-   EXPECT_FALSE(missing.exists());
-   EXPECT_FALSE(missing.isReadable());
-   EXPECT_FALSE(missing.isWritable());
+   DtFilename const missing = at("missing");
+   EXPECT_FALSE(missing.exists() || missing.isReadable() || missing.isWritable());
    EXPECT_EQ(0, missing.fileLength());
    EXPECT_FALSE(DtFilename().exists());
 }
 
-TEST_F(TempDir, SearchAlternatePath)
+TEST_F(TempDir, SearchAlternatePathAndAbsolutePath)
 {
    ASSERT_EQ(0, mkdir(path("sub").c_str(), 0700));
    writeFile(path("sub/found.txt"), "x");
@@ -247,10 +183,8 @@ TEST_F(TempDir, SearchAlternatePath)
    DtFilename name(unlikelyHere.c_str());
    EXPECT_FALSE(name.searchAlternatePath(nullptr));
    EXPECT_EQ(unlikelyHere, str(name));
-
    EXPECT_TRUE(name.searchAlternatePath(myRoot.c_str()));
    EXPECT_EQ(path("sub/found.txt"), str(name));
-
    // An existing name stays as it is, whatever the alternate.
    EXPECT_TRUE(name.searchAlternatePath("/nowhere"));
    EXPECT_EQ(path("sub/found.txt"), str(name));
@@ -258,22 +192,15 @@ TEST_F(TempDir, SearchAlternatePath)
    DtFilename missing("sub/none.txt");
    EXPECT_FALSE(missing.searchAlternatePath(myRoot.c_str()));
    EXPECT_EQ("sub/none.txt", str(missing));
-}
 
-TEST_F(TempDir, AbsolutePath)
-{
-   ASSERT_EQ(0, mkdir(path("sub").c_str(), 0700));
-   writeFile(path("sub/f"), "x");
-   char* real = realpath(path("sub/f").c_str(), nullptr);
+   char* real = realpath(path("sub/found.txt").c_str(), nullptr);
    ASSERT_NE(nullptr, real);
    std::string const expected = real;
    std::free(real);
-
    DtString result("stale");
-   EXPECT_TRUE(DtFilename::absolutePath(DtString(path("sub/../sub/./f").c_str()), result));
+   EXPECT_TRUE(DtFilename::absolutePath(at("sub/../sub/./found.txt"), result));
    EXPECT_EQ(expected, str(result));
-
-   EXPECT_FALSE(DtFilename::absolutePath(DtString(path("sub/none").c_str()), result));
+   EXPECT_FALSE(DtFilename::absolutePath(at("sub/none"), result));
    EXPECT_EQ("", str(result));
 }
 
@@ -290,7 +217,7 @@ TEST_F(TempDir, MakeDirectoryMakesParentsAndRestoresTheText)
    EXPECT_FALSE(DtMakeDirectory(name));
 
    // A backslash marks a parent too.
-   EXPECT_TRUE(DtMakeDirectory(DtFilename(path("x/b\\c").c_str())));
+   EXPECT_TRUE(DtMakeDirectory(at("x/b\\c")));
    EXPECT_TRUE(isDirectory(path("x/b")));
 
    struct stat status;
@@ -299,23 +226,23 @@ TEST_F(TempDir, MakeDirectoryMakesParentsAndRestoresTheText)
 
    EXPECT_FALSE(DtMakeDirectory(DtFilename()));
    writeFile(path("plain"), "x");
-   EXPECT_FALSE(DtMakeDirectory(DtFilename(path("plain/sub").c_str())));
+   EXPECT_FALSE(DtMakeDirectory(at("plain/sub")));
 }
 
 TEST_F(TempDir, DeleteDirectoryRemovesFilesButIsNotRecursive)
 {
    ASSERT_EQ(0, mkdir(path("d").c_str(), 0700));
    writeFile(path("d/a"), "1");
-   EXPECT_TRUE(DtDeleteDirectory(DtFilename(path("d").c_str())));
-   EXPECT_FALSE(DtFilename(path("d").c_str()).exists());
-   EXPECT_FALSE(DtDeleteDirectory(DtFilename(path("d").c_str()))) << "gone already";
+   EXPECT_TRUE(DtDeleteDirectory(at("d")));
+   EXPECT_FALSE(at("d").exists());
+   EXPECT_FALSE(DtDeleteDirectory(at("d"))) << "gone already";
 
    ASSERT_EQ(0, mkdir(path("e").c_str(), 0700));
    ASSERT_EQ(0, mkdir(path("e/inner").c_str(), 0700));
    writeFile(path("e/file"), "x");
-   EXPECT_FALSE(DtDeleteDirectory(DtFilename(path("e").c_str())));
+   EXPECT_FALSE(DtDeleteDirectory(at("e")));
    EXPECT_TRUE(isDirectory(path("e/inner")));
-   EXPECT_FALSE(DtFilename(path("e/file").c_str()).exists()) << "the files went all the same";
+   EXPECT_FALSE(at("e/file").exists()) << "the files went all the same";
 }
 
 TEST_F(TempDir, FileListHoldsEveryEntry)
@@ -326,14 +253,12 @@ TEST_F(TempDir, FileListHoldsEveryEntry)
 
    std::vector<std::string> names;
    for (DtFilename const& f : DtGetFileListFromDirectory(DtString(myRoot.c_str()), "*.txt"))
-   {
       names.push_back(str(f));
-   }
    std::sort(names.begin(), names.end());
    EXPECT_EQ((std::vector<std::string>{".", "..", "a", "b.txt", "c"}), names)
        << "the filter is not consulted";
 
-   EXPECT_TRUE(DtGetFileListFromDirectory(DtString(path("none").c_str()), DtString()).empty());
+   EXPECT_TRUE(DtGetFileListFromDirectory(at("none"), DtString()).empty());
 }
 
 TEST(FilenameDirectories, ConfigurationDirectoryIsUnderTheHome)
@@ -368,13 +293,9 @@ protected:
       for (std::size_t i = 0; i < mySaved.size(); ++i)
       {
          if (mySaved[i])
-         {
             setenv(theLogVariables[i], mySaved[i]->c_str(), 1);
-         }
          else
-         {
             unsetenv(theLogVariables[i]);
-         }
       }
       TempDir::TearDown();
    }
@@ -385,60 +306,40 @@ protected:
 
 TEST_F(LogDirectory, Precedence)
 {
-   struct Case
+   // HOME, QOR_LOG_DIR, QOR_INSTALL_DIR, QOR_BASE_DIR (relative to the
+   // temporary directory, or null for unset), then the expected directory.
+   std::tuple<char const*, char const*, char const*, char const*, char const*> const cases[] = {
+       {"home", nullptr, nullptr, nullptr, "home/QOR/logs"},
+       {"home2/", nullptr, nullptr, nullptr, "home2/QOR/logs"},
+       {"home", nullptr, nullptr, "base", "base/logs"},
+       {"home", nullptr, "install", "base", "install/logs"},
+       {"home", "log", "install", "base", "log"},
+       {"home3", "", "", "base3", "base3/logs"}};  // empty counts as unset
+   for (auto const& c : cases)
    {
-      char const* label;
-      char const* home;  // relative to the temporary directory, or null
-      char const* logDir;
-      char const* installDir;
-      char const* baseDir;
-      char const* expected;  // relative to the temporary directory
-   };
-   Case const cases[] = {
-       {"home only", "home", nullptr, nullptr, nullptr, "home/QOR/logs"},
-       {"home with a separator", "home2/", nullptr, nullptr, nullptr, "home2/QOR/logs"},
-       {"base over home", "home", nullptr, nullptr, "base", "base/logs"},
-       {"install over base", "home", nullptr, "install", "base", "install/logs"},
-       {"log dir over all", "home", "log", "install", "base", "log"},
-       {"empty counts as unset", "home3", "", "", "base3", "base3/logs"},
-   };
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.label);
-      auto set = [this](char const* variable, char const* relative)
+      SCOPED_TRACE(std::get<4>(c));
+      char const* const values[] = {std::get<0>(c), std::get<1>(c), std::get<2>(c), std::get<3>(c)};
+      for (std::size_t i = 0; i < 4; ++i)
       {
-         if (!relative)
-         {
-            unsetenv(variable);
-         }
+         if (values[i])
+            setenv(theLogVariables[i], *values[i] ? path(values[i]).c_str() : "", 1);
          else
-         {
-            setenv(variable, *relative ? path(relative).c_str() : "", 1);
-         }
-      };
-      set("HOME", c.home);
-      set("QOR_LOG_DIR", c.logDir);
-      set("QOR_INSTALL_DIR", c.installDir);
-      set("QOR_BASE_DIR", c.baseDir);
-
-      EXPECT_EQ(path(c.expected), str(DtGetQorLogDirectory()));
-      EXPECT_TRUE(isDirectory(path(c.expected))) << "made when missing";
+            unsetenv(theLogVariables[i]);
+      }
+      EXPECT_EQ(path(std::get<4>(c)), str(DtGetQorLogDirectory()));
+      EXPECT_TRUE(isDirectory(path(std::get<4>(c)))) << "made when missing";
    }
 }
 
 TEST_F(LogDirectory, WithoutTheVariablesThePasswordDatabaseHasTheHome)
 {
    if (geteuid() != 0)
-   {
       GTEST_SKIP() << "needs root to run a child as another user";
-   }
    // A child running as "nobody", whose home directory doesn't exist and can't
    // be made, shows the fallback without making anything in a real home.
    struct passwd* nobody = getpwnam("nobody");
    if (!nobody || !nobody->pw_dir || DtFilename(nobody->pw_dir).exists())
-   {
       GTEST_SKIP() << "no user \"nobody\" with a missing home directory";
-   }
    std::string const expected = std::string(nobody->pw_dir) + "/QOR/logs";
    uid_t const uid = nobody->pw_uid;
    gid_t const gid = nobody->pw_gid;
@@ -448,12 +349,9 @@ TEST_F(LogDirectory, WithoutTheVariablesThePasswordDatabaseHasTheHome)
    if (child == 0)
    {
       alarm(30);  // the child never outlives a hung look-up
-      int status = 2;
-      if (setgid(gid) == 0 && setuid(uid) == 0)
-      {
-         status = str(DtGetQorLogDirectory()) == expected ? 0 : 1;
-      }
-      _exit(status);
+      if (setgid(gid) != 0 || setuid(uid) != 0)
+         _exit(2);
+      _exit(str(DtGetQorLogDirectory()) == expected ? 0 : 1);
    }
    int status = 0;
    ASSERT_EQ(child, waitpid(child, &status, 0));

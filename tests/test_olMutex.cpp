@@ -22,33 +22,23 @@ bool freeForAnotherThread(DtMutex& mutex)
 class CountingMutex : public DtMutex
 {
 public:
-   void lock() override
-   {
-      ++locks;
-      DtMutex::lock();
-   }
-   void unlock() override
-   {
-      ++unlocks;
-      DtMutex::unlock();
-   }
+   void lock() override { ++locks, DtMutex::lock(); }
+   void unlock() override { ++unlocks, DtMutex::unlock(); }
    int locks = 0;
    int unlocks = 0;
 };
 
-TEST(DtMutexTest, RecursiveLockIsFreedOnlyByTheLastUnlock)
+TEST(DtMutexTest, RecursiveLockIsFreedOnlyByTheLastUnlockAndCopiesCarryNoLockState)
 {
    DtMutex mutex;
    mutex.lock();
    EXPECT_TRUE(mutex.tryLock()) << "the holder may take it again";
+   DtMutex copy(mutex);
+   DtMutex assigned;
+   assigned = mutex;
+   EXPECT_TRUE(freeForAnotherThread(copy) && freeForAnotherThread(assigned));
    std::atomic<bool> acquired(false);
-   std::thread waiter(
-       [&]
-       {
-          mutex.lock();
-          acquired = true;
-          mutex.unlock();
-       });
+   std::thread waiter([&] { mutex.lock(), acquired = true, mutex.unlock(); });
    mutex.unlock();
    EXPECT_FALSE(freeForAnotherThread(mutex)) << "one level is still held";
    EXPECT_FALSE(acquired.load()) << "the waiter got in while a level was still held";
@@ -56,20 +46,6 @@ TEST(DtMutexTest, RecursiveLockIsFreedOnlyByTheLastUnlock)
    waiter.join();
    EXPECT_TRUE(acquired.load());
    EXPECT_TRUE(freeForAnotherThread(mutex));
-}
-
-TEST(DtMutexTest, CopyAndAssignmentCarryNoLockState)
-{
-   DtMutex original;
-   original.lock();
-   DtMutex copy(original);
-   DtMutex assigned;
-   assigned = original;
-   EXPECT_TRUE(freeForAnotherThread(copy));
-   EXPECT_TRUE(freeForAnotherThread(assigned));
-   EXPECT_FALSE(freeForAnotherThread(original));
-   original.unlock();
-   EXPECT_TRUE(freeForAnotherThread(original));
 }
 
 TEST(DtScopedLockTest, LocksOnlyOnConditionAndActsOnceHoweverOftenCalled)
@@ -102,8 +78,6 @@ TEST(DtScopedLockTest, LocksOnlyOnConditionAndActsOnceHoweverOftenCalled)
    }
 }
 
-// ---------------------------------------------------------------- sequence lock
-
 struct Counts
 {
    int acquires = 0;
@@ -114,24 +88,20 @@ TEST(DtScopedSequenceLockTest, EachCopyAcquiresAndEveryGuardReleases)
 {
    void (*const countAcquire)(void*) = [](void* o) { ++static_cast<Counts*>(o)->acquires; };
    void (*const countRelease)(void*) = [](void* o) { ++static_cast<Counts*>(o)->releases; };
-   struct Case
+   for (auto lockFunction : {countAcquire, static_cast<void (*)(void*)>(nullptr)})
    {
-      void (*lockFunction)(void*);
-      int expectedAcquires;
-   } const cases[] = {{countAcquire, 2}, {nullptr, 0}};
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.expectedAcquires);
+      int const expectedAcquires = lockFunction ? 2 : 0;
+      SCOPED_TRACE(expectedAcquires);
       Counts counts;
       {
-         DtScopedSequenceLock first(&counts, c.lockFunction, countRelease);
+         DtScopedSequenceLock first(&counts, lockFunction, countRelease);
          EXPECT_EQ(0, counts.acquires) << "the first guard does not acquire";
          DtScopedSequenceLock second(first);
          DtScopedSequenceLock third(second);
-         EXPECT_EQ(c.expectedAcquires, counts.acquires);
+         EXPECT_EQ(expectedAcquires, counts.acquires);
          EXPECT_EQ(0, counts.releases);
       }
-      EXPECT_EQ(c.expectedAcquires, counts.acquires);
+      EXPECT_EQ(expectedAcquires, counts.acquires);
       EXPECT_EQ(3, counts.releases);
    }
 }

@@ -18,16 +18,12 @@
 namespace
 {
 
-// Every wait in these tests gives up after this long.
-constexpr std::chrono::seconds theWaitBound(20);
-
+// Every wait in these tests gives up after 20 seconds.
 bool waitFor(std::function<bool()> const& condition)
 {
-   auto const deadline = std::chrono::steady_clock::now() + theWaitBound;
+   auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
    while (!condition() && std::chrono::steady_clock::now() < deadline)
-   {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
-   }
    return condition();
 }
 
@@ -57,19 +53,19 @@ TEST(DtThreadTest, WalksThroughTheStateTable)
    PollingRunnable runnable;
    DtThread thread(std::make_shared<DtThreadStart>(&runnable));
    thread.stop(true);  // never started: nothing happens
-   EXPECT_FALSE(thread.hasStarted());
-   EXPECT_TRUE(thread.stopped());
-   EXPECT_FALSE(thread.isRunning());
+   EXPECT_TRUE(!thread.hasStarted() && thread.stopped() && !thread.isRunning());
    EXPECT_EQ(0, runnable.stopCalls.load());
    EXPECT_EQ(2, thread.join());
    ASSERT_EQ(0, thread.start());
+   unsigned long const handle = thread.handle();
+   EXPECT_EQ(1, thread.start()) << "a second start before the join is refused";
+   EXPECT_EQ(handle, thread.handle());
 
    ASSERT_TRUE(waitFor([&] { return thread.isRunning(); }));
-   EXPECT_FALSE(thread.stopped());
-   EXPECT_EQ(thread.handle(), runnable.threadId.load());
-   EXPECT_NE(DtThread::GetCurrentThreadHandle(), runnable.threadId.load());
+   EXPECT_FALSE(thread.stopped()) << "a refused start leaves the running body alone";
+   EXPECT_EQ(handle, runnable.threadId.load());
+   EXPECT_NE(DtThread::GetCurrentThreadHandle(), handle);
 
-   unsigned long const handle = thread.handle();
    thread.stop(false);
    EXPECT_TRUE(thread.stopped());
    EXPECT_TRUE(thread.hasStarted()) << "stop(false) leaves the handle set";
@@ -78,25 +74,11 @@ TEST(DtThreadTest, WalksThroughTheStateTable)
 
    thread.stop(true);
    EXPECT_EQ(1, runnable.stopCalls.load()) << "the second stop only joins";
-   EXPECT_FALSE(thread.hasStarted());
-   EXPECT_TRUE(thread.stopped());
+   EXPECT_TRUE(!thread.hasStarted() && thread.stopped());
    EXPECT_EQ(2, DtThreadJoin(handle)) << "joined once, by stop(true)";
-}
-
-TEST(DtThreadTest, SecondStartBeforeJoinIsRefusedAndRestartAfterJoinWorks)
-{
-   PollingRunnable runnable;
-   DtThread thread(std::make_shared<DtThreadStart>(&runnable));
-   ASSERT_EQ(0, thread.start());
-   unsigned long const handle = thread.handle();
-   EXPECT_EQ(1, thread.start());
-   EXPECT_EQ(handle, thread.handle());
-   EXPECT_FALSE(thread.stopped()) << "a refused start leaves the running body alone";
-   thread.stop(true);
-   ASSERT_EQ(0, thread.start());
+   ASSERT_EQ(0, thread.start()) << "a joined thread starts again";
    thread.stop(true);  // right after start, before the body may have been entered
-   EXPECT_FALSE(thread.isRunning());
-   EXPECT_FALSE(thread.hasStarted());
+   EXPECT_TRUE(!thread.isRunning() && !thread.hasStarted());
 }
 
 TEST(DtThreadTest, DestructorStopsAndJoinsRunnablesAndFunctions)
@@ -125,8 +107,7 @@ TEST(DtThreadTest, StartInCurrentThreadIsOutOfReachOfStop)
    };
    DtThread thread(std::make_shared<DtThreadStart>(body, &thread));
    EXPECT_EQ(0, thread.startInCurrentThread());
-   EXPECT_FALSE(thread.isRunning());
-   EXPECT_FALSE(thread.stopped());
+   EXPECT_TRUE(!thread.isRunning() && !thread.stopped());
    EXPECT_EQ(0UL, thread.handle());
 }
 
@@ -138,9 +119,7 @@ void throwingBody(void*, bool volatile*)
 void cancellableBody(void*, bool volatile*)
 {
    for (int i = 0; i < 20000; ++i)
-   {
       usleep(1000);  // a cancellation point
-   }
 }
 
 TEST(DtThreadTest, BodiesEndingAbnormallyEndOnlyTheirThreadAndClearRunning)
@@ -160,14 +139,13 @@ TEST(DtThreadTest, BodiesEndingAbnormallyEndOnlyTheirThreadAndClearRunning)
    }
 }
 
-void* setFlag(void* argument)
-{
-   *static_cast<std::atomic<bool>*>(argument) = true;
-   return argument;
-}
-
 TEST(DtThreadFunctionsTest, CreateRunsAndJoinSucceedsOnce)
 {
+   auto setFlag = [](void* argument) -> void*
+   {
+      *static_cast<std::atomic<bool>*>(argument) = true;
+      return argument;
+   };
    std::atomic<bool> ran(false);
    unsigned long id = 0;
    unsigned long const result = DtThreadCreate(setFlag, &ran, &id);

@@ -27,9 +27,7 @@ bool waitFor(std::function<bool()> const& condition)
 {
    auto const deadline = std::chrono::steady_clock::now() + theWaitBound;
    while (!condition() && std::chrono::steady_clock::now() < deadline)
-   {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
-   }
    return condition();
 }
 
@@ -59,9 +57,7 @@ public:
    }
    void stop() override { ++stopCalls; }
 
-   std::atomic<int> runs{0};
-   std::atomic<int> ends{0};
-   std::atomic<int> stopCalls{0};
+   std::atomic<int> runs{0}, ends{0}, stopCalls{0};
    std::atomic<long> iterations{0};
    std::atomic<unsigned long> threadId{0};
 
@@ -84,38 +80,23 @@ std::string thrownText(std::function<void()> const& action)
    return "";
 }
 
-TEST(DtRunnableTest, ExecuteInstallsTheFlagAndRunCalledWithoutOneIsToldToStop)
-{
-   CountingRunnable runnable;
-   bool volatile flag = true;
-   runnable.execute(&flag);
-   EXPECT_EQ(DtGetThreadId(), runnable.threadId.load());
-   runnable.run();
-   EXPECT_EQ(2, runnable.runs.load());
-   EXPECT_EQ(0, runnable.iterations.load());
-}
-
 TEST(DtThreadedObjectTest, MisuseThrowsItsOwnTypeAndText)
 {
+   CountingRunnable unattached;  // run without a stop flag is told to stop at once
+   unattached.run();
+   EXPECT_EQ(0, unattached.iterations.load());
    DtThreadedObject empty;
    EXPECT_EQ(0U, thrownText<DtInvalidInput>([&] { empty.start(); })
                      .find("DtInvalidInput: Runnable pointer may not be null. @ void "
                            "DtThreadedObject::start() [olThreadedObject.cpp:"));
-   EXPECT_FALSE(empty.running());
    EXPECT_EQ(0U, thrownText<DtInvalidInput>([&] { empty.setRunnableObject(nullptr); })
                      .find("DtInvalidInput: Input may not be null. @ "));
-   EXPECT_EQ(nullptr, empty.runnableObject());
    for (bool wait : {true, false})
-   {
       EXPECT_EQ(0U, thrownText<DtThreadNotStarted>([&] { empty.stop(wait); })
                         .find("DtThreadNotStarted: Thread must be started to be stopped. @ "));
-   }
    empty.join();  // before any start: returns at once
    EXPECT_FALSE(empty.running());
-}
 
-TEST(DtThreadedObjectTest, WhileRunningStartAndSetRunnableThrowAndDestructionStops)
-{
    auto runnable = std::make_shared<CountingRunnable>();
    auto other = std::make_shared<CountingRunnable>();
    {
@@ -124,12 +105,9 @@ TEST(DtThreadedObjectTest, WhileRunningStartAndSetRunnableThrowAndDestructionSto
       ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 1; }));
       for (auto misuse : {std::function<void()>([&] { object.start(); }),
                           std::function<void()>([&] { object.setRunnableObject(other); })})
-      {
          EXPECT_EQ(0U, thrownText<DtThreadAlreadyRunning>(misuse).find(
                            "DtThreadAlreadyRunning: Thread already running. @ "));
-      }
       EXPECT_EQ(runnable, object.runnableObject());
-      EXPECT_TRUE(object.running());
       long const before = runnable->iterations;
       EXPECT_TRUE(waitFor([&] { return runnable->iterations.load() > before; }))
           << "the body kept running";
@@ -140,7 +118,7 @@ TEST(DtThreadedObjectTest, WhileRunningStartAndSetRunnableThrowAndDestructionSto
    EXPECT_EQ(0, other->runs.load());
 }
 
-TEST(DtThreadedObjectTest, StopsWithAndWithoutWaitAndStartsAgain)
+TEST(DtThreadedObjectTest, StopsWithAndWithoutWaitJoinsAndStartsAgain)
 {
    auto runnable = std::make_shared<CountingRunnable>();
    {
@@ -161,19 +139,13 @@ TEST(DtThreadedObjectTest, StopsWithAndWithoutWaitAndStartsAgain)
       object.stop(false);
    }  // the destructor joins the thread left by stop(false)
    EXPECT_EQ(3, runnable->ends.load());
-}
 
-TEST(DtThreadedObjectTest, JoinWaitsForABodyThatEndsByItself)
-{
-   auto runnable = std::make_shared<CountingRunnable>(5);
-   DtThreadedObject object(runnable);
+   auto finite = std::make_shared<CountingRunnable>(5);
+   DtThreadedObject object(finite);
    object.start();
-   ASSERT_TRUE(completesInTime([&] { object.join(); }));
-   EXPECT_EQ(1, runnable->ends.load());
+   ASSERT_TRUE(completesInTime([&] { object.join(); })) << "join waits for the body's own end";
+   EXPECT_EQ(1, finite->ends.load());
    EXPECT_FALSE(object.running());
-   object.start();  // a joined object starts again
-   ASSERT_TRUE(completesInTime([&] { object.join(); }));
-   EXPECT_EQ(2, runnable->ends.load());
 }
 
 // A body that takes a while to wind down after it sees the flag, and reports being
@@ -207,11 +179,7 @@ TEST(DtThreadedObjectTest, ReplacingTheRunnableAfterStopWithoutWaitWaitsForTheOl
    slow.reset();  // the object now holds the only reference
    object.setRunnableObject(std::make_shared<CountingRunnable>());
    EXPECT_FALSE(destroyedEarly.load()) << "the runnable was released while its body ran";
-   object.start();
-   object.stop(true);
 }
-
-// ---------------------------------------------------------------- DtIoServiceRunnable
 
 class IoServiceRunnableTest : public ::testing::Test
 {
@@ -233,11 +201,10 @@ TEST_F(IoServiceRunnableTest, RunsPostedWorkUntilTheThreadStopsAgainAndAgain)
 {
    EXPECT_TRUE(runnable->finished());
    auto owner = std::make_unique<DtThreadedObject>(runnable);
-   DtThreadedObject& thread = *owner;
    for (int round = 0; round < 3; ++round)
    {
       SCOPED_TRACE(round);
-      thread.start();
+      owner->start();
       EXPECT_TRUE(runsOnIoThread());
       EXPECT_FALSE(runnable->finished());
       // With nothing pending the context would return; the loop keeps it running.
@@ -251,7 +218,7 @@ TEST_F(IoServiceRunnableTest, RunsPostedWorkUntilTheThreadStopsAgainAndAgain)
          EXPECT_FALSE(runnable->finished()) << "stop(bool) alone does not end the loop";
       }
       // The last round ends by destroying the threaded object.
-      ASSERT_TRUE(completesInTime([&] { round < 2 ? thread.stop(true) : owner.reset(); }));
+      ASSERT_TRUE(completesInTime([&] { round < 2 ? owner->stop(true) : owner.reset(); }));
       EXPECT_TRUE(runnable->finished());
    }
 }

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -53,7 +54,6 @@ public:
    double absRealTime() const override { return now; }
 
    bool simTimeSetField() const { return mySimTimeSet; }
-   bool initialised() const { return myInitialised; }
 
    double now = 1000.0;
 };
@@ -91,7 +91,6 @@ TEST(Clock, NewClockReportsSimTimeNotSetUntilSet)
 {
    CapturePrinter capture(DtInfo);
    ManualClock manual;
-   EXPECT_TRUE(manual.initialised());
    EXPECT_FALSE(manual.simTimeSetField());
    EXPECT_EQ(0.0, manual.simTime());
    EXPECT_EQ("", capture.text()) << "construction prints nothing";
@@ -185,43 +184,44 @@ TEST_F(NoGlobalClock, FunctionsUseTheOneClockAfterTimeInit)
 
 TEST_F(TimeStamp, ScalingModes)
 {
-   EXPECT_EQ(2147483648.0, DtNetTimeStamp::theHourFracPerHour);
-   EXPECT_EQ(4.656612873077393e-10, DtNetTimeStamp::theHourPerHourFrac);
-   EXPECT_FALSE(DtNetTimeStamp::timeStampDis5Increments());
-
-   DtNetTimeStamp::setTimeStampDis5Increments(true);
-   EXPECT_EQ(2147483647.0, DtNetTimeStamp::theHourFracPerHour);
-   EXPECT_EQ(4.656612875245797e-10, DtNetTimeStamp::theHourPerHourFrac);
-   EXPECT_TRUE(DtNetTimeStamp::timeStampDis5Increments());
-
-   DtNetTimeStamp::setTimeStampDis5Increments(false);
-   EXPECT_EQ(2147483648.0, DtNetTimeStamp::theHourFracPerHour);
-   EXPECT_EQ(4.656612873077393e-10, DtNetTimeStamp::theHourPerHourFrac);
+   // Hour fractions per hour and its inverse: 2^31 normally, 2^31 - 1 in DIS 5 mode.
+   for (bool dis5 : {true, false})
+   {
+      SCOPED_TRACE(dis5);
+      DtNetTimeStamp::setTimeStampDis5Increments(dis5);
+      EXPECT_EQ(dis5, DtNetTimeStamp::timeStampDis5Increments());
+      EXPECT_EQ(dis5 ? 2147483647.0 : 2147483648.0, DtNetTimeStamp::theHourFracPerHour);
+      EXPECT_EQ(dis5 ? 4.656612875245797e-10 : 4.656612873077393e-10,
+                DtNetTimeStamp::theHourPerHourFrac);
+   }
 }
 
 TEST_F(TimeStamp, RoundTripsWithinTheHour)
 {
-   struct Case
-   {
-      double seconds;
-      double expected;
-   };
+   double const nan = std::numeric_limits<double>::quiet_NaN();
+   double const inf = std::numeric_limits<double>::infinity();
    // One step of the stamp is 3600 / 2^31 seconds, about 1.7 microseconds.
-   Case const cases[] = {
+   // Times that are not finite count as the hour's start.
+   std::pair<double, double> const cases[] = {
        {0.0, 0.0},     {3599.999, 3599.999}, {3600.0, 0.0},
        {3600.5, 0.5},  {7210.0, 10.0},       {1.7e9, std::fmod(1.7e9, 3600.0)},
-       {-0.5, 3599.5},
-   };
+       {-0.5, 3599.5}, {nan, 0.0},           {inf, 0.0}};
    for (bool dis5 : {false, true})
    {
       DtNetTimeStamp::setTimeStampDis5Increments(dis5);
-      for (Case const& c : cases)
+      for (auto const& [seconds, expected] : cases)
       {
-         SCOPED_TRACE(::testing::Message() << "dis5 " << dis5 << ", seconds " << c.seconds);
-         DtNetTimeStamp stamp(c.seconds, DtTimeStampClear);
-         EXPECT_NEAR(c.expected, stamp.time(), 1e-5);
-         EXPECT_GE(stamp.time(), 0.0);
-         EXPECT_LT(stamp.time(), 3600.0);
+         SCOPED_TRACE(::testing::Message() << "dis5 " << dis5 << ", seconds " << seconds);
+         DtNetTimeStamp stamp(seconds, DtTimeStampSet);
+         EXPECT_NEAR(expected, stamp.time(), 1e-5);
+         if (expected == 0.0)
+         {
+            EXPECT_EQ(0.0, stamp.time()) << "exactly the hour's start";
+         }
+         EXPECT_TRUE(stamp.time() >= 0.0 && stamp.time() < 3600.0) << stamp.time();
+         EXPECT_EQ(DtTimeStampSet, stamp.type());
+         stamp.setTime(seconds + 1.0);
+         EXPECT_EQ(DtTimeStampSet, stamp.type()) << "setTime keeps the type bit";
       }
    }
 }
@@ -243,29 +243,15 @@ TEST_F(TimeStamp, ValueIsTheHourFractionShiftedLeftByOneInNetworkOrder)
    EXPECT_EQ((1073741823u << 1) | 1u, static_cast<unsigned int>(halfDis5));
 }
 
-TEST_F(TimeStamp, TypeBit)
+TEST_F(TimeStamp, SetTypeKeepsTheTimeAndOnlyOneSetsTheBit)
 {
    DtNetTimeStamp stamp(100.0, DtTimeStampSet);
-   EXPECT_EQ(DtTimeStampSet, stamp.type());
-
    stamp.setTime(200.0);
-   EXPECT_EQ(DtTimeStampSet, stamp.type()) << "setTime keeps the type bit";
    EXPECT_NEAR(200.0, stamp.time(), 1e-5);
-
    stamp.setType(DtTimeStampClear);
    EXPECT_EQ(DtTimeStampClear, stamp.type());
    EXPECT_NEAR(200.0, stamp.time(), 1e-5) << "setType keeps the time";
-
    stamp.setType(DtTimeStampSet);
    stamp.setType(static_cast<DtTimeStampType>(5));
-   EXPECT_EQ(DtTimeStampClear, stamp.type()) << "only 1 sets the bit";
-}
-
-TEST_F(TimeStamp, NonFiniteTimesCountAsTheHoursStart)
-{
-   DtNetTimeStamp stamp(std::numeric_limits<double>::quiet_NaN(), DtTimeStampSet);
-   EXPECT_EQ(0.0, stamp.time());
-   EXPECT_EQ(DtTimeStampSet, stamp.type());
-   stamp.setTime(std::numeric_limits<double>::infinity());
-   EXPECT_EQ(0.0, stamp.time());
+   EXPECT_EQ(DtTimeStampClear, stamp.type());
 }

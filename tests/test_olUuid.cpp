@@ -3,7 +3,6 @@
 
 #include <olutil/olPrint.h>
 
-#include <cctype>
 #include <cstring>
 #include <set>
 #include <sstream>
@@ -42,10 +41,11 @@ std::string textOf(DtOstUuid const& uuid)
    return text.c_str();
 }
 
-bool isNull(DtOstUuid const& uuid)
+DtOstUuid fromText(char const* text)
 {
-   unsigned char const zero[16] = {};
-   return std::memcmp(uuid.data(), zero, sizeof(zero)) == 0;
+   DtOstUuid uuid;
+   uuid.setDataString(text);
+   return uuid;
 }
 
 char const* const theKnownText = "00112233-4455-6677-8899-aabbccddeeff";
@@ -53,9 +53,7 @@ char const* const theKnownText = "00112233-4455-6677-8899-aabbccddeeff";
 
 TEST(Uuid, DefaultIsNullAndEqualToNullUuid)
 {
-   DtOstUuid a;
-   EXPECT_TRUE(isNull(a));
-   EXPECT_TRUE(a == DtOstUuid());
+   DtOstUuid const a;
    EXPECT_TRUE(a == DtOstUuid::nullUuid());
    EXPECT_EQ("00000000-0000-0000-0000-000000000000", textOf(a));
 }
@@ -74,18 +72,20 @@ TEST(Uuid, GeneratedIdentifiersDifferAndAreVersioned)
    EXPECT_EQ(64u, seen.size());
 }
 
-TEST(Uuid, TextRoundTrip)
+TEST(Uuid, TextAndByteRoundTrips)
 {
-   DtOstUuid id;
-   id.setDataString(theKnownText);
+   DtOstUuid const id = fromText(theKnownText);
    unsigned char const expected[16] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
                                        0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff};
    EXPECT_EQ(0, std::memcmp(expected, id.data(), 16));
    EXPECT_EQ(theKnownText, textOf(id));
+   EXPECT_TRUE(fromText("00112233-4455-6677-8899-AABBCCDDEEFF") == id) << "upper case parses";
 
-   DtOstUuid upper;
-   upper.setDataString("00112233-4455-6677-8899-AABBCCDDEEFF");
-   EXPECT_TRUE(upper == id) << "upper-case text parses to the same bytes";
+   // setData copies sixteen bytes and no more.
+   char const bytes[17] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17};
+   DtOstUuid raw;
+   raw.setData(bytes);
+   EXPECT_EQ("01020304-0506-0708-090a-0b0c0d0e0f10", textOf(raw));
 }
 
 TEST(Uuid, BadTextWarnsAndKeepsTheValue)
@@ -102,8 +102,7 @@ TEST(Uuid, BadTextWarnsAndKeepsTheValue)
    {
       SCOPED_TRACE(bad);
       CapturePrinter capture(DtWarn);
-      DtOstUuid id;
-      id.setDataString(theKnownText);
+      DtOstUuid id = fromText(theKnownText);
       id.setDataString(bad);
       EXPECT_EQ(theKnownText, textOf(id));
       // The warning is the message alone, with no end of line of its own.
@@ -111,52 +110,37 @@ TEST(Uuid, BadTextWarnsAndKeepsTheValue)
    }
 }
 
-TEST(Uuid, SetDataCopiesSixteenBytes)
-{
-   char const bytes[17] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17};
-   DtOstUuid id;
-   id.setData(bytes);
-   EXPECT_EQ("01020304-0506-0708-090a-0b0c0d0e0f10", textOf(id));
-}
-
 TEST(Uuid, CopiesAndByteWiseOrder)
 {
    DtOstUuid a;
    a.generateUniqueId();
-   DtOstUuid b(a);
+   DtOstUuid const b(a);
    DtOstUuid c;
    c = a;
+   EXPECT_TRUE(c == a);
    c.generateUniqueId();
    EXPECT_TRUE(c != a);
    EXPECT_TRUE(b == a) << "copies are independent";
 
-   DtOstUuid low;
-   low.setDataString("00000000-0000-0000-0000-0000000000ff");
-   DtOstUuid high;
-   high.setDataString("01000000-0000-0000-0000-000000000000");
+   DtOstUuid const low = fromText("00000000-0000-0000-0000-0000000000ff");
+   DtOstUuid const high = fromText("01000000-0000-0000-0000-000000000000");
    EXPECT_TRUE(low < high);
-   EXPECT_FALSE(high < low);
-   EXPECT_FALSE(low < low);
+   EXPECT_FALSE(high < low || low < low);
 }
 
 TEST(Uuid, PrintForms)
 {
-   DtOstUuid id;
-   id.setDataString(theKnownText);
-
+   DtOstUuid const id = fromText(theKnownText);
    std::ostringstream stream;
    stream << id;
    EXPECT_EQ(theKnownText, stream.str());
-
    {
       CapturePrinter capture(DtInfo);
       id.print();
       EXPECT_EQ(std::string("UUID String: ") + theKnownText + "\n", capture.text());
    }
-   {
-      CapturePrinter capture(DtInfo);
-      id.printData();
-      DtInfo << std::flush;
-      EXPECT_EQ(theKnownText, capture.text());
-   }
+   CapturePrinter capture(DtInfo);
+   id.printData();
+   DtInfo << std::flush;
+   EXPECT_EQ(theKnownText, capture.text());
 }
