@@ -62,4 +62,4 @@ public:
       }                                                                                  \
    } while (0)
 
-#endif // OLUTIL_OLASSERT_H
+#endif  // OLUTIL_OLASSERT_H

@@ -167,4 +167,4 @@ DtString DtExceptionText(std::string const& message)
        DtExceptionText<(code)>(message).c_str(), __PRETTY_FUNCTION__, \
        DtFilename::stripPath(DtFilename(__FILE__)).c_str(), __LINE__, (cause))
 
-#endif // OLUTIL_OLEXCEPTIONS_H
+#endif  // OLUTIL_OLEXCEPTIONS_H

@@ -26,4 +26,4 @@ DtAbortFunc DtGetAbortFunc();
 // calls exit(-1): the exit status is 255 and the exit handlers run.
 void DtAbort();
 
-#endif // OLUTIL_OLFATAL_H
+#endif  // OLUTIL_OLFATAL_H

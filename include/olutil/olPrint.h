@@ -229,4 +229,4 @@ void DtFatalNetPerror(char const* format, ...);
 void DtWarnPerror(char const* format, ...);
 void DtWarnNetPerror(char const* format, ...);
 
-#endif // OLUTIL_OLPRINT_H
+#endif  // OLUTIL_OLPRINT_H

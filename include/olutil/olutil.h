@@ -50,4 +50,4 @@
 // Platform
 #include <olutil/olProcessControl.h>
 
-#endif // OLUTIL_UMBRELLA_H
+#endif  // OLUTIL_UMBRELLA_H
