@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -37,6 +38,15 @@ DtInetEndpoint udpEndpoint(char const* address, unsigned short port)
 std::string textOf(std::vector<char> const& buffer, int length)
 {
    return std::string(buffer.data(), static_cast<std::size_t>(length > 0 ? length : 0));
+}
+
+// The last error text of `socket` begins with `prefix`.
+::testing::AssertionResult errorStartsWith(DtInetSocket& socket, std::string const& prefix)
+{
+   std::string const text = socket.getLastErrorString().c_str();
+   if (text.rfind(prefix, 0) == 0)
+      return ::testing::AssertionSuccess();
+   return ::testing::AssertionFailure() << "error text: " << text;
 }
 
 // Repeats `read` until it gives something other than 0, or the wait limit passes.
@@ -116,14 +126,13 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ------------------------------------------------------------------ opening
 
-TEST_P(UdpLoopbackTest, OpenBindsTheDeviceAddressOnAChosenPort)
+TEST_P(UdpLoopbackTest, OpenBindsTheDeviceAddressAndCloseIsFinal)
 {
    auto socket = open(theSyncFlags);
    EXPECT_TRUE(socket->isOk());
    EXPECT_NE(socket->localPort(), 0);
    EXPECT_TRUE(socket->isUdp());
    EXPECT_STREQ(socket->localEndpoint().address().toDtString().c_str(), GetParam().address);
-   EXPECT_GE(socket->descriptor(), 0);
    EXPECT_EQ(socket->udpSocket(), socket->secondUdpSocket());
    EXPECT_TRUE(socket->isNonBlocking());
 
@@ -131,17 +140,10 @@ TEST_P(UdpLoopbackTest, OpenBindsTheDeviceAddressOnAChosenPort)
    unsigned short const port = socket->localPort();
    EXPECT_TRUE(socket->openSocket());
    EXPECT_EQ(socket->localPort(), port);
-   EXPECT_EQ(socket->state(), DtInetSockStateOpen);
-}
 
-TEST_P(UdpLoopbackTest, CloseEndsInStateNineAndCannotReopen)
-{
-   auto socket = open(theSyncFlags);
    EXPECT_TRUE(socket->closeSocket());
    EXPECT_EQ(socket->state(), DtInetSockStateClosed);
    EXPECT_FALSE(socket->isOk());
-   EXPECT_TRUE(socket->closeSocket());
-
    EXPECT_FALSE(socket->openSocket());
    EXPECT_EQ(socket->getLastError(), 131);
    EXPECT_STREQ(socket->getLastErrorString().c_str(),
@@ -149,69 +151,62 @@ TEST_P(UdpLoopbackTest, CloseEndsInStateNineAndCannotReopen)
    EXPECT_EQ(socket->state(), -1);
 }
 
-// ------------------------------------------------------------------ synchronous traffic
+// ------------------------------------------------------------------ traffic
 
-TEST_P(UdpLoopbackTest, DatagramArrivesWithItsSender)
+TEST_P(UdpLoopbackTest, DatagramsArriveWithTheirSender)
 {
    openPair(theSyncFlags, theSyncFlags);
    EXPECT_EQ(sendText("hello"), 5);
-
    std::vector<char> buffer(64);
    DtInetEndpoint from;
    ASSERT_EQ(receive(buffer, from), 5);
    EXPECT_EQ(textOf(buffer, 5), "hello");
    EXPECT_EQ(from.port(), sender->localPort());
    EXPECT_STREQ(from.address().toDtString().c_str(), GetParam().address);
+   EXPECT_EQ(receiver->receiveTime(), 0.0);  // a plain read takes no time stamp
 
-   EXPECT_EQ(sender->totalPacketsSent(), 1u);
-   EXPECT_EQ(sender->totalBytesSent(), 5u);
-   EXPECT_EQ(receiver->totalPacketsReceived(), 1u);
-   EXPECT_EQ(receiver->totalBytesReceived(), 5u);
-   // A plain read takes no time stamp.
-   EXPECT_EQ(receiver->receiveTime(), 0.0);
-}
-
-TEST_P(UdpLoopbackTest, ChainIsGatheredAndScattered)
-{
-   openPair(theSyncFlags, theSyncFlags);
+   // A chain is gathered on send and scattered on receive.
    std::vector<char> a{'a', 'b', 'c'}, b{'d'}, c{'e', 'f'};
    DtInetSockChain out{&a, &b, &c};
    EXPECT_EQ(sender->sendChain(out, 0), 6);
-
    std::vector<char> x(4, '.'), y(4, '.');
    DtInetSockChain in{&x, &y};
-   DtInetEndpoint from(DtInetAddr(GetParam().address), 1, DtInetProtocolUdp);
-   int const length = waitFor([&] { return receiver->recvToChainFrom(in, from, 0); });
-   ASSERT_EQ(length, 6);
-   EXPECT_EQ(textOf(x, 4), "abcd");
-   EXPECT_EQ(textOf(y, 4), "ef..");
-   EXPECT_EQ(from.port(), sender->localPort());
+   DtInetEndpoint chainFrom(DtInetAddr(GetParam().address), 1, DtInetProtocolUdp);
+   ASSERT_EQ(waitFor([&] { return receiver->recvToChainFrom(in, chainFrom, 0); }), 6);
+   EXPECT_EQ(textOf(x, 4) + textOf(y, 4), "abcdef..");
+   EXPECT_EQ(chainFrom.port(), sender->localPort());
    EXPECT_GT(receiver->receiveTime(), 0.0);
-   EXPECT_EQ(receiver->totalBytesReceived(), 6u);
+
+   EXPECT_EQ(sender->totalPacketsSent(), 2u);
+   EXPECT_EQ(sender->totalBytesSent(), 11u);
+   EXPECT_EQ(receiver->totalPacketsReceived(), 2u);
+   EXPECT_EQ(receiver->totalBytesReceived(), 11u);
 }
 
 TEST_P(UdpLoopbackTest, TooBigDatagramIsLostAndTheNextOneReadable)
 {
-   openPair(theSyncFlags, theSyncFlags);
-   ASSERT_EQ(sendText("0123456789"), 10);
-   ASSERT_EQ(sendText("abc"), 3);
-   ASSERT_EQ(sendText("0123456789"), 10);
-   ASSERT_EQ(sendText("xyz"), 3);
+   for (unsigned int flags : {theSyncFlags, theAsyncRecvFlags})
+   {
+      SCOPED_TRACE(flags);
+      openPair(flags, theSyncFlags);
+      for (char const* text : {"much too long", "abc", "also too long", "xyz"})
+         ASSERT_EQ(sendText(text), static_cast<int>(std::strlen(text)));
 
-   std::vector<char> small(4);
-   DtInetEndpoint from;
-   EXPECT_EQ(receive(small, from), -4);
-   EXPECT_EQ(receive(small, from), 3);
-   EXPECT_EQ(textOf(small, 3), "abc");
+      std::vector<char> small(4);
+      DtInetEndpoint from;
+      EXPECT_EQ(receive(small, from), -4);
+      EXPECT_EQ(receive(small, from), 3);
+      EXPECT_EQ(textOf(small, 3), "abc");
 
-   std::vector<char> piece(4, '.');
-   DtInetSockChain chain{&piece};
-   EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(chain, from, 0); }), -4);
-   EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(chain, from, 0); }), 3);
-   EXPECT_EQ(textOf(piece, 3), "xyz");
-   // "Too big" is not an error of the socket.
-   EXPECT_EQ(receiver->getLastError(), 0);
-   EXPECT_EQ(receiver->state(), DtInetSockStateOpen);
+      std::vector<char> a(2, '.'), b(2, '.');
+      DtInetSockChain chain{&a, &b};
+      EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(chain, from, 0); }), -4);
+      EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(chain, from, 0); }), 3);
+      EXPECT_EQ(textOf(a, 2) + textOf(b, 1), "xyz");
+      // "Too big" is not an error of the socket.
+      EXPECT_EQ(receiver->getLastError(), 0);
+      EXPECT_EQ(receiver->state(), DtInetSockStateOpen);
+   }
 }
 
 TEST_P(UdpLoopbackTest, NothingWaitingReadsZeroAndKeepsTheErrorRecord)
@@ -223,8 +218,9 @@ TEST_P(UdpLoopbackTest, NothingWaitingReadsZeroAndKeepsTheErrorRecord)
 
    std::vector<char> buffer(16);
    EXPECT_EQ(socket->recv(buffer.data(), buffer.size(), 0), 0);
-   DtInetSockChain chain{&buffer};
+   DtInetSockChain chain{&buffer}, empty;
    EXPECT_EQ(socket->recvToChain(chain, 0), 0);
+   EXPECT_EQ(socket->recvToChain(empty, 0), -4);
    EXPECT_EQ(socket->getLastError(), 22);
    EXPECT_STREQ(socket->getLastErrorString().c_str(),
                 "DtInetUdpSocket::setDestination(): Specified destination endpoint is not UDP");
@@ -240,49 +236,37 @@ TEST_P(UdpLoopbackTest, ProcessingCallbacksRunOnTheChainPathsOnly)
       seen = length;
       return 0;
    };
+   auto absorb = [](DtInetSocket*, int, DtInetSockChain&, DtInetEndpoint&, void*) { return 0; };
    receiver->addProcessingCallback(DtInetSockPostReceive, dropAll, nullptr, 1);
+   sender->addProcessingCallback(DtInetSockPreSend, absorb, nullptr, 1);
 
-   ASSERT_EQ(sendText("plain"), 5);
    std::vector<char> buffer(16);
    DtInetEndpoint from;
+   ASSERT_EQ(sendText("plain"), 5);
    EXPECT_EQ(receive(buffer, from), 5);
    EXPECT_EQ(seen, 0);
 
-   ASSERT_EQ(sendText("chain"), 5);
-   DtInetSockChain chain{&buffer};
-   // The filter drops the packet; the read itself counted it.
-   EXPECT_EQ(waitFor(
-                 [&]
-                 {
-                    receiver->recvToChainFrom(chain, from, 0);
-                    return seen;
-                 }),
-             5);
-   EXPECT_EQ(receiver->totalPacketsReceived(), 2u);
-}
-
-TEST_P(UdpLoopbackTest, AbsorbedChainSendStillCountsAPacket)
-{
-   openPair(theSyncFlags, theSyncFlags);
-   auto absorb = [](DtInetSocket*, int, DtInetSockChain&, DtInetEndpoint&, void*) { return 0; };
-   sender->addProcessingCallback(DtInetSockPreSend, absorb, nullptr, 1);
+   // The pre-send callback absorbs the chain: it counts as sent, and nothing leaves.
    std::vector<char> data(8, 'q');
    DtInetSockChain chain{&data};
    EXPECT_EQ(sender->sendChain(chain, 0), 8);
-   EXPECT_EQ(sender->totalPacketsSent(), 1u);
-
-   // Nothing left the socket.
+   EXPECT_EQ(sender->totalPacketsSent(), 2u);
    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-   std::vector<char> buffer(16);
    EXPECT_EQ(receiver->recv(buffer.data(), buffer.size(), 0), 0);
 
-   // Skipping the pre-send list sends it.
+   // Skipping the pre-send list sends it; the post-receive filter drops it after the
+   // read counted it.
    EXPECT_EQ(sender->sendChain(chain, DtInetSockCallNoPreCallbacks), 8);
-   DtInetEndpoint from;
-   EXPECT_EQ(receive(buffer, from), 8);
+   DtInetSockChain in{&buffer};
+   EXPECT_EQ(waitFor(
+                 [&]
+                 {
+                    EXPECT_EQ(receiver->recvToChainFrom(in, from, 0), 0);
+                    return seen;
+                 }),
+             8);
+   EXPECT_EQ(receiver->totalPacketsReceived(), 2u);
 }
-
-// ------------------------------------------------------------------ connected sockets
 
 TEST_P(UdpLoopbackTest, ConnectedSocketSendsToItsDestinationOnly)
 {
@@ -290,35 +274,32 @@ TEST_P(UdpLoopbackTest, ConnectedSocketSendsToItsDestinationOnly)
    auto other = open(theSyncFlags);
    ASSERT_TRUE(sender->connectToDestination());
    EXPECT_EQ(sender->state(), DtInetSockStateConnected);
-   EXPECT_TRUE(sender->isOk());
 
    std::string text = "connected";
    DtInetEndpoint elsewhere = other->localEndpoint();
-   EXPECT_EQ(sender->sendTo(&text[0], text.size(), elsewhere, 0), 9);
    std::vector<char> buffer(32);
    DtInetEndpoint from;
-   EXPECT_EQ(receive(buffer, from), 9);
-   EXPECT_EQ(other->recv(buffer.data(), buffer.size(), 0), 0);
-
-   // Disconnected, the socket still reports state 6 and still ignores the endpoint.
-   EXPECT_TRUE(sender->disconnect());
-   EXPECT_EQ(sender->state(), DtInetSockStateConnected);
-   EXPECT_EQ(sender->sendTo(&text[0], text.size(), elsewhere, 0), 9);
-   EXPECT_EQ(receive(buffer, from), 9);
-   EXPECT_EQ(other->recv(buffer.data(), buffer.size(), 0), 0);
+   for (bool disconnected : {false, true})
+   {
+      // Disconnected, the socket still reports state 6 and still ignores the endpoint.
+      SCOPED_TRACE(disconnected);
+      if (disconnected)
+      {
+         EXPECT_TRUE(sender->disconnect());
+      }
+      EXPECT_EQ(sender->state(), DtInetSockStateConnected);
+      EXPECT_EQ(sender->sendTo(&text[0], text.size(), elsewhere, 0), 9);
+      EXPECT_EQ(receive(buffer, from), 9);
+      EXPECT_EQ(other->recv(buffer.data(), buffer.size(), 0), 0);
+   }
    EXPECT_TRUE(sender->closeSocket());
    EXPECT_EQ(sender->state(), DtInetSockStateClosed);
-}
 
-TEST_P(UdpLoopbackTest, ConnectOpensAnInitializedSocket)
-{
-   auto receiverSocket = open(theSyncFlags);
-   DtInetUdpSocket socket(udpEndpoint(GetParam().address, receiverSocket->localPort()), 0, nullptr,
+   // Connecting an initialized socket opens it; the system chose address and port.
+   DtInetUdpSocket socket(udpEndpoint(GetParam().address, receiver->localPort()), 0, nullptr,
                           theSyncFlags, false);
-   ASSERT_EQ(socket.state(), DtInetSockStateInitialized);
    ASSERT_TRUE(socket.connectToDestination());
    EXPECT_EQ(socket.state(), DtInetSockStateConnected);
-   // The system chose the local address and port; the socket knows them.
    EXPECT_NE(socket.localPort(), 0);
    EXPECT_FALSE(socket.localEndpoint().address().isAnyAddr());
 }
@@ -327,151 +308,99 @@ TEST_P(UdpLoopbackTest, ConnectOpensAnInitializedSocket)
 
 TEST_P(UdpLoopbackTest, OptionsReadBackWhatWasSet)
 {
-   auto socket = open(theSyncFlags);
+   openPair(theSyncFlags, theSyncFlags);
+   auto& socket = receiver;
    EXPECT_TRUE(socket->getReuseAddressOption());  // DtInetSockFlagReuseAddress is default
    EXPECT_TRUE(socket->getBroadcastOption());     // set on every open
-   EXPECT_TRUE(socket->setDoNotRouteOption(true));
-   EXPECT_TRUE(socket->getDoNotRouteOption());
    EXPECT_TRUE(socket->setReuseAddressOption(false));
    EXPECT_FALSE(socket->getReuseAddressOption());
-   EXPECT_TRUE(socket->setSendBufferSize(65536));
-   EXPECT_GE(socket->getSendBufferSize(), 65536);
-   EXPECT_TRUE(socket->setReceiveBufferSize(65536));
-   EXPECT_GE(socket->getReceiveBufferSize(), 65536);
    EXPECT_TRUE(socket->setReceiveLowWatermark(1));
    EXPECT_EQ(socket->getReceiveLowWatermark(), 1);
-   EXPECT_GE(socket->getSendLowWatermark(), 0);
-   EXPECT_TRUE(socket->setMcastTtlOption(4));
+   EXPECT_EQ(socket->getBytesAvailable(), 0);
+   ASSERT_EQ(sendText("twelve bytes"), 12);
+   EXPECT_EQ(waitFor([&] { return socket->getBytesAvailable(); }), 12);
    EXPECT_TRUE(socket->setNonBlockingOption(false));
    EXPECT_FALSE(socket->isNonBlocking());
-   EXPECT_EQ(socket->getBytesAvailable(), 0);
    EXPECT_EQ(socket->state(), DtInetSockStateOpen);
    EXPECT_EQ(socket->getLastError(), 0);
-}
 
-TEST_P(UdpLoopbackTest, BytesAvailableSeesAWaitingDatagram)
-{
-   openPair(theSyncFlags, theSyncFlags);
-   ASSERT_EQ(sendText("twelve bytes"), 12);
-   EXPECT_EQ(waitFor([&] { return receiver->getBytesAvailable(); }), 12);
-}
-
-TEST_P(UdpLoopbackTest, RefusedOptionInvalidatesTheSocket)
-{
    // The system does not let the send low watermark change.
-   auto socket = open(theSyncFlags);
    EXPECT_FALSE(socket->setSendLowWatermark(100));
    EXPECT_EQ(socket->state(), -1);
    EXPECT_NE(socket->getLastError(), 0);
-   std::string const text = socket->getLastErrorString().c_str();
-   EXPECT_EQ(text.rfind("DtInetUdpSocket::setSendLowWatermark(): Error setting send low "
-                        "watermark to 100\n",
-                        0),
-             0u)
-       << text;
-}
-
-TEST(UdpSocketOptions, ClosedSocketRefusesSilently)
-{
-   DtInetUdpSocket socket;
-   EXPECT_EQ(socket.state(), DtInetSockStateInitialized);
-   EXPECT_FALSE(socket.isOk());
-   EXPECT_FALSE(socket.setBroadcastOption(true));
-   EXPECT_FALSE(socket.setReuseAddressOption(true));
-   EXPECT_FALSE(socket.setDoNotRouteOption(true));
-   EXPECT_FALSE(socket.setNonBlockingOption(true));
-   EXPECT_FALSE(socket.setSendBufferSize(1000));
-   EXPECT_FALSE(socket.setReceiveBufferSize(1000));
-   EXPECT_FALSE(socket.setSendLowWatermark(1));
-   EXPECT_FALSE(socket.setReceiveLowWatermark(1));
-   EXPECT_FALSE(socket.setMcastTtlOption(1));
-   EXPECT_FALSE(socket.setMcastDevice(DtInetAddr("127.0.0.1")));
-   EXPECT_EQ(socket.getSendBufferSize(), -1);
-   EXPECT_EQ(socket.getLastError(), 0);
-   EXPECT_EQ(socket.state(), DtInetSockStateInitialized);
-   EXPECT_EQ(socket.flags(), 0x0C83u);
-   EXPECT_FALSE(socket.isNonBlocking());
+   EXPECT_TRUE(errorStartsWith(
+       *socket,
+       "DtInetUdpSocket::setSendLowWatermark(): Error setting send low watermark to 100\n"));
 }
 
 // ------------------------------------------------------------------ refusals and failures
 
-TEST(UdpSocketErrors, SendWithoutDestinationInvalidatesTheSocket)
+TEST(UdpSocketErrors, SendRefusalsInvalidateTheSocket)
 {
-   DtInetUdpSocket socket;
    char data[4] = {1, 2, 3, 4};
-   EXPECT_EQ(socket.send(data, sizeof data, 0), -1);
-   EXPECT_EQ(socket.getLastError(), 89);
-   EXPECT_STREQ(socket.getLastErrorString().c_str(),
-                "DtInetUdpSocket::send(): Error - no default destination set.");
-   EXPECT_EQ(socket.state(), -1);
-
-   DtInetUdpSocket chainSocket;
    std::vector<char> buffer(data, data + 4);
    DtInetSockChain chain{&buffer};
-   EXPECT_EQ(chainSocket.sendChain(chain, 0), -1);
-   EXPECT_STREQ(chainSocket.getLastErrorString().c_str(),
-                "DtInetUdpSocket::sendChain(): Error - no default destination set.");
-}
-
-TEST(UdpSocketErrors, SocketWithoutSendFlagsRefusesToSend)
-{
-   DtInetUdpSocket socket(udpEndpoint("127.0.0.1", 9), 0, nullptr, DtInetSockFlagRecv, true);
-   ASSERT_EQ(socket.state(), DtInetSockStateOpen);
-   char data[4] = {};
    DtInetEndpoint target = udpEndpoint("127.0.0.1", 9);
-   EXPECT_EQ(socket.sendTo(data, sizeof data, target, 0), -1);
-   EXPECT_EQ(socket.getLastError(), 95);
-   EXPECT_STREQ(socket.getLastErrorString().c_str(),
-                "DtInetUdpSocket::send()/sendTo(): Socket not initialized for sending.");
-   EXPECT_EQ(socket.state(), -1);
-
-   std::vector<char> buffer(4);
-   DtInetSockChain chain{&buffer};
-   EXPECT_EQ(socket.sendChainTo(chain, target, 0), -1);
-   EXPECT_STREQ(socket.getLastErrorString().c_str(),
-                "DtInetUdpSocket::sendChain()/sendChainTo(): Socket not initialized for sending.");
-}
-
-TEST(UdpSocketErrors, EndpointProtocolsOnSendTo)
-{
-   DtInetUdpSocket receiver(udpEndpoint("127.0.0.1", 9), 0, nullptr, theSyncFlags, true);
-   DtInetUdpSocket socket(udpEndpoint("127.0.0.1", 9), 0, nullptr, theSyncFlags, true);
-   char data[3] = {'a', 'b', 'c'};
-
-   // An endpoint of no protocol is taken as UDP, and the caller's endpoint says so.
-   DtInetEndpoint unspecified(DtInetAddr("127.0.0.1"), receiver.localPort(),
-                              DtInetProtocolUnspecified);
-   EXPECT_EQ(socket.sendTo(data, sizeof data, unspecified, 0), 3);
-   EXPECT_EQ(unspecified.protocol(), DtInetProtocolUdp);
-
-   DtInetEndpoint tcp(DtInetAddr("127.0.0.1"), receiver.localPort(), DtInetProtocolTcp);
-   EXPECT_EQ(socket.sendTo(data, sizeof data, tcp, 0), -1);
-   EXPECT_EQ(socket.getLastError(), 95);
-   EXPECT_STREQ(socket.getLastErrorString().c_str(),
-                "DtInetUdpSocket::sendTo(): endpoint is a TCP endpoint");
-   EXPECT_EQ(socket.state(), -1);
+   DtInetEndpoint tcp(DtInetAddr("127.0.0.1"), 9, DtInetProtocolTcp);
+   struct Case
+   {
+      unsigned int flags;
+      std::function<int(DtInetUdpSocket&)> send;
+      int error;
+      char const* text;
+   } const cases[] = {
+       {theSyncFlags, [&](DtInetUdpSocket& s) { return s.send(data, 4, 0); }, 89,
+        "DtInetUdpSocket::send(): Error - no default destination set."},
+       {theSyncFlags, [&](DtInetUdpSocket& s) { return s.sendChain(chain, 0); }, 89,
+        "DtInetUdpSocket::sendChain(): Error - no default destination set."},
+       {DtInetSockFlagRecv, [&](DtInetUdpSocket& s) { return s.sendTo(data, 4, target, 0); }, 95,
+        "DtInetUdpSocket::send()/sendTo(): Socket not initialized for sending."},
+       {DtInetSockFlagRecv, [&](DtInetUdpSocket& s) { return s.sendChainTo(chain, target, 0); }, 95,
+        "DtInetUdpSocket::sendChain()/sendChainTo(): Socket not initialized for sending."},
+       {theSyncFlags, [&](DtInetUdpSocket& s) { return s.sendTo(data, 4, tcp, 0); }, 95,
+        "DtInetUdpSocket::sendTo(): endpoint is a TCP endpoint"},
+   };
+   for (Case const& c : cases)
+   {
+      SCOPED_TRACE(c.text);
+      DtInetUdpSocket socket;
+      ASSERT_TRUE(socket.setSocket(DtInetEndpoint(), 0, nullptr, c.flags));
+      if (c.error != 89)
+      {
+         ASSERT_TRUE(socket.setDestination(target));
+      }
+      ASSERT_TRUE(socket.openSocket()) << socket.getLastErrorString();
+      EXPECT_EQ(c.send(socket), -1);
+      EXPECT_EQ(socket.getLastError(), c.error);
+      EXPECT_STREQ(socket.getLastErrorString().c_str(), c.text);
+      EXPECT_EQ(socket.state(), -1);
+   }
 }
 
 TEST(UdpSocketErrors, TransmitFailureKeepsTheState)
 {
+   DtInetUdpSocket receiver(udpEndpoint("127.0.0.1", 9), 0, nullptr, theSyncFlags, true);
    DtInetUdpSocket socket(udpEndpoint("127.0.0.1", 9), 0, nullptr, theSyncFlags, true);
    ASSERT_EQ(socket.state(), DtInetSockStateOpen);
+   // An endpoint of no protocol is taken as UDP, and the caller's endpoint says so.
+   char data[3] = {'a', 'b', 'c'};
+   DtInetEndpoint target(DtInetAddr("127.0.0.1"), receiver.localPort(), DtInetProtocolUnspecified);
+   EXPECT_EQ(socket.sendTo(data, sizeof data, target, 0), 3);
+   EXPECT_EQ(target.protocol(), DtInetProtocolUdp);
+
    // Larger than any datagram can be.
    std::vector<char> huge(70000, 'h');
-   DtInetEndpoint target = udpEndpoint("127.0.0.1", 9);
    EXPECT_EQ(socket.sendTo(huge.data(), huge.size(), target, 0), -1);
    EXPECT_EQ(socket.getLastError(), 90);
-   std::string const text = socket.getLastErrorString().c_str();
-   EXPECT_EQ(text.rfind("DtInetUdpSocket::send()/sendTo() failed from ", 0), 0u) << text;
-   EXPECT_NE(text.find(" to 127.0.0.1:9\n"), std::string::npos) << text;
-   EXPECT_EQ(socket.state(), DtInetSockStateOpen);
-   EXPECT_EQ(socket.totalPacketsSent(), 0u);
+   EXPECT_TRUE(errorStartsWith(socket, "DtInetUdpSocket::send()/sendTo() failed from "));
+   EXPECT_NE(std::string(socket.getLastErrorString().c_str())
+                 .find(" to 127.0.0.1:" + std::to_string(receiver.localPort()) + "\n"),
+             std::string::npos);
+   EXPECT_EQ(socket.totalPacketsSent(), 1u);
 
    DtInetSockChain chain{&huge};
    EXPECT_EQ(socket.sendChainTo(chain, target, 0), -1);
-   EXPECT_EQ(std::string(socket.getLastErrorString().c_str())
-                 .rfind("DtInetUdpSocket::sendChain()/sendChainTo() failed from ", 0),
-             0u);
+   EXPECT_TRUE(errorStartsWith(socket, "DtInetUdpSocket::sendChain()/sendChainTo() failed from "));
    EXPECT_EQ(socket.state(), DtInetSockStateOpen);
 }
 
@@ -482,7 +411,7 @@ public:
    TcpLocalSocket() { myLocalEndpoint.setProtocol(DtInetProtocolTcp); }
 };
 
-TEST(UdpSocketErrors, TcpEndpointsCannotOpen)
+TEST(UdpSocketErrors, OpenRefusesTcpEndpointsAndBadDevices)
 {
    TcpLocalSocket local;
    EXPECT_FALSE(local.openSocket());
@@ -497,10 +426,7 @@ TEST(UdpSocketErrors, TcpEndpointsCannotOpen)
    EXPECT_STREQ(remote.getLastErrorString().c_str(),
                 "DtInetUdpSocket::openSocket(): Cannot open UDP socket to a remote TCP endpoint");
    EXPECT_EQ(remote.state(), -1);
-}
 
-TEST(UdpSocketErrors, UnicastWithABadDeviceFails)
-{
    DtInetDevice device(DtString("oltnosuchdev0"), DtInetUtils::DtInetFamilyIPv4);
    ASSERT_FALSE(device.isOk());
    DtInetUdpSocket socket(udpEndpoint("127.0.0.1", 9), 0, &device, theSyncFlags, true);
@@ -511,13 +437,23 @@ TEST(UdpSocketErrors, UnicastWithABadDeviceFails)
    EXPECT_EQ(socket.state(), -1);
 }
 
-TEST(UdpSocketSetup, DestinationRules)
+TEST(UdpSocketSetup, UnopenedSocketRules)
 {
    DtInetUdpSocket socket;
+   EXPECT_EQ(socket.flags(), 0x0C83u);
+   // Options on the closed system socket are refused without a record; the setters
+   // share one path, so a few stand for all.
+   EXPECT_FALSE(socket.setBroadcastOption(true));
+   EXPECT_FALSE(socket.setNonBlockingOption(true));
+   EXPECT_FALSE(socket.setMcastTtlOption(1));
+   EXPECT_FALSE(socket.setMcastDevice(DtInetAddr("127.0.0.1")));
+   EXPECT_EQ(socket.getSendBufferSize(), -1);
+   EXPECT_EQ(socket.getLastError(), 0);
+   EXPECT_FALSE(socket.isNonBlocking());
+
    DtInetEndpoint unspecified(DtInetAddr("127.0.0.1"), 4000, DtInetProtocolUnspecified);
    EXPECT_TRUE(socket.setDestination(unspecified));
    EXPECT_EQ(socket.destination().protocol(), DtInetProtocolUdp);
-   EXPECT_EQ(socket.destination().port(), 4000);
    EXPECT_EQ(unspecified.protocol(), DtInetProtocolUnspecified);
 
    EXPECT_FALSE(
@@ -525,44 +461,30 @@ TEST(UdpSocketSetup, DestinationRules)
    EXPECT_EQ(socket.getLastError(), 22);
    EXPECT_EQ(socket.destination().port(), 4000);
    EXPECT_EQ(socket.state(), DtInetSockStateInitialized);
-}
 
-TEST(UdpSocketSetup, SetSocketOnlyBeforeOpening)
-{
-   DtInetUdpSocket socket;
    EXPECT_TRUE(socket.setSocket(udpEndpoint("127.0.0.1", 9), 0, nullptr,
                                 DtInetSockFlagsDefault | DtInetSockFlagNonBlocking));
    EXPECT_TRUE(socket.isNonBlocking());
-   EXPECT_EQ(socket.destination().port(), 9);
    ASSERT_TRUE(socket.openSocket());
    EXPECT_FALSE(socket.setSocket(udpEndpoint("127.0.0.1", 10), 0, nullptr, 0));
    EXPECT_EQ(socket.destination().port(), 9);
 }
 
-TEST(UdpSocketSetup, DeviceIsCopiedOnlyBeforeOpening)
-{
-   DtInetDevice device(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
-   DtInetUdpSocket socket;
-   EXPECT_TRUE(socket.bindToDevice(nullptr));
-   EXPECT_EQ(socket.hostIf(), nullptr);
-   EXPECT_TRUE(socket.bindToDevice(&device));
-   ASSERT_NE(socket.hostIf(), nullptr);
-   EXPECT_NE(socket.hostIf(), &device);
-   EXPECT_STREQ(socket.hostIf()->deviceName().c_str(), "lo");
-}
-
 // ------------------------------------------------------------------ background paths
 
-TEST_P(UdpLoopbackTest, BackgroundReceiveQueuesInOrderWithTimes)
+TEST_P(UdpLoopbackTest, BackgroundQueuesKeepTheOrderAndStampTimes)
 {
-   openPair(theAsyncRecvFlags, theSyncFlags);
-   for (int i = 0; i < 20; ++i)
+   openPair(theAsyncRecvFlags, theAsyncSendFlags);
+   for (int i = 0; i < 30; ++i)
       ASSERT_EQ(sendText("packet " + std::to_string(i)), i < 10 ? 8 : 9);
+   std::vector<char> part(3, '-'), rest(3, '-');
+   DtInetSockChain out{&part, &rest};
+   ASSERT_EQ(sender->sendChain(out, 0), 6);
 
    std::vector<char> buffer(64);
    DtInetEndpoint from;
    double lastTime = 0.0;
-   for (int i = 0; i < 20; ++i)
+   for (int i = 0; i < 30; ++i)
    {
       SCOPED_TRACE(i);
       int const length = receive(buffer, from);
@@ -573,53 +495,20 @@ TEST_P(UdpLoopbackTest, BackgroundReceiveQueuesInOrderWithTimes)
    }
    EXPECT_GT(lastTime, 0.0);
    EXPECT_EQ(from.port(), sender->localPort());
+   std::vector<char> x(4, '.'), y(4, '.');
+   DtInetSockChain in{&x, &y};
+   ASSERT_EQ(waitFor([&] { return receiver->recvToChainFrom(in, from, 0); }), 6);
+   EXPECT_EQ(textOf(x, 4) + textOf(y, 2), "------");
    EXPECT_EQ(receiver->recv(buffer.data(), buffer.size(), 0), 0);
-   EXPECT_EQ(receiver->totalPacketsReceived(), 20u);
-}
+   EXPECT_EQ(receiver->totalPacketsReceived(), 31u);
+   EXPECT_EQ(sender->totalPacketsSent(), 31u);
 
-TEST_P(UdpLoopbackTest, BackgroundReceiveDropsWhatDoesNotFit)
-{
-   openPair(theAsyncRecvFlags, theSyncFlags);
-   ASSERT_EQ(sendText("much too long"), 13);
-   ASSERT_EQ(sendText("ok"), 2);
-   ASSERT_EQ(sendText("also too long"), 13);
-   ASSERT_EQ(sendText("yes"), 3);
-
-   std::vector<char> small(4);
-   DtInetEndpoint from;
-   EXPECT_EQ(receive(small, from), -4);
-   EXPECT_EQ(receive(small, from), 2);
-   EXPECT_EQ(textOf(small, 2), "ok");
-
-   std::vector<char> a(2, '.'), b(1, '.');
-   DtInetSockChain chain{&a, &b};
-   EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(chain, from, 0); }), -4);
-   EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(chain, from, 0); }), 3);
-   EXPECT_EQ(textOf(a, 2) + textOf(b, 1), "yes");
-   EXPECT_GT(receiver->receiveTime(), 0.0);
-}
-
-TEST_P(UdpLoopbackTest, BackgroundSendsLeaveInOrder)
-{
-   openPair(theSyncFlags, theAsyncSendFlags);
-   for (int i = 0; i < 50; ++i)
-      ASSERT_EQ(sendText("send " + std::to_string(i)), i < 10 ? 6 : 7);
-   std::vector<char> part(3, '-'), rest(3, '-');
-   DtInetSockChain chain{&part, &rest};
-   ASSERT_EQ(sender->sendChain(chain, 0), 6);
-
-   std::vector<char> buffer(64);
-   DtInetEndpoint from;
-   for (int i = 0; i < 50; ++i)
-   {
-      SCOPED_TRACE(i);
-      int const length = receive(buffer, from);
-      ASSERT_GT(length, 0);
-      EXPECT_EQ(textOf(buffer, length), "send " + std::to_string(i));
-   }
-   EXPECT_EQ(receive(buffer, from), 6);
-   EXPECT_EQ(textOf(buffer, 6), "------");
-   EXPECT_EQ(sender->totalPacketsSent(), 51u);
+   // Packets nobody reads are freed by closing (the sanitizer build checks).
+   for (int i = 0; i < 5; ++i)
+      ASSERT_EQ(sendText("unread"), 6);
+   std::this_thread::sleep_for(std::chrono::milliseconds(50));
+   EXPECT_TRUE(sender->closeSocket());
+   EXPECT_TRUE(receiver->closeSocket());
 }
 
 TEST_P(UdpLoopbackTest, ClosingDeliversQueuedSendsFirst)
@@ -646,6 +535,14 @@ TEST_P(UdpLoopbackTest, ClosingDeliversQueuedSendsFirst)
       std::memcpy(&number, buffer.data(), sizeof number);
       EXPECT_EQ(number, i);
    }
+
+   // Closed, the socket refuses what no I/O thread would send, for both send forms.
+   EXPECT_EQ(sender->send(&payload[0], payload.size(), 0), -1);
+   EXPECT_EQ(sender->getLastError(), 9);
+   std::vector<char> piece(4, 'c');
+   DtInetSockChain chain{&piece};
+   EXPECT_EQ(sender->sendChain(chain, 0), -1);
+   EXPECT_EQ(sender->getLastError(), 9);
 }
 
 TEST_P(UdpLoopbackTest, BackgroundSendFailureIsSticky)
@@ -664,34 +561,16 @@ TEST_P(UdpLoopbackTest, BackgroundSendFailureIsSticky)
    ASSERT_EQ(failed, -1);
    int const error = sender->getLastError();
    EXPECT_EQ(error, 90);
-   for (int i = 0; i < 3; ++i)
-   {
-      sender->clearError();
-      EXPECT_EQ(sender->send(&small[0], small.size(), 0), -1);
-      EXPECT_EQ(sender->getLastError(), error);
-      std::vector<char> piece(small.begin(), small.end());
-      DtInetSockChain chain{&piece};
-      EXPECT_EQ(sender->sendChain(chain, 0), -1);
-      EXPECT_EQ(sender->getLastError(), error);
-   }
+   sender->clearError();
+   EXPECT_EQ(sender->send(&small[0], small.size(), 0), -1);
+   EXPECT_EQ(sender->getLastError(), error);
+   std::vector<char> piece(small.begin(), small.end());
+   DtInetSockChain chain{&piece};
+   EXPECT_EQ(sender->sendChain(chain, 0), -1);
+   EXPECT_EQ(sender->getLastError(), error);
    // Transmit failures leave the socket open; closing still works.
    EXPECT_EQ(sender->state(), DtInetSockStateOpen);
    EXPECT_TRUE(sender->closeSocket());
-}
-
-TEST_P(UdpLoopbackTest, BackgroundSocketsCloseWithPacketsStillQueued)
-{
-   // Received packets nobody read and sends still queued are freed by closing (the
-   // sanitizer build checks that nothing leaks).
-   openPair(theAsyncRecvFlags | DtInetSockFlagAsyncSend,
-            theAsyncRecvFlags | DtInetSockFlagAsyncSend);
-   for (int i = 0; i < 20; ++i)
-      ASSERT_EQ(sendText("unread"), 6);
-   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-   EXPECT_TRUE(receiver->closeSocket());
-   EXPECT_TRUE(sender->closeSocket());
-   receiver.reset();
-   sender.reset();
 }
 
 // ------------------------------------------------------------------ namespaces
@@ -758,29 +637,22 @@ TEST_F(UdpNamespaceTest, MulticastDestinationBindsItsPortAndJoins)
    EXPECT_EQ(textOf(buffer, length), text);
    EXPECT_EQ(from.port(), 40002);
 
+   // An open group socket keeps its destination, and will not connect (last error 0).
+   EXPECT_FALSE(receiver.setDestination(udpEndpoint("192.0.2.2", 40003)));
+   EXPECT_EQ(receiver.getLastError(), 106);
+   EXPECT_STREQ(receiver.getLastErrorString().c_str(),
+                "DtInetUdpSocket::setDestination(): Cannot change destination endpoint of open "
+                "broadcast/multicast socket");
+   EXPECT_FALSE(receiver.connectToDestination());
+   EXPECT_EQ(receiver.getLastError(), 0);
+   EXPECT_STREQ(receiver.getLastErrorString().c_str(),
+                "DtInetUdpSocket::connectToDestination(): cannot connect() to multicast / "
+                "broadcast destination");
+
    // Dropping the group removes the pair.
    EXPECT_TRUE(receiver.dropMulticastGroup(udpEndpoint("239.1.2.3", 40001)));
    EXPECT_TRUE(receiver.joinedGroups().empty());
    EXPECT_EQ(receiver.state(), DtInetSockStateOpen);
-}
-
-TEST_F(UdpNamespaceTest, OpenMulticastSocketKeepsItsDestination)
-{
-   DtInetUdpSocket socket(udpEndpoint("239.1.2.4", 40003), 0, nullptr, theSyncFlags, true);
-   ASSERT_EQ(socket.state(), DtInetSockStateOpen) << socket.getLastErrorString();
-   EXPECT_FALSE(socket.setDestination(udpEndpoint("192.0.2.2", 40003)));
-   EXPECT_EQ(socket.getLastError(), 106);
-   EXPECT_STREQ(socket.getLastErrorString().c_str(),
-                "DtInetUdpSocket::setDestination(): Cannot change destination endpoint of open "
-                "broadcast/multicast socket");
-   EXPECT_EQ(socket.state(), DtInetSockStateOpen);
-
-   EXPECT_FALSE(socket.connectToDestination());
-   EXPECT_EQ(socket.getLastError(), 0);
-   EXPECT_STREQ(socket.getLastErrorString().c_str(),
-                "DtInetUdpSocket::connectToDestination(): cannot connect() to multicast / "
-                "broadcast destination");
-   EXPECT_EQ(socket.state(), DtInetSockStateOpen);
 }
 
 TEST_F(UdpNamespaceTest, ChosenDeviceCarriesTheGroup)
@@ -798,33 +670,9 @@ TEST_F(UdpNamespaceTest, ChosenDeviceCarriesTheGroup)
    // Leaving a group that was never joined fails at the option level.
    EXPECT_FALSE(socket.dropMulticastGroup(DtInetAddr("239.1.2.5"), &device));
    EXPECT_EQ(socket.state(), -1);
-   EXPECT_EQ(std::string(socket.getLastErrorString().c_str())
-                 .rfind("DtInetUdpSocket::dropMulticastGroup(): Error leaving group 239.1.2.5 on "
-                        "interface 192.0.2.2\n",
-                        0),
-             0u)
-       << socket.getLastErrorString();
-}
-
-TEST_F(UdpNamespaceTest, BroadcastReachesAnyBoundSockets)
-{
-   DtInetUdpSocket receiver(udpEndpoint("192.0.2.255", 40006), 0, nullptr, theSyncFlags, true);
-   ASSERT_EQ(receiver.state(), DtInetSockStateOpen) << receiver.getLastErrorString();
-   EXPECT_EQ(receiver.localPort(), 40006);
-   EXPECT_TRUE(receiver.localEndpoint().address().isAnyAddr());
-   EXPECT_TRUE(receiver.joinedGroups().empty());
-
-   DtInetUdpSocket sender(udpEndpoint("192.0.2.255", 40006), 40007, nullptr, theSyncFlags, true);
-   ASSERT_EQ(sender.state(), DtInetSockStateOpen) << sender.getLastErrorString();
-   std::string text = "everyone";
-   ASSERT_EQ(sender.send(&text[0], text.size(), 0), 8) << sender.getLastErrorString();
-
-   std::vector<char> buffer(64);
-   DtInetEndpoint from;
-   int const length =
-       waitFor([&] { return receiver.recvFrom(buffer.data(), buffer.size(), from, 0); });
-   ASSERT_EQ(length, 8);
-   EXPECT_EQ(textOf(buffer, length), text);
+   EXPECT_TRUE(errorStartsWith(socket,
+                               "DtInetUdpSocket::dropMulticastGroup(): Error leaving "
+                               "group 239.1.2.5 on interface 192.0.2.2\n"));
 }
 
 TEST_F(UdpNamespaceTest, SecondaryDeviceSendsFromItsAddressAndReceivesOnASecondSocket)
@@ -848,9 +696,12 @@ TEST_F(UdpNamespaceTest, SecondaryDeviceSendsFromItsAddressAndReceivesOnASecondS
    EXPECT_EQ(socket.localEndpoint().address().toDtString().c_str(), address);
    EXPECT_EQ(socket.localPort(), 40010);
 
-   // Broadcasts reach the any-bound receiving socket.
+   // Broadcasts reach the any-bound receiving socket. Without a device, a broadcast
+   // socket is bound to the any-address and joins nothing.
    DtInetUdpSocket peer(udpEndpoint("192.0.2.255", 40010), 40011, nullptr, theSyncFlags, true);
    ASSERT_EQ(peer.state(), DtInetSockStateOpen) << peer.getLastErrorString();
+   EXPECT_TRUE(peer.localEndpoint().address().isAnyAddr());
+   EXPECT_TRUE(peer.joinedGroups().empty());
    std::string text = "to the device";
    ASSERT_EQ(peer.send(&text[0], text.size(), 0), 13) << peer.getLastErrorString();
 

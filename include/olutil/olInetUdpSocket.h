@@ -32,10 +32,12 @@ typedef boost::asio::basic_datagram_socket<boost::asio::ip::udp> DtInetBoostUdpS
 // Thread safety: one application thread uses the socket. With an asynchronous flag
 // set, openSocket() starts one background I/O thread and closeSocket() stops it. That
 // thread runs only the receive and send completions of DtInetUdpSockPimpl; it meets the
-// application thread at locked queues, one queue step per lock. A send returns after
-// the datagram was queued; queued datagrams leave in order, one in flight at a time,
-// and closeSocket() sends whatever is still queued before the socket closes. A packet
-// received in the background is visible to recv() once its completion has run.
+// application thread at locked queues, one queue step per lock (a received packet and
+// its time go in and come out together). A send returns after the datagram was
+// queued; queued datagrams leave in order, one in flight at a time, and closeSocket()
+// sends whatever is still queued before the socket closes; before opening and after
+// closing a background send fails with error 9. A packet received in the background
+// is visible to recv() once its completion has run.
 //
 // Errors: nothing throws; see DtInetSocket. The state becomes -1 on a failed open,
 // connect, disconnect, close, option setter or getter, or group join/drop at the option
@@ -131,6 +133,9 @@ protected:
    // The read step of recvToChain and recvToChainFrom; `operation` names the caller in
    // the error text.
    int readChain(DtInetSockChain& chain, DtInetEndpoint& sender, char const* operation);
+   // recvToChain and recvToChainFrom when no receive callback is registered.
+   int readChainWithoutCallbacks(DtInetSockChain& chain, DtInetEndpoint& sender,
+                                 char const* operation);
    // The common body of recv and recvFrom.
    int readBuffer(char* buffer, unsigned long length, DtInetEndpoint* sender,
                   char const* operation);

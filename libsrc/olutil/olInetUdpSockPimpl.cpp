@@ -39,9 +39,9 @@ DtInetUdpSockPimpl::DtInetUdpSockPimpl(boost::asio::io_context* ioContext, DtIne
       mySendSocket(owner ? owner->udpSocket() : nullptr),
       myReceiveSocket(owner ? owner->secondUdpSocket() : nullptr),
       myReceiveBuffer(nullptr),
-      myHasStoredError(false),
       myAsyncSend(false),
       myWorkGuard(nullptr),
+      myHasStoredError(false),
       myOutstandingSends(0),
       mySendHalted(false)
 {
@@ -213,6 +213,13 @@ int DtInetUdpSockPimpl::queueSend(std::vector<char>* buffer, Endpoint* endpoint,
    if (hasStoredError())
    {
       error = myStoredError;
+      return DtInetSockResultFailed;
+   }
+   if (!myThread)
+   {
+      // Before opening or after closing no I/O thread would ever send it: say so
+      // rather than report a datagram as sent that never leaves.
+      error = boost::asio::error::bad_descriptor;
       return DtInetSockResultFailed;
    }
    int const bytes = static_cast<int>(buffer->size());

@@ -36,8 +36,9 @@ class DtThreadedObject;
 // Threads: start(), stop(), updateSecondSocket(), the send operations and the receive
 // queue readers belong to the socket's application thread. The I/O thread runs the
 // completions and addToSendQueue. The two meet at the three DtThreadSafe queues, each
-// locked for one queue step, and at the stored error, which the I/O thread writes once
-// and publishes through an atomic flag before the application thread reads it.
+// locked for one queue step, at the stored error, which the I/O thread writes once
+// and publishes through an atomic flag before the application thread reads it, and at
+// the two atomics that let stop() wait for the queued sends.
 class DtInetUdpSockPimpl
 {
 public:
@@ -108,17 +109,19 @@ private:
    DtInetUdpSocket* myOwner;
    DtInetBoostUdpSocket* mySendSocket;
    DtInetBoostUdpSocket* myReceiveSocket;
-   std::vector<char> myReceiveStorage;
    boost::asio::mutable_buffer* myReceiveBuffer;
    Endpoint mySender;
    boost::system::error_code myStoredError;
-   std::atomic<bool> myHasStoredError;
    bool myAsyncSend;
    WorkGuard* myWorkGuard;
    DtThreadSafe<Queue> mySendQueue;
    DtThreadSafe<Queue> myReceiveQueue;
    DtThreadSafe<std::deque<double>> myReceiveTimes;
    DtClock myClock;
+   // The bytes myReceiveBuffer describes.
+   std::vector<char> myReceiveStorage;
+   // Published by the I/O thread after myStoredError is written.
+   std::atomic<bool> myHasStoredError;
    // Datagrams accepted by asyncSendTo and not yet sent or given up; stop() waits for
    // it to reach 0 so that closing delivers what was queued.
    std::atomic<long> myOutstandingSends;
