@@ -34,142 +34,68 @@ struct Tracked : DtListedObj
 int a = 1, b = 2, c = 3, d = 4;
 }  // namespace
 
-TEST(DtListTest, EmptyListHasNothing)
+TEST(DtListTest, AddAndAddAfterLinkBothWays)
 {
    DtList list;
    EXPECT_EQ(nullptr, list.first());
-   EXPECT_EQ(nullptr, list.last());
-   EXPECT_EQ(0, list.count());
-   EXPECT_TRUE(list.isEmpty());
    EXPECT_EQ(nullptr, list.itemLookup(&a));
-}
+   DtListItem* ia = list.add(&a);
+   EXPECT_EQ(ia, list.first());
+   EXPECT_EQ(ia, list.last());
+   EXPECT_EQ(nullptr, ia->next());
+   EXPECT_EQ(nullptr, ia->previous());
 
-TEST(DtListTest, AddOnEmptyListMakesFirstAndLast)
-{
-   DtList list;
-   DtListItem* item = list.add(&a);
-   EXPECT_EQ(item, list.first());
-   EXPECT_EQ(item, list.last());
-   EXPECT_EQ(&a, item->data());
-   EXPECT_EQ(nullptr, item->next());
-   EXPECT_EQ(nullptr, item->previous());
-   EXPECT_EQ(1, list.count());
-}
-
-TEST(DtListTest, AddAppendsAndLinksBothWays)
-{
-   DtList list;
-   list.add(&a);
-   list.add(&b);
    list.add(&c);
-   EXPECT_EQ((std::vector<void*>{&a, &b, &c}), contents(list));
-   EXPECT_EQ((std::vector<void*>{&c, &b, &a}), contentsBackwards(list));
-   EXPECT_EQ(3, list.count());
-}
-
-TEST(DtListTest, AddAfterNullPrependsOnFilledList)
-{
-   DtList list;
-   list.add(&a);
-   list.add(&b);
-   DtListItem* head = list.addAfter(&c, nullptr);
+   list.addAfter(&b, ia);                          // middle
+   list.addAfter(&d, list.last());                 // tail
+   DtListItem* head = list.addAfter(&d, nullptr);  // null position prepends
    EXPECT_EQ(head, list.first());
-   EXPECT_EQ((std::vector<void*>{&c, &a, &b}), contents(list));
-   EXPECT_EQ((std::vector<void*>{&b, &a, &c}), contentsBackwards(list));
+   EXPECT_EQ(5, list.count());
+   EXPECT_EQ((std::vector<void*>{&d, &a, &b, &c, &d}), contents(list));
+   EXPECT_EQ((std::vector<void*>{&d, &c, &b, &a, &d}), contentsBackwards(list));
+   // Lookup finds the first match from the head; null data is a value like any other.
+   EXPECT_EQ(head, list.itemLookup(&d));
+   DtListItem* none = list.add(nullptr);
+   EXPECT_EQ(none, list.itemLookup(nullptr));
 }
 
-TEST(DtListTest, AddAfterMiddleAndLastKeepsLinks)
+TEST(DtListTest, RemovePatchesEndsAndKeepsData)
 {
-   DtList list;
-   DtListItem* ia = list.add(&a);
-   DtListItem* ib = list.add(&b);
-   list.addAfter(&c, ia);
-   DtListItem* id = list.addAfter(&d, ib);
-   EXPECT_EQ(id, list.last());
-   EXPECT_EQ((std::vector<void*>{&a, &c, &b, &d}), contents(list));
-   EXPECT_EQ((std::vector<void*>{&d, &b, &c, &a}), contentsBackwards(list));
-   EXPECT_EQ(4, list.count());
-}
+   struct Case
+   {
+      char const* name;
+      int position;  // 0 head, 1 middle, 2 tail
+      std::vector<void*> rest;
+   };
+   Case const cases[] = {{"head", 0, {&b, &c}}, {"middle", 1, {&a, &c}}, {"tail", 2, {&a, &b}}};
+   for (Case const& tc : cases)
+   {
+      SCOPED_TRACE(tc.name);
+      DtList list;
+      DtListItem* items[] = {list.add(&a), list.add(&b), list.add(&c)};
+      void* data = items[tc.position]->data();
+      EXPECT_EQ(data, list.remove(items[tc.position]));
+      EXPECT_EQ(2, list.count());
+      EXPECT_EQ(tc.rest, contents(list));
+      std::vector<void*> backwards(tc.rest.rbegin(), tc.rest.rend());
+      EXPECT_EQ(backwards, contentsBackwards(list));
+   }
 
-TEST(DtListTest, RemoveNullGivesNull)
-{
    DtList list;
-   list.add(&a);
    EXPECT_EQ(nullptr, list.remove(nullptr));
-   EXPECT_EQ(1, list.count());
-}
-
-TEST(DtListTest, RemoveHeadMiddleTailPatchesEnds)
-{
-   DtList list;
    DtListItem* ia = list.add(&a);
    DtListItem* ib = list.add(&b);
-   DtListItem* ic = list.add(&c);
-   DtListItem* id = list.add(&d);
-
-   EXPECT_EQ(&b, list.remove(ib));
-   EXPECT_EQ((std::vector<void*>{&a, &c, &d}), contents(list));
-   EXPECT_EQ((std::vector<void*>{&d, &c, &a}), contentsBackwards(list));
-
-   EXPECT_EQ(&a, list.remove(ia));
-   EXPECT_EQ(ic, list.first());
-   EXPECT_EQ(nullptr, ic->previous());
-
-   EXPECT_EQ(&d, list.remove(id));
-   EXPECT_EQ(ic, list.last());
-   EXPECT_EQ(nullptr, ic->next());
-   EXPECT_EQ(1, list.count());
-
-   EXPECT_EQ(&c, list.remove(ic));
-   EXPECT_EQ(nullptr, list.first());
-   EXPECT_EQ(nullptr, list.last());
-   EXPECT_EQ(0, list.count());
-}
-
-TEST(DtListTest, RemoveFromListKeepsItemLinks)
-{
-   DtList list;
-   DtListItem* ia = list.add(&a);
-   DtListItem* ib = list.add(&b);
-   DtListItem* ic = list.add(&c);
+   list.add(&c);
+   // removeFromList unlinks but leaves the item's own links as they were.
    list.removeFromList(ib);
    EXPECT_EQ(ia, ib->previous());
-   EXPECT_EQ(ic, ib->next());
    EXPECT_EQ(2, list.count());
-   EXPECT_EQ(ic, ia->next());
    delete ib;
-}
-
-TEST(DtListTest, RemoveAllKeepsDataAndEmptiesList)
-{
-   int values[3] = {7, 8, 9};
-   DtList list;
-   for (int& v : values)
-      list.add(&v);
    list.removeAll();
    EXPECT_EQ(nullptr, list.first());
    EXPECT_EQ(nullptr, list.last());
    EXPECT_EQ(0, list.count());
-   EXPECT_EQ(8, values[1]);
-}
-
-TEST(DtListTest, ItemLookupFindsFirstMatch)
-{
-   DtList list;
-   list.add(&a);
-   DtListItem* first = list.add(&b);
-   list.add(&b);
-   EXPECT_EQ(first, list.itemLookup(&b));
-   EXPECT_EQ(nullptr, list.itemLookup(&c));
-}
-
-TEST(DtListTest, NullDataIsAValue)
-{
-   DtList list;
-   DtListItem* item = list.add(nullptr);
-   EXPECT_EQ(item, list.itemLookup(nullptr));
-   EXPECT_EQ(nullptr, list.remove(item));
-   EXPECT_EQ(0, list.count());
+   EXPECT_EQ(1, a);  // the data stays alive
 }
 
 TEST(DtListTest, CopySharesDataWithNewNodes)
@@ -180,14 +106,10 @@ TEST(DtListTest, CopySharesDataWithNewNodes)
    DtList copy(list);
    EXPECT_EQ(contents(list), contents(copy));
    EXPECT_NE(list.first(), copy.first());
-   EXPECT_EQ(2, copy.count());
-
    DtList other;
    other.add(&c);
    other = list;
    EXPECT_EQ((std::vector<void*>{&a, &b}), contents(other));
-   EXPECT_EQ(2, other.count());
-
    DtList& self = other;
    other = self;
    EXPECT_EQ((std::vector<void*>{&a, &b}), contents(other));
@@ -196,16 +118,22 @@ TEST(DtListTest, CopySharesDataWithNewNodes)
 TEST(DtIntrusiveListTest, ObjectKnowsItsListWhileHeld)
 {
    int deaths = 0;
-   Tracked obj(&deaths);
+   Tracked obj(&deaths), front(&deaths);
    EXPECT_EQ(nullptr, obj.ownerList());
    {
       DtIntrusiveList list;
       DtListItem* item = list.add(&obj);
       EXPECT_EQ(&list, obj.ownerList());
       EXPECT_EQ(item, obj.ownerItem());
+      DtListItem* head = list.addAfter(&front, nullptr);
+      EXPECT_EQ(head, list.first());
+      EXPECT_EQ(head, front.ownerItem());
       EXPECT_EQ(&obj, list.remove(item));
       EXPECT_EQ(nullptr, obj.ownerList());
       EXPECT_EQ(nullptr, obj.ownerItem());
+      list.add(&obj);
+      list.removeAll();
+      EXPECT_EQ(nullptr, front.ownerList());
       list.add(&obj);
    }
    // The list is gone; the object no longer points into it.
@@ -236,23 +164,17 @@ TEST(DtIntrusiveListTest, RemoveAndDeleteTakesTwoOffTheCount)
    list.removeAndDelete(static_cast<DtListedObj const*>(x));
    EXPECT_EQ(2, deaths);
    EXPECT_EQ(-1, list.count());
-   EXPECT_EQ((std::vector<void*>{z}), contents(list));
    EXPECT_EQ(list.first(), list.last());
+
+   // An object the list does not hold is left alone.
+   Tracked outsider(&deaths);
+   list.removeAndDelete(static_cast<DtListedObj const*>(&outsider));
+   EXPECT_EQ(2, deaths);
 
    list.removeAndDelete(static_cast<DtListedObj const*>(z));
    EXPECT_EQ(3, deaths);
    EXPECT_EQ(nullptr, list.first());
    EXPECT_EQ(nullptr, list.last());
-}
-
-TEST(DtIntrusiveListTest, RemoveAndDeleteOfUnknownObjectDoesNothing)
-{
-   int deaths = 0;
-   Tracked outsider(&deaths);
-   DtIntrusiveList list;
-   list.removeAndDelete(static_cast<DtListedObj const*>(&outsider));
-   EXPECT_EQ(0, deaths);
-   EXPECT_EQ(0, list.count());
 }
 
 TEST(DtIntrusiveListTest, RemoveAllAndDeleteTakesOnePerItem)
@@ -267,29 +189,4 @@ TEST(DtIntrusiveListTest, RemoveAllAndDeleteTakesOnePerItem)
    EXPECT_EQ(4, deaths);
    EXPECT_EQ(0, list.count());
    EXPECT_EQ(nullptr, list.first());
-}
-
-TEST(DtIntrusiveListTest, PlainRemoveClearsOwnerButKeepsObject)
-{
-   int deaths = 0;
-   Tracked obj(&deaths);
-   DtIntrusiveList list;
-   list.add(&obj);
-   list.removeAll();
-   EXPECT_EQ(nullptr, obj.ownerList());
-   EXPECT_EQ(0, deaths);
-   EXPECT_EQ(0, list.count());
-}
-
-TEST(DtIntrusiveListTest, AddAfterNullPrependsAndRecordsOwner)
-{
-   int deaths = 0;
-   Tracked x(&deaths), y(&deaths);
-   DtIntrusiveList list;
-   list.add(&x);
-   DtListItem* head = list.addAfter(&y, nullptr);
-   EXPECT_EQ(head, list.first());
-   EXPECT_EQ(head, y.ownerItem());
-   EXPECT_EQ(&list, y.ownerList());
-   list.removeAll();
 }

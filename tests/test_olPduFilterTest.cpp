@@ -1,142 +1,86 @@
 // Tests of DtPduFilterTest.
 #include <olutil/olPduFilterTest.h>
 
+#include <vector>
+
 #include <gtest/gtest.h>
 
 namespace
 {
-// A 12-byte PDU header with the given version, exercise and kind.
-struct Pdu
-{
-   unsigned char bytes[12] = {7, 1, 1, 1, 0, 0, 0, 0, 0, 12, 0, 0};
-   Pdu(unsigned char version, unsigned char exercise, unsigned char kind)
-   {
-      bytes[0] = version;
-      bytes[1] = exercise;
-      bytes[2] = kind;
-   }
-};
-
 bool passesExercise(DtPduFilterTest& test, unsigned char exercise)
 {
-   Pdu pdu(7, exercise, 1);
-   return test.evalTest(pdu.bytes, 1, DtPduFilterByte);
+   unsigned char pdu[12] = {7, exercise, 1, 1, 0, 0, 0, 0, 0, 12, 0, 0};
+   return test.evalTest(pdu, 1, DtPduFilterByte);
 }
 }  // namespace
 
-TEST(DtPduFilterTestTest, NewTestPassesEveryByte)
+TEST(DtPduFilterTestTest, OperatorAndValuesDecide)
 {
-   DtPduFilterTest test;
-   EXPECT_EQ(DtPduTestRejectListed, test.getOperator());
-   EXPECT_EQ(0, test.valueCount());
-   for (unsigned int v = 0; v < 256; ++v)
+   struct Case
    {
-      unsigned char byte = static_cast<unsigned char>(v);
-      EXPECT_TRUE(test.evalTest(&byte, 0, DtPduFilterByte)) << v;
+      char const* name;
+      int op;  // -1: a new test
+      std::vector<unsigned int> values;
+      std::vector<std::pair<unsigned char, bool>> checks;
+   };
+   Case const cases[] = {
+       {"new test passes everything", -1, {}, {{0, true}, {1, true}, {255, true}}},
+       {"1 rejects listed", 1, {1, 2}, {{0, true}, {1, false}, {2, false}, {3, true}}},
+       {"0 accepts listed only", 0, {1}, {{1, true}, {2, false}, {0, false}}},
+       {"any other value accepts listed only", 5, {1}, {{1, true}, {2, false}}},
+       {"accept with empty list fails all", 0, {}, {{0, false}, {1, false}, {255, false}}},
+       {"zero is listable", 0, {0}, {{0, true}, {1, false}}},
+       {"values above a byte never match", 0, {256 + 7}, {{7, false}}},
+   };
+   for (Case const& tc : cases)
+   {
+      SCOPED_TRACE(tc.name);
+      DtPduFilterTest test;
+      std::vector<unsigned int> values = tc.values;
+      if (tc.op >= 0)
+         test.setTest(static_cast<DtPduTestOperator>(tc.op), static_cast<int>(values.size()),
+                      values.data());
+      for (auto const& check : tc.checks)
+         EXPECT_EQ(check.second, passesExercise(test, check.first)) << int(check.first);
    }
-}
 
-TEST(DtPduFilterTestTest, OperatorOneRejectsListedValues)
-{
+   // The offset selects the byte.
    DtPduFilterTest test;
-   unsigned int values[] = {1, 2};
-   test.setTest(DtPduTestRejectListed, 2, values);
-   struct
-   {
-      unsigned char exercise;
-      bool passes;
-   } const cases[] = {{0, true}, {1, false}, {2, false}, {3, true}, {255, true}};
-   for (auto const& c : cases)
-   {
-      SCOPED_TRACE(int(c.exercise));
-      EXPECT_EQ(c.passes, passesExercise(test, c.exercise));
-   }
+   unsigned int kind = 72;
+   test.setTest(DtPduTestAcceptListed, 1, &kind);
+   unsigned char pdu[12] = {6, 3, 72};
+   EXPECT_TRUE(test.evalTest(pdu, 2, DtPduFilterByte));
+   EXPECT_FALSE(test.evalTest(pdu, 1, DtPduFilterByte));
 }
 
-TEST(DtPduFilterTestTest, OtherOperatorAcceptsOnlyListedValues)
-{
-   DtPduFilterTest test;
-   unsigned int value = 1;
-   test.setTest(DtPduTestAcceptListed, 1, &value);
-   EXPECT_TRUE(passesExercise(test, 1));
-   EXPECT_FALSE(passesExercise(test, 2));
-   EXPECT_FALSE(passesExercise(test, 0));
-
-   // Any operator value but 1 behaves the same way.
-   test.setTest(static_cast<DtPduTestOperator>(5), 1, &value);
-   EXPECT_TRUE(passesExercise(test, 1));
-   EXPECT_FALSE(passesExercise(test, 2));
-}
-
-TEST(DtPduFilterTestTest, AcceptWithEmptyListFailsEverything)
-{
-   DtPduFilterTest test;
-   test.setOperator(DtPduTestAcceptListed);
-   for (unsigned int v = 0; v < 256; ++v)
-      EXPECT_FALSE(passesExercise(test, static_cast<unsigned char>(v))) << v;
-}
-
-TEST(DtPduFilterTestTest, SetOperatorDiscardsValues)
-{
-   DtPduFilterTest test;
-   unsigned int values[] = {4, 5, 6};
-   test.setTest(DtPduTestAcceptListed, 3, values);
-   EXPECT_EQ(3, test.valueCount());
-   test.setOperator(DtPduTestAcceptListed);
-   EXPECT_EQ(0, test.valueCount());
-   EXPECT_FALSE(passesExercise(test, 4));
-}
-
-TEST(DtPduFilterTestTest, ExtendKeepsDuplicatesAndReduceRemovesOneEach)
+TEST(DtPduFilterTestTest, ListMaintenance)
 {
    DtPduFilterTest test;
    unsigned int values[] = {3, 3, 9};
    test.setTest(DtPduTestAcceptListed, 3, values);
-   EXPECT_EQ(3, test.valueCount());
+   EXPECT_EQ(3, test.valueCount());  // duplicates are kept
 
    unsigned int three = 3;
    EXPECT_EQ(1, test.reduceTest(1, &three));
-   EXPECT_EQ(2, test.valueCount());
-   EXPECT_TRUE(passesExercise(test, 3));
-
+   EXPECT_TRUE(passesExercise(test, 3));  // one entry removed per value
    EXPECT_EQ(1, test.reduceTest(1, &three));
    EXPECT_FALSE(passesExercise(test, 3));
    EXPECT_TRUE(passesExercise(test, 9));
-
-   // A value not in the list is counted as given but changes nothing.
    unsigned int absent[] = {42, 43};
    EXPECT_EQ(2, test.reduceTest(2, absent));
    EXPECT_EQ(1, test.valueCount());
-}
 
-TEST(DtPduFilterTestTest, ZeroIsAListableValue)
-{
-   DtPduFilterTest test;
-   unsigned int zero = 0;
-   test.setTest(DtPduTestAcceptListed, 1, &zero);
-   EXPECT_TRUE(passesExercise(test, 0));
-   EXPECT_FALSE(passesExercise(test, 1));
-   test.reduceTest(1, &zero);
+   DtPduFilterTest copy(test);
+   // Changing the operator always discards the values.
+   test.setOperator(DtPduTestAcceptListed);
    EXPECT_EQ(0, test.valueCount());
-}
+   EXPECT_FALSE(passesExercise(test, 9));
+   EXPECT_TRUE(passesExercise(copy, 9));
 
-TEST(DtPduFilterTestTest, ValuesAboveAByteNeverMatch)
-{
-   DtPduFilterTest test;
-   unsigned int big = 256 + 7;
-   test.setTest(DtPduTestAcceptListed, 1, &big);
-   Pdu pdu(7, 1, 1);
-   EXPECT_FALSE(test.evalTest(pdu.bytes, 0, DtPduFilterByte));
-}
-
-TEST(DtPduFilterTestTest, OffsetSelectsTheByte)
-{
-   DtPduFilterTest test;
-   unsigned int kind = 72;
-   test.setTest(DtPduTestAcceptListed, 1, &kind);
-   Pdu pdu(6, 3, 72);
-   EXPECT_TRUE(test.evalTest(pdu.bytes, 2, DtPduFilterByte));
-   EXPECT_FALSE(test.evalTest(pdu.bytes, 1, DtPduFilterByte));
+   test.setTest(DtPduTestAcceptListed, 1, &three);
+   test.disableTest();
+   EXPECT_TRUE(passesExercise(test, 1));
+   EXPECT_EQ(0, test.valueCount());
 }
 
 TEST(DtPduFilterTestTest, NonByteTypeAnswersByOperatorAlone)
@@ -154,26 +98,4 @@ TEST(DtPduFilterTestTest, NonByteTypeAnswersByOperatorAlone)
    EXPECT_FALSE(test.evalTest(&endpointA, 0, DtPduFilterNone));
    EXPECT_FALSE(test.evalTest(&endpointB, 0, DtPduFilterNone));
    EXPECT_FALSE(test.evalTest(&endpointA, 0, static_cast<DtPduFilterType>(2)));
-}
-
-TEST(DtPduFilterTestTest, DisableTestRestoresPassAll)
-{
-   DtPduFilterTest test;
-   unsigned int v = 5;
-   test.setTest(DtPduTestAcceptListed, 1, &v);
-   test.disableTest();
-   EXPECT_TRUE(passesExercise(test, 1));
-   EXPECT_TRUE(passesExercise(test, 5));
-   EXPECT_EQ(0, test.valueCount());
-}
-
-TEST(DtPduFilterTestTest, CopyIsIndependent)
-{
-   DtPduFilterTest test;
-   unsigned int v = 5;
-   test.setTest(DtPduTestAcceptListed, 1, &v);
-   DtPduFilterTest copy(test);
-   test.clearList();
-   EXPECT_TRUE(passesExercise(copy, 5));
-   EXPECT_FALSE(passesExercise(test, 5));
 }

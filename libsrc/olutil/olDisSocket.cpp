@@ -314,7 +314,7 @@ bool DtDisSocket::openSocket()
    {
       recordFailure(e.code().value(),
                     DtString(prefix) +
-                        "Error opening Boost send socket for self-reflect suppression\n" +
+                        "Error opening Boost send socket for self-reflect suppression" +
                         DtString(e.code().message()));
       boost::system::error_code ignored;
       mySendSocket->close(ignored);
@@ -350,7 +350,7 @@ bool DtDisSocket::closeSocket()
       {
          recordFailure(error.value(),
                        DtString("DtDisSocket::closeSocket(): ") +
-                           "Error closing Boost send socket used for self-reflect suppression\n" +
+                           "Error closing Boost send socket used for self-reflect suppression" +
                            DtString(error.message()));
          return false;
       }
@@ -638,7 +638,7 @@ bool DtDisSocket::setReuseAddressOption(bool enable)
        [enable](DtInetBoostUdpSocket& s, boost::system::error_code& e)
        { s.set_option(boost::asio::socket_base::reuse_address(enable), e); },
        DtString("DtDisSocket::setSendSockReuseAddrOption(): Error ") + enablingWord(enable) +
-           " address reuse on send socket\n");
+           " address reuse on send socket");
 }
 
 bool DtDisSocket::setBroadcastOption(bool enable)
@@ -649,7 +649,7 @@ bool DtDisSocket::setBroadcastOption(bool enable)
        [enable](DtInetBoostUdpSocket& s, boost::system::error_code& e)
        { s.set_option(boost::asio::socket_base::broadcast(enable), e); },
        DtString("DtDisSocket::setSendSockBroadcastOption(): Error ") + enablingWord(enable) +
-           " broadcast on send socket\n");
+           " broadcast on send socket");
 }
 
 bool DtDisSocket::setDoNotRouteOption(bool enable)
@@ -660,7 +660,7 @@ bool DtDisSocket::setDoNotRouteOption(bool enable)
        [enable](DtInetBoostUdpSocket& s, boost::system::error_code& e)
        { s.set_option(boost::asio::socket_base::do_not_route(enable), e); },
        DtString("DtDisSocket::setSendSockDoNotRouteOption(): Error ") + enablingWord(enable) +
-           " do-not-route on send socket\n");
+           " do-not-route on send socket");
 }
 
 bool DtDisSocket::setSendBufferSize(unsigned int size)
@@ -671,7 +671,7 @@ bool DtDisSocket::setSendBufferSize(unsigned int size)
        [size](DtInetBoostUdpSocket& s, boost::system::error_code& e)
        { s.set_option(boost::asio::socket_base::send_buffer_size(static_cast<int>(size)), e); },
        DtString("DtDisSocket::setSendSockSendBuffSize(): Error setting send buffer size to ") +
-           DtString(size) + " on send socket\n");
+           DtString(size) + " on send socket");
 }
 
 bool DtDisSocket::setReceiveBufferSize(unsigned int size)
@@ -682,7 +682,7 @@ bool DtDisSocket::setReceiveBufferSize(unsigned int size)
        [size](DtInetBoostUdpSocket& s, boost::system::error_code& e)
        { s.set_option(boost::asio::socket_base::receive_buffer_size(static_cast<int>(size)), e); },
        DtString("DtDisSocket::setSendSockRcvBuffSize(): Error setting receive buffer size to ") +
-           DtString(size) + " on send socket\n");
+           DtString(size) + " on send socket");
 }
 
 bool DtDisSocket::setSendLowWatermark(unsigned int size)
@@ -694,7 +694,7 @@ bool DtDisSocket::setSendLowWatermark(unsigned int size)
        { s.set_option(boost::asio::socket_base::send_low_watermark(static_cast<int>(size)), e); },
        DtString(
            "DtDisSocket::setSendSockSendLowWatermark(): Error setting send low watermark to ") +
-           DtString(size) + " on send socket\n");
+           DtString(size) + " on send socket");
 }
 
 bool DtDisSocket::setReceiveLowWatermark(unsigned int size)
@@ -707,18 +707,34 @@ bool DtDisSocket::setReceiveLowWatermark(unsigned int size)
        },
        DtString(
            "DtDisSocket::setSendSockRcvLowWatermark(): Error setting receive low watermark to ") +
-           DtString(size) + " on send socket\n");
+           DtString(size) + " on send socket");
 }
 
 bool DtDisSocket::setMcastTtlOption(unsigned int ttl)
 {
-   bool const base = DtInetUdpSocket::setMcastTtlOption(ttl);
+   bool base = false;
+   try
+   {
+      base = DtInetUdpSocket::setMcastTtlOption(ttl);
+   }
+   catch (std::exception const& e)
+   {
+      // The receiving socket's setter can let Boost's range check escape for a hop
+      // count beyond 255; a socket reports that as a failure instead.
+      recordLockedFailure(22, DtString("DtDisSocket::setMcastTtlOption(): ") + e.what());
+   }
    return applySendSockOption(
        base,
        [ttl](DtInetBoostUdpSocket& s, boost::system::error_code& e)
-       { s.set_option(boost::asio::ip::multicast::hops(static_cast<int>(ttl)), e); },
+       {
+          // Boost throws for a hop count beyond 255; sockets report, they do not throw.
+          if (ttl > 255)
+             e = boost::asio::error::invalid_argument;
+          else
+             s.set_option(boost::asio::ip::multicast::hops(static_cast<int>(ttl)), e);
+       },
        DtString("DtDisSocket::setSendSockMcastTtl(): ") +
-           "Error setting multicast TTL for send socket to  " + DtString(ttl) + "\n");
+           "Error setting multicast TTL for send socket to  " + DtString(ttl));
 }
 
 bool DtDisSocket::setSendMcastDevice(DtInetAddr const& interfaceAddress)
