@@ -2,6 +2,7 @@
 // send and receive paths, and private network namespaces for multicast and broadcast.
 #include <olutil/olInetUdpSocket.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <functional>
@@ -331,6 +332,14 @@ TEST_P(UdpLoopbackTest, OptionsReadBackWhatWasSet)
    EXPECT_TRUE(errorStartsWith(
        *socket,
        "DtInetUdpSocket::setSendLowWatermark(): Error setting send low watermark to 100\n"));
+
+   // A hop limit beyond one byte is a refused option, never an exception.
+   bool ttlSet = true;
+   EXPECT_NO_THROW(ttlSet = socket->setMcastTtlOption(300));
+   EXPECT_FALSE(ttlSet);
+   EXPECT_EQ(socket->getLastError(), EINVAL);
+   EXPECT_TRUE(errorStartsWith(
+       *socket, "DtInetUdpSocket::setMcastTtl(): Error setting multicast TTL to  300\n"));
 }
 
 // ------------------------------------------------------------------ refusals and failures

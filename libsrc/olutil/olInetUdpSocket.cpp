@@ -91,6 +91,10 @@ void storeSender(BoostEndpoint const& sender, DtInetEndpoint& endpoint)
    if (current && endpoint.protocol() == DtInetProtocolUdp && current->size() == sender.size() &&
        std::memcmp(current->data(), sender.data(), sender.size()) == 0)
       return;
+   // Whatever the caller's endpoint held before, a datagram's sender is a UDP peer;
+   // self-reflect suppression compares UDP endpoints and relies on this.
+   if (endpoint.protocol() != DtInetProtocolUdp)
+      endpoint.setProtocol(DtInetProtocolUdp);
    // A Boost address keeps an IPv6 scope id, and the DtInetAddr made from it too.
    boost::asio::ip::address address = sender.address();
    endpoint.setAddress(DtInetAddr(static_cast<void*>(&address)));
@@ -861,21 +865,21 @@ bool DtInetUdpSocket::setBroadcastOption(bool enable)
 {
    return applyToSocket(
        myUdpSocket, setter(myUdpSocket, boost::asio::socket_base::broadcast(enable)),
-       "DtInetUdpSocket::setBroadcastOption(): Error " + enabling(enable) + " broadcast");
+       "DtInetUdpSocket::setBroadcastOption(): Error " + enabling(enable) + " broadcast\n");
 }
 
 bool DtInetUdpSocket::setReuseAddressOption(bool enable)
 {
    return applyToSocket(
        myUdpSocket, setter(myUdpSocket, boost::asio::socket_base::reuse_address(enable)),
-       "DtInetUdpSocket::setReuseAddressOption(): Error " + enabling(enable) + " address reuse");
+       "DtInetUdpSocket::setReuseAddressOption(): Error " + enabling(enable) + " address reuse\n");
 }
 
 bool DtInetUdpSocket::setDoNotRouteOption(bool enable)
 {
    return applyToSocket(
        myUdpSocket, setter(myUdpSocket, boost::asio::socket_base::do_not_route(enable)),
-       "DtInetUdpSocket::setDoNotRouteOption(): Error " + enabling(enable) + " do-not-route");
+       "DtInetUdpSocket::setDoNotRouteOption(): Error " + enabling(enable) + " do-not-route\n");
 }
 
 bool DtInetUdpSocket::setNonBlockingOption(bool enable)
@@ -883,7 +887,7 @@ bool DtInetUdpSocket::setNonBlockingOption(bool enable)
    DtInetBoostUdpSocket* socket = myUdpSocket;
    bool const done = applyToSocket(
        socket, [socket, enable](ErrorCode& error) { socket->non_blocking(enable, error); },
-       "DtInetUdpSocket::setNonBlockingOption(): Error " + enabling(enable) + " non-blocking IO");
+       "DtInetUdpSocket::setNonBlockingOption(): Error " + enabling(enable) + " non-blocking IO\n");
    if (done)
       myNonBlocking = enable;
    return done;
@@ -928,8 +932,20 @@ bool DtInetUdpSocket::setReceiveLowWatermark(unsigned int size)
 
 bool DtInetUdpSocket::setMcastTtlOption(unsigned int ttl)
 {
+   DtInetBoostUdpSocket* socket = myUdpSocket;
    return applyToSocket(
-       myUdpSocket, setter(myUdpSocket, boost::asio::ip::multicast::hops(static_cast<int>(ttl))),
+       socket,
+       [socket, ttl](ErrorCode& error)
+       {
+          // The hop limit is one byte; a larger value fails like any refused option
+          // instead of throwing out of a socket call.
+          if (ttl > 255)
+          {
+             error = boost::system::errc::make_error_code(boost::system::errc::invalid_argument);
+             return;
+          }
+          socket->set_option(boost::asio::ip::multicast::hops(static_cast<int>(ttl)), error);
+       },
        sizeText("DtInetUdpSocket::setMcastTtl(): Error setting multicast TTL to  ", ttl));
 }
 
