@@ -116,6 +116,18 @@ int* statusOf(void* status, int& scratch)
    return status ? static_cast<int*>(status) : &scratch;
 }
 
+// One receive callback's member form, reached from the static form that the
+// callback lists hold; the status word may be absent.
+typedef int (DtDisSocket::*DtDisPduStep)(int, DtInetSockChain&, DtInetEndpoint&, int*);
+
+int forwardToDisSocket(DtInetSocket* socket, int count, DtInetSockChain& chain,
+                       DtInetEndpoint& endpoint, void* status, DtDisPduStep step)
+{
+   int scratch = 0;
+   DtDisSocket* dis = disSocketOf(socket);
+   return dis ? (dis->*step)(count, chain, endpoint, statusOf(status, scratch)) : count;
+}
+
 DtString enablingWord(bool enable)
 {
    return enable ? "enabling" : "disabling";
@@ -1304,41 +1316,36 @@ int DtDisSocket::filterExercisePdus(int count, DtInetSockChain& chain, DtInetEnd
 int DtDisSocket::unbundle(DtInetSocket* socket, int count, DtInetSockChain& chain,
                           DtInetEndpoint& endpoint, void* status)
 {
-   int scratch = 0;
-   DtDisSocket* dis = disSocketOf(socket);
-   return dis ? dis->unbundle(count, chain, endpoint, statusOf(status, scratch)) : count;
+   return forwardToDisSocket(socket, count, chain, endpoint, status,
+                             static_cast<DtDisPduStep>(&DtDisSocket::unbundle));
 }
 
 int DtDisSocket::getNextBundle(DtInetSocket* socket, int count, DtInetSockChain& chain,
                                DtInetEndpoint& endpoint, void* status)
 {
-   int scratch = 0;
-   DtDisSocket* dis = disSocketOf(socket);
-   return dis ? dis->getNextBundle(count, chain, endpoint, statusOf(status, scratch)) : count;
+   return forwardToDisSocket(socket, count, chain, endpoint, status,
+                             static_cast<DtDisPduStep>(&DtDisSocket::getNextBundle));
 }
 
 int DtDisSocket::suppressSelfReflect(DtInetSocket* socket, int count, DtInetSockChain& chain,
                                      DtInetEndpoint& endpoint, void* status)
 {
-   int scratch = 0;
-   DtDisSocket* dis = disSocketOf(socket);
-   return dis ? dis->suppressSelfReflect(count, chain, endpoint, statusOf(status, scratch)) : count;
+   return forwardToDisSocket(socket, count, chain, endpoint, status,
+                             static_cast<DtDisPduStep>(&DtDisSocket::suppressSelfReflect));
 }
 
 int DtDisSocket::filterExercisePdus(DtInetSocket* socket, int count, DtInetSockChain& chain,
                                     DtInetEndpoint& endpoint, void* status)
 {
-   int scratch = 0;
-   DtDisSocket* dis = disSocketOf(socket);
-   return dis ? dis->filterExercisePdus(count, chain, endpoint, statusOf(status, scratch)) : count;
+   return forwardToDisSocket(socket, count, chain, endpoint, status,
+                             static_cast<DtDisPduStep>(&DtDisSocket::filterExercisePdus));
 }
 
 int DtDisSocket::minSizeFilter(DtInetSocket* socket, int count, DtInetSockChain& chain,
                                DtInetEndpoint& endpoint, void* status)
 {
-   int scratch = 0;
-   DtDisSocket* dis = disSocketOf(socket);
-   return dis ? dis->minSizeFilter(count, chain, endpoint, statusOf(status, scratch)) : count;
+   return forwardToDisSocket(socket, count, chain, endpoint, status,
+                             static_cast<DtDisPduStep>(&DtDisSocket::minSizeFilter));
 }
 
 int DtDisSocket::addToBundle(DtInetSocket* socket, int count, DtInetSockChain& chain,
