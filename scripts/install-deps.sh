@@ -7,7 +7,7 @@ packages=(
    build-essential cmake pkg-config
    libboost-dev libboost-thread-dev libboost-system-dev uuid-dev
    libgtest-dev libgmock-dev libbenchmark-dev
-   iproute2 ccache clang
+   iproute2 ccache clang libclang-rt-dev
 )
 
 missing=()
