@@ -13,33 +13,15 @@
 
 #include <gtest/gtest.h>
 
+#include "support_capture.h"
+
 namespace
 {
 char const* const theUserErrorText =
     "User error: DtSetSimTime was never called.\n"
     "         You must call DtSetSimTime once per frame\n";
 
-// Gathers what a stream prints, for the length of one test.
-class CapturePrinter : public DtPrinter
-{
-public:
-   explicit CapturePrinter(DtOutputStream& stream) : myStream(stream)
-   {
-      myStream.detachPrinter(&DtStandardOutConsole);
-      myStream.attachPrinter(this);
-   }
-   ~CapturePrinter() override
-   {
-      myStream.detachPrinter(this);
-      myStream.attachPrinter(&DtStandardOutConsole);
-   }
-   void write(std::string const& text, int, bool) override { myText += text; }
-   std::string const& text() const { return myText; }
-
-private:
-   DtOutputStream& myStream;
-   std::string myText;
-};
+using olt::CapturePrinter;
 
 // A clock whose real time is set by the test, with its fields in view.
 class ManualClock : public DtClock

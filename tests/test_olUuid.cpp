@@ -10,29 +10,11 @@
 
 #include <gtest/gtest.h>
 
+#include "support_capture.h"
+
 namespace
 {
-// Gathers what a stream prints, for the length of one test.
-class CapturePrinter : public DtPrinter
-{
-public:
-   explicit CapturePrinter(DtOutputStream& stream) : myStream(stream)
-   {
-      myStream.detachPrinter(&DtStandardOutConsole);
-      myStream.attachPrinter(this);
-   }
-   ~CapturePrinter() override
-   {
-      myStream.detachPrinter(this);
-      myStream.attachPrinter(&DtStandardOutConsole);
-   }
-   void write(std::string const& text, int, bool) override { myText += text; }
-   std::string const& text() const { return myText; }
-
-private:
-   DtOutputStream& myStream;
-   std::string myText;
-};
+using olt::CapturePrinter;
 
 std::string textOf(DtOstUuid const& uuid)
 {
