@@ -19,11 +19,18 @@ namespace
 {
 typedef std::vector<std::unique_ptr<std::vector<char>>> Buffers;
 
-DtDisSocket& theSocket()
+// Reaches the test by which a direct chain read skips the walk over a datagram.
+struct ProbedSocket : DtDisSocket
+{
+   using DtDisSocket::DtDisSocket;
+   using DtDisSocket::isPlainSinglePdu;
+};
+
+ProbedSocket& theSocket()
 {
    // The warnings a malformed coupled PDU provokes would drown the fuzzer's output.
    DtNotifyLevel = -1;
-   static DtDisSocket socket(DtInetEndpoint(DtInetAddr("127.0.0.1"), 3000, DtInetProtocolUdp), 0,
+   static ProbedSocket socket(DtInetEndpoint(DtInetAddr("127.0.0.1"), 3000, DtInetProtocolUdp), 0,
                              nullptr, DtInetSockFlagsDefault, false, false);
    return socket;
 }
@@ -81,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, std::size_t size)
 {
    if (size < 2)
       return 0;
-   DtDisSocket& socket = theSocket();
+   ProbedSocket& socket = theSocket();
    static int const minimums[] = {12, 0, 1, 20};
    socket.setMinPacketSize(minimums[data[0] & 3]);
    socket.setAttributePduStrategy((data[0] & 4) ? DtAttributePduIgnoreOnVersion6
@@ -99,9 +106,14 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, std::size_t size)
    scatter(datagram, length, sizes, buffers, chain);
    DtInetEndpoint sender(DtInetAddr("127.0.0.2"), 4000, DtInetProtocolUdp);
 
+   // A datagram the direct read would hand on untouched must come through the
+   // callbacks whole, with nothing queued.
+   bool const plain = socket.isPlainSinglePdu(chain, static_cast<int>(length));
    int const result = postReceive(socket, static_cast<int>(length), chain, sender, 0);
    if (result > static_cast<int>(length))
       __builtin_trap();  // more than arrived was handed out
+   if (plain && (result != static_cast<int>(length) || socket.queuedPduCount() != 0))
+      __builtin_trap();
 
    // Drain what the datagram left queued, one read at a time, each into a fresh
    // chain cut the same way.

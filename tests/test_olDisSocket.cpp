@@ -8,8 +8,10 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
@@ -21,6 +23,7 @@
 #include <olutil/olInetDevice.h>
 #include <olutil/olPrint.h>
 
+#include "support_capture.h"
 #include "support_netns.h"
 
 namespace
@@ -733,6 +736,109 @@ TEST(DtDisSocketLoopback, ReceivesBundleAsOnePduPerRead)
    EXPECT_EQ(1, buffer[2]);
    EXPECT_EQ(30, receiver.recvFrom(buffer, sizeof buffer, from, 0));
    EXPECT_EQ(2, buffer[2]);
+}
+
+// A derived class reads through the general callback pipeline; DtDisSocket itself
+// calls its own callbacks directly. Both must give the same reads.
+struct GeneralPathSocket : DtDisSocket
+{
+   using DtDisSocket::DtDisSocket;
+};
+
+// The last argument of a receive callback is the status word, not the user data.
+int theCalls = 0;
+int countCalls(DtInetSocket*, int length, DtInetSockChain&, DtInetEndpoint&, void*)
+{
+   ++theCalls;
+   return length;
+}
+
+TEST(DtDisSocketLoopback, DirectReadPathGivesThePipelineResults)
+{
+   olt::CapturePrinter warnings(DtWarn);
+   DtDisSocket direct(udpEndpoint("127.0.0.1", 0), 0, nullptr, DtInetSockFlagsDefault, false,
+                      false);
+   GeneralPathSocket general(udpEndpoint("127.0.0.1", 0), 0, nullptr, DtInetSockFlagsDefault, false,
+                             false);
+   DtDisSocket* const sockets[] = {&direct, &general};
+   for (DtDisSocket* socket : sockets)
+   {
+      socket->setLocalPort(0);
+      ASSERT_TRUE(socket->openSocket()) << socket->getLastErrorString();
+   }
+   Bytes const coupled = makePdu(7, 1, 1, 100, DtDisCoupledPduBit, 'p');
+   Bytes const attribute = makePdu(7, 1, DtDisAttributePduKind, 40, 0, 'h');
+   Bytes cut = makePdu(7, 1, 1, 300);
+   cut.resize(100);
+   std::vector<Bytes> const datagrams = {
+       makePdu(7, 1, 1, 144),
+       makePdu(6, 1, 2, 13),
+       makePdu(7, 1, 9, 40),  // the kind filtered in the second round
+       coupled,               // coupled, nothing behind
+       bundleOf({coupled, attribute, makePdu(7, 1, 2, 24)}, 8),
+       bundleOf({makePdu(6, 1, 1, 30), makePdu(6, 1, 9, 30), makePdu(6, 1, 3, 30)}, 0),
+       makePdu(7, 1, 1, 0),
+       cut,
+       Bytes(5, 'x'),
+       makePdu(7, 1, 1, 40, 0, 'z'),
+   };
+   // Each read: its result, a digest of the PDU, and what it warned. The first
+   // round has no filter test set, the second one filters a PDU kind.
+   std::vector<std::vector<std::tuple<int, std::size_t, std::string>>> reads(2);
+   unsigned int kind = 9;
+   for (std::size_t round = 0; round < 4; ++round)
+   {
+      std::size_t const i = round % 2;
+      DtDisSocket& socket = *sockets[i];
+      if (round >= 2)
+         socket.pduKind().setTest(DtPduTestRejectListed, 1, &kind);
+      DtInetUdpSocket sender(udpEndpoint("127.0.0.1", socket.localPort()), 0, nullptr,
+                             DtInetSockFlagsDefault, false);
+      sender.setLocalPort(0);
+      ASSERT_TRUE(sender.openSocket());
+      for (Bytes datagram : datagrams)
+      {
+         ASSERT_EQ(static_cast<int>(datagram.size()),
+                   sender.send(datagram.data(), datagram.size(), 0));
+         for (int n = 0; n < 10; ++n)
+         {
+            Bytes buffer(1500);
+            DtInetEndpoint from = udpEndpoint("0.0.0.0", 0);
+            std::size_t const before = warnings.text().size();
+            int const result = readPdu(socket, buffer, from);
+            buffer.resize(result > 0 ? static_cast<std::size_t>(result) : 0);
+            reads[i].emplace_back(
+                result, std::hash<std::string>()(std::string(buffer.begin(), buffer.end())),
+                warnings.text().substr(before));
+            if (socket.queuedPduCount() == 0)
+               break;
+         }
+      }
+   }
+   EXPECT_EQ(reads[0], reads[1]);
+   EXPECT_EQ(general.totalPacketsReceived(), direct.totalPacketsReceived());
+   EXPECT_EQ(general.totalBytesReceived(), direct.totalBytesReceived());
+   ASSERT_EQ(26u, reads[0].size());
+   EXPECT_EQ(144, std::get<0>(reads[0][0]));
+   EXPECT_EQ(40, std::get<0>(reads[0][2]));
+   EXPECT_EQ(DtDisStatusFiltered, std::get<0>(reads[0][13 + 2]));
+   EXPECT_EQ("Failed to read expected Coupled Attribute PDU\n", std::get<2>(reads[0][3]));
+
+   // Changing a receive list after construction takes effect on the next read.
+   theCalls = 0;
+   direct.addProcessingCallback(DtInetSockPostReceive, &countCalls, nullptr, 9);
+   direct.removeProcessingCallback(DtInetSockPostReceive, static_cast<DtInetSockProcessingCb>(
+                                                              &DtDisSocket::filterExercisePdus));
+   DtInetUdpSocket sender(udpEndpoint("127.0.0.1", direct.localPort()), 0, nullptr,
+                          DtInetSockFlagsDefault, false);
+   sender.setLocalPort(0);
+   ASSERT_TRUE(sender.openSocket());
+   Bytes filtered = makePdu(7, 1, 9, 40);
+   ASSERT_EQ(40, sender.send(filtered.data(), filtered.size(), 0));
+   Bytes buffer(1500);
+   DtInetEndpoint from = udpEndpoint("0.0.0.0", 0);
+   EXPECT_EQ(40, readPdu(direct, buffer, from));
+   EXPECT_EQ(1, theCalls);
 }
 
 TEST(DtDisSocketLoopback, BundleSizesAndFlushRules)

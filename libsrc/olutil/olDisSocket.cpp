@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <typeinfo>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
@@ -153,7 +154,8 @@ DtDisSocket::DtDisSocket(DtInetEndpoint const& destination, unsigned short local
       myBundleByteAlignment(8),
       myMinPacketSize(12),
       myLockNeeded(&myAsynchronous),
-      myAttributePduStrategy(DtAttributePduHonour)
+      myAttributePduStrategy(DtAttributePduHonour),
+      myReceivePath(ReceivePathUnknown)
 {
    if (mySuppressSelfReflect)
    {
@@ -174,6 +176,8 @@ DtDisSocket::DtDisSocket(DtInetEndpoint const& destination, unsigned short local
    addProcessingCallback(DtInetSockPostReceive,
                          static_cast<DtInetSockProcessingCb>(&DtDisSocket::filterExercisePdus),
                          this, 7);
+   // The registrations above are the lists the direct read path stands for.
+   myReceivePath = ReceivePathUnknown;
    myOpenOnConstruction = openNow;
    if (openNow)
       openSocket();
@@ -610,6 +614,88 @@ int DtDisSocket::recvFrom(char* buffer, unsigned long length, DtInetEndpoint& en
       std::memcpy(buffer, temporary.data(),
                   std::min<std::size_t>(static_cast<std::size_t>(result), length));
    return result;
+}
+
+bool DtDisSocket::addProcessingCallback(DtInetSockProcessingType type, DtInetSockProcessingCb fn,
+                                        void* userData, int priority)
+{
+   if (type == DtInetSockPreReceive || type == DtInetSockPostReceive)
+      myReceivePath = ReceivePathGeneral;
+   return DtInetUdpSocket::addProcessingCallback(type, fn, userData, priority);
+}
+
+bool DtDisSocket::removeProcessingCallback(DtInetSockProcessingType type, DtInetSockProcessingCb fn)
+{
+   if (type == DtInetSockPreReceive || type == DtInetSockPostReceive)
+      myReceivePath = ReceivePathGeneral;
+   return DtInetUdpSocket::removeProcessingCallback(type, fn);
+}
+
+bool DtDisSocket::hasOwnReceivePipeline(unsigned int flags)
+{
+   if (myReceivePath == ReceivePathUnknown)
+   {
+      // A derived class may override any callback or reach the lists itself; it
+      // gets the general pipeline, which calls whatever is registered.
+      myReceivePath = typeid(*this) == typeid(DtDisSocket) ? ReceivePathDirect : ReceivePathGeneral;
+   }
+   return myReceivePath == ReceivePathDirect &&
+          (flags & (DtInetSockCallNoPreCallbacks | DtInetSockCallNoPostCallbacks)) == 0;
+}
+
+bool DtDisSocket::isPlainSinglePdu(DtInetSockChain const& chain, int count) const
+{
+   if (count < myMinPacketSize || count < DtDisPduHeaderSize || *myLockNeeded ||
+       !myUnbundledQueue.empty())
+      return false;
+   std::vector<char> const* first = chain.front();
+   if (!first || first->size() < static_cast<std::size_t>(count))
+      return false;
+   unsigned char const* p = reinterpret_cast<unsigned char const*>(first->data());
+   int const length = (p[8] << 8) | p[9];
+   bool const coupled = (p[10] & DtDisCoupledPduBit) && p[2] != DtDisAttributePduKind;
+   return length == count && !coupled && myProtocolVersionTest.passesEverything() &&
+          myExerciseIdTest.passesEverything() && myPduKindTest.passesEverything() &&
+          myIpAddrTest.passesEverything();
+}
+
+int DtDisSocket::recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& endpoint,
+                                 unsigned int flags)
+{
+   if (chain.empty() || !hasOwnReceivePipeline(flags))
+      return DtInetUdpSocket::recvToChainFrom(chain, endpoint, flags);
+
+   // The receive pipeline with the constructor's callbacks in their priority
+   // order: the pre-receive queue, the read, then size, own traffic, unbundling and
+   // the filter tests, each handing on a count or, for 0, the carried status.
+   int skipMarker = 0;
+   int length = DtDisSocket::getNextBundle(0, chain, endpoint, &skipMarker);
+   if (skipMarker != DtInetSockResultFromQueue)
+   {
+      length =
+          readChain(chain, endpoint, "DtInetUdpSocket::recvToChainFrom() failed on socket at ");
+      if (length < 0)
+         return length;
+   }
+   if (length != 0)
+   {
+      ++myTotalPacketsReceived;
+      if (length > 0)
+         myTotalBytesReceived += static_cast<std::uint64_t>(length);
+   }
+
+   // Qualified calls: the class is known exactly, so they reach the same code as
+   // the list would, without the indirection.
+   int carry = skipMarker;
+   auto handOn = [&](int result) { length = result != 0 ? result : carry; };
+   handOn(DtDisSocket::minSizeFilter(length, chain, endpoint, &carry));
+   if (mySuppressSelfReflect)
+      handOn(DtDisSocket::suppressSelfReflect(length, chain, endpoint, &carry));
+   if (length > 0 && skipMarker == 0 && isPlainSinglePdu(chain, length))
+      return length;
+   handOn(DtDisSocket::unbundle(length, chain, endpoint, &carry));
+   handOn(DtDisSocket::filterExercisePdus(length, chain, endpoint, &carry));
+   return length;
 }
 
 // ---------------------------------------------------------------- send-socket options
