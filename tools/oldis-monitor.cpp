@@ -22,8 +22,11 @@
 #include <olutil/olInetAddr.h>
 #include <olutil/olInetDevice.h>
 
+#include "toolArgs.h"
+
 namespace
 {
+using oltool::parseLong;
 unsigned short const theDefaultPort = 3000;
 std::atomic<bool> theStop(false);
 
@@ -56,16 +59,6 @@ void usage(FILE* out)
                 "  --count N         stop after N PDUs (default 0: no limit)\n"
                 "  --help            this text\n",
                 theDefaultPort);
-}
-
-bool parseLong(char const* text, long low, long high, long& value)
-{
-   char* end = nullptr;
-   long const v = std::strtol(text, &end, 10);
-   if (!text[0] || *end || v < low || v > high)
-      return false;
-   value = v;
-   return true;
 }
 
 bool parse(int argc, char** argv, Options& options)
@@ -104,23 +97,13 @@ bool parse(int argc, char** argv, Options& options)
       else if (arg == "--kind" && (ok = parseLong(value, 0, 255, number)))
          options.kinds.push_back(static_cast<unsigned int>(number));
       else if (arg == "--duration")
-      {
-         char* end = nullptr;
-         options.duration = std::strtod(value, &end);
-         ok = *value && !*end && options.duration >= 0;
-      }
+         ok = oltool::parseNonNegative(value, options.duration);
       else if (arg == "--count" && (ok = parseLong(value, 0, 1000000000, number)))
          options.count = number;
       else if (ok)
-      {
-         std::fprintf(stderr, "oldis-monitor: unknown option %s\n", arg.c_str());
-         return false;
-      }
+         return oltool::refuseOption("oldis-monitor", arg.c_str(), value, false);
       if (!ok)
-      {
-         std::fprintf(stderr, "oldis-monitor: bad value for %s: %s\n", arg.c_str(), value);
-         return false;
-      }
+         return oltool::refuseOption("oldis-monitor", arg.c_str(), value, true);
    }
    return true;
 }

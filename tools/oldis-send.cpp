@@ -16,8 +16,11 @@
 #include <olutil/olDisSocket.h>
 #include <olutil/olInetAddr.h>
 
+#include "toolArgs.h"
+
 namespace
 {
+using oltool::parseLong;
 unsigned short const theDefaultPort = 3000;
 
 struct Options
@@ -52,16 +55,6 @@ void usage(FILE* out)
        theDefaultPort);
 }
 
-bool parseLong(char const* text, long low, long high, long& value)
-{
-   char* end = nullptr;
-   long const v = std::strtol(text, &end, 10);
-   if (!text[0] || *end || v < low || v > high)
-      return false;
-   value = v;
-   return true;
-}
-
 bool parse(int argc, char** argv, Options& options)
 {
    for (int i = 1; i < argc; ++i)
@@ -87,11 +80,7 @@ bool parse(int argc, char** argv, Options& options)
       else if (arg == "--count" && (ok = parseLong(value, 0, 100000000, number)))
          options.count = number;
       else if (arg == "--rate")
-      {
-         char* end = nullptr;
-         options.rate = std::strtod(value, &end);
-         ok = *value && !*end && options.rate >= 0;
-      }
+         ok = oltool::parseNonNegative(value, options.rate);
       else if (arg == "--version" && (ok = parseLong(value, 6, 7, number)))
          options.version = static_cast<int>(number);
       else if (arg == "--exercise" && (ok = parseLong(value, 0, 255, number)))
@@ -110,15 +99,9 @@ bool parse(int argc, char** argv, Options& options)
          ok = (number & (number - 1)) == 0;
       }
       else if (ok)
-      {
-         std::fprintf(stderr, "oldis-send: unknown option %s\n", arg.c_str());
-         return false;
-      }
+         return oltool::refuseOption("oldis-send", arg.c_str(), value, false);
       if (!ok)
-      {
-         std::fprintf(stderr, "oldis-send: bad value for %s: %s\n", arg.c_str(), value);
-         return false;
-      }
+         return oltool::refuseOption("oldis-send", arg.c_str(), value, true);
    }
    return true;
 }
