@@ -16,8 +16,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <set>
 
 namespace olt
 {
@@ -27,33 +25,9 @@ namespace
 
 char const* const theNetnsDir = "/run/netns/";
 
-// Names made by this process and not yet removed, for the exit-time sweep.
-std::mutex& liveNamesLock()
-{
-   static std::mutex* lock = new std::mutex;
-   return *lock;
-}
-
-std::set<std::string>& liveNames()
-{
-   static std::set<std::string>* names = new std::set<std::string>;
-   return *names;
-}
-
 void deleteNetns(std::string const& name)
 {
    runCommand({"ip", "netns", "delete", name});
-}
-
-void removeLeftoversAtExit()
-{
-   std::set<std::string> names;
-   {
-      std::lock_guard<std::mutex> hold(liveNamesLock());
-      names.swap(liveNames());
-   }
-   for (auto const& name : names)
-      deleteNetns(name);
 }
 
 // Removes "olt<pid>_<n>" namespaces whose process is gone (a crashed test).
@@ -65,15 +39,10 @@ void sweepDeadProcessNamespaces()
    std::vector<std::string> stale;
    while (dirent* entry = readdir(dir))
    {
-      char const* name = entry->d_name;
-      if (strncmp(name, "olt", 3) != 0)
-         continue;
       char* end = nullptr;
-      long pid = strtol(name + 3, &end, 10);
-      if (end == name + 3 || *end != '_' || pid <= 0)
-         continue;
-      if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH)
-         stale.push_back(name);
+      long pid = strncmp(entry->d_name, "olt", 3) == 0 ? strtol(entry->d_name + 3, &end, 10) : 0;
+      if (pid > 0 && *end == '_' && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH)
+         stale.push_back(entry->d_name);
    }
    closedir(dir);
    for (auto const& name : stale)
@@ -90,19 +59,13 @@ int runCommand(std::vector<std::string> const& argv, std::string* output)
    bounded.insert(bounded.end(), argv.begin(), argv.end());
    std::vector<char*> args;
    for (auto& arg : bounded)
-      args.push_back(const_cast<char*>(arg.c_str()));
+      args.push_back(&arg[0]);
    args.push_back(nullptr);
 
    int fds[2];
    if (pipe2(fds, O_CLOEXEC) != 0)
       return -1;
    pid_t child = fork();
-   if (child < 0)
-   {
-      close(fds[0]);
-      close(fds[1]);
-      return -1;
-   }
    if (child == 0)
    {
       dup2(fds[1], STDOUT_FILENO);
@@ -113,9 +76,9 @@ int runCommand(std::vector<std::string> const& argv, std::string* output)
    close(fds[1]);
    std::string collected;
    char buffer[4096];
-   for (;;)
+   for (ssize_t n = 0; child > 0;)
    {
-      ssize_t n = read(fds[0], buffer, sizeof buffer);
+      n = read(fds[0], buffer, sizeof buffer);
       if (n > 0)
          collected.append(buffer, static_cast<size_t>(n));
       else if (n == 0 || errno != EINTR)
@@ -123,12 +86,12 @@ int runCommand(std::vector<std::string> const& argv, std::string* output)
    }
    close(fds[0]);
    int status = 0;
-   while (waitpid(child, &status, 0) < 0 && errno == EINTR)
+   while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR)
    {
    }
    if (output)
       *output = collected;
-   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+   return child > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 bool TestNetns::isAvailable(std::string* reason)
@@ -136,17 +99,13 @@ bool TestNetns::isAvailable(std::string* reason)
    static std::string whyNot;
    static bool const available = []
    {
-      if (geteuid() != 0)
-      {
-         whyNot = "network namespace tests need root (not running as root)";
-         return false;
-      }
       std::string out;
-      if (runCommand({"ip", "-V"}, &out) != 0)
-      {
+      if (geteuid() != 0)
+         whyNot = "network namespace tests need root (not running as root)";
+      else if (runCommand({"ip", "-V"}, &out) != 0)
          whyNot = "network namespace tests need iproute2's 'ip' command";
+      if (!whyNot.empty())
          return false;
-      }
       sweepDeadProcessNamespaces();
       std::string probe = "olt" + std::to_string(getpid()) + "_probe";
       if (runCommand({"ip", "netns", "add", probe}, &out) != 0)
@@ -162,48 +121,25 @@ bool TestNetns::isAvailable(std::string* reason)
    return available;
 }
 
-TestNetns::TestNetns() : myOk(false)
+TestNetns::TestNetns()
 {
    static std::atomic<int> counter{0};
    myName = "olt" + std::to_string(getpid()) + "_" + std::to_string(++counter);
    if (!isAvailable(&myError))
       return;
-   // Our pid may be a reused one: a namespace of this name that we did not make
-   // is left over from a process that died before its tear-down.
+   // A namespace of this name that we did not make is left over from an earlier
+   // process with our (reused) pid that died before its tear-down.
    if (access(path().c_str(), F_OK) == 0)
       deleteNetns(myName);
-   std::string out;
-   if (runCommand({"ip", "netns", "add", myName}, &out) != 0)
-   {
-      fail("ip netns add " + myName, out);
-      return;
-   }
-   {
-      std::lock_guard<std::mutex> hold(liveNamesLock());
-      static bool const registered = (std::atexit(removeLeftoversAtExit) == 0);
-      (void)registered;
-      liveNames().insert(myName);
-   }
-   myOk = true;
-   if (!setLinkUp("lo"))
-      myOk = false;
+   myCreated = run({"ip", "netns", "add", myName}, nullptr);
+   myOk = myCreated && setLinkUp("lo");
 }
 
+// A crash leaves the namespace behind, for the next test process to sweep.
 TestNetns::~TestNetns()
 {
-   remove();
-}
-
-void TestNetns::remove()
-{
-   bool present;
-   {
-      std::lock_guard<std::mutex> hold(liveNamesLock());
-      present = liveNames().erase(myName) > 0;
-   }
-   if (present)
+   if (myCreated)
       deleteNetns(myName);
-   myOk = false;
 }
 
 std::string TestNetns::path() const
@@ -211,9 +147,18 @@ std::string TestNetns::path() const
    return theNetnsDir + myName;
 }
 
-bool TestNetns::fail(std::string const& what, std::string const& output)
+bool TestNetns::run(std::vector<std::string> const& argv, std::string* output)
 {
-   myError = what + " failed: " + output;
+   std::string out;
+   int status = runCommand(argv, &out);
+   if (output)
+      *output = out;
+   if (status == 0)
+      return true;
+   myError.clear();
+   for (auto const& arg : argv)
+      myError += arg + " ";
+   myError += "failed: " + out;
    return false;
 }
 
@@ -221,27 +166,14 @@ bool TestNetns::ip(std::vector<std::string> const& args, std::string* output)
 {
    std::vector<std::string> argv{"ip", "-n", myName};
    argv.insert(argv.end(), args.begin(), args.end());
-   std::string out;
-   int status = runCommand(argv, &out);
-   if (output)
-      *output = out;
-   if (status == 0)
-      return true;
-   std::string text;
-   for (auto const& arg : argv)
-      text += arg + " ";
-   return fail(text, out);
+   return run(argv, output);
 }
 
 bool TestNetns::exec(std::vector<std::string> const& argv, std::string* output)
 {
    std::vector<std::string> full{"ip", "netns", "exec", myName};
    full.insert(full.end(), argv.begin(), argv.end());
-   std::string out;
-   int status = runCommand(full, &out);
-   if (output)
-      *output = out;
-   return status == 0 || fail("ip netns exec " + myName + " " + argv.front(), out);
+   return run(full, output);
 }
 
 bool TestNetns::sh(std::string const& script, std::string* output)
@@ -252,11 +184,6 @@ bool TestNetns::sh(std::string const& script, std::string* output)
 bool TestNetns::addVethPair(std::string const& end, std::string const& peerEnd)
 {
    return ip({"link", "add", end, "type", "veth", "peer", "name", peerEnd});
-}
-
-bool TestNetns::addVethPeer(std::string const& end, TestNetns& peer, std::string const& peerEnd)
-{
-   return ip({"link", "add", end, "type", "veth", "peer", "name", peerEnd, "netns", peer.name()});
 }
 
 bool TestNetns::disableLinkLocal(std::string const& device)
@@ -279,77 +206,66 @@ bool TestNetns::setLinkUp(std::string const& device, bool up)
 int TestNetns::ifIndex(std::string const& device)
 {
    std::string out;
-   if (!exec({"cat", "/sys/class/net/" + device + "/ifindex"}, &out))
-      return 0;
-   return atoi(out.c_str());
+   return exec({"cat", "/sys/class/net/" + device + "/ifindex"}, &out) ? atoi(out.c_str()) : 0;
 }
 
-NetnsGuard::NetnsGuard(TestNetns const& ns) : mySavedNs(-1), myOk(false)
+NetnsGuard::NetnsGuard(TestNetns const& ns)
 {
    mySavedNs = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+   int target = mySavedNs < 0 ? -1 : open(ns.path().c_str(), O_RDONLY | O_CLOEXEC);
    if (mySavedNs < 0)
-   {
       myError = std::string("cannot open this thread's namespace: ") + strerror(errno);
-      return;
-   }
-   int target = open(ns.path().c_str(), O_RDONLY | O_CLOEXEC);
-   if (target < 0)
-   {
+   else if (target < 0)
       myError = "cannot open " + ns.path() + ": " + strerror(errno);
-      return;
-   }
-   if (setns(target, CLONE_NEWNET) != 0)
+   else if (setns(target, CLONE_NEWNET) != 0)
       myError = "setns into " + ns.name() + " failed: " + strerror(errno);
    else
       myOk = true;
-   close(target);
+   if (target >= 0)
+      close(target);
 }
 
 NetnsGuard::~NetnsGuard()
 {
-   if (mySavedNs < 0)
-      return;
+   // A test thread left in a namespace about to vanish would poison every later
+   // test.
    if (myOk && setns(mySavedNs, CLONE_NEWNET) != 0)
-      abort();  // a test thread left in a namespace about to vanish would poison every later test
-   close(mySavedNs);
+      abort();
+   if (mySavedNs >= 0)
+      close(mySavedNs);
 }
 
 int joinGroupSocket(std::string const& group, std::string const& device, std::string* error)
 {
-   auto failWith = [error](std::string const& text, int fd)
-   {
-      if (error)
-         *error = text + ": " + strerror(errno);
-      if (fd >= 0)
-         close(fd);
-      return -1;
-   };
+   bool const ipv6 = group.find(':') != std::string::npos;
    unsigned int index = if_nametoindex(device.c_str());
-   if (index == 0)
-      return failWith("no interface " + device, -1);
-   bool ipv6 = group.find(':') != std::string::npos;
-   int fd = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-   if (fd < 0)
-      return failWith("socket", -1);
-   if (ipv6)
+   int fd = index == 0 ? -1 : socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+   std::string failed = index == 0 ? "no interface " + device : fd < 0 ? "socket" : "";
+   if (failed.empty() && ipv6)
    {
       ipv6_mreq request{};
-      if (inet_pton(AF_INET6, group.c_str(), &request.ipv6mr_multiaddr) != 1)
-         return failWith("bad group " + group, fd);
       request.ipv6mr_interface = index;
-      if (setsockopt(fd, IPPROTO_IPV6, IPV6_JOIN_GROUP, &request, sizeof request) != 0)
-         return failWith("IPV6_JOIN_GROUP " + group, fd);
+      if (inet_pton(AF_INET6, group.c_str(), &request.ipv6mr_multiaddr) != 1)
+         failed = "bad group " + group;
+      else if (setsockopt(fd, IPPROTO_IPV6, IPV6_JOIN_GROUP, &request, sizeof request) != 0)
+         failed = "IPV6_JOIN_GROUP " + group;
    }
-   else
+   else if (failed.empty())
    {
       ip_mreqn request{};
-      if (inet_pton(AF_INET, group.c_str(), &request.imr_multiaddr) != 1)
-         return failWith("bad group " + group, fd);
       request.imr_ifindex = static_cast<int>(index);
-      if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) != 0)
-         return failWith("IP_ADD_MEMBERSHIP " + group, fd);
+      if (inet_pton(AF_INET, group.c_str(), &request.imr_multiaddr) != 1)
+         failed = "bad group " + group;
+      else if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) != 0)
+         failed = "IP_ADD_MEMBERSHIP " + group;
    }
-   return fd;
+   if (failed.empty())
+      return fd;
+   if (error)
+      *error = failed + ": " + strerror(errno);
+   if (fd >= 0)
+      close(fd);
+   return -1;
 }
 
 }  // namespace olt

@@ -1,35 +1,15 @@
 //===-- tests/support_netns.h - Network namespaces for tests ------*- C++ -*-===//
 //
-// Test support: private network namespaces, so that tests of interfaces,
-// sockets and DIS traffic see only the interfaces they made and send nothing
-// off this machine.
-//
-//   olt::TestNetns ns;                      // "olt<pid>_<n>", removed in ~TestNetns
-//   if (!ns.ok()) GTEST_SKIP() << ns.error();
-//   ns.addVethPair("olta0", "oltb0");
-//   ns.addAddress("olta0", "192.0.2.1/24");
-//   ns.addAddress("olta0", "2001:db8::1/64");  // IPv6 gets "nodad": usable at once
-//   ns.setLinkUp("olta0"); ns.setLinkUp("oltb0");
-//   {
-//      olt::NetnsGuard inside(ns);          // this thread is in the namespace...
-//      ASSERT_TRUE(inside.ok()) << inside.error();
-//      ... scan interfaces, open sockets ...
-//   }                                       // ...and back in its own one here
-//
-// Two "hosts": make two TestNetns and join them with addVethPeer.
-//
-// Threads and /proc/net: NetnsGuard moves the calling thread only (setns).
-// Sockets and ioctl follow the calling thread's namespace, but /proc/net/*
-// (that is /proc/self/net) follows the namespace of the thread-group leader,
-// the main thread. GoogleTest runs tests on the main thread, so a test that
-// reads /proc/net (interface scans: if_inet6, igmp, igmp6) must take the guard
-// on the main thread. Threads created while the guard is held start inside the
-// namespace; threads created before it stay outside. Join every thread started
-// inside before the guard ends.
-//
-// Every helper here is for tests only: it runs `ip` through fork/exec (no
-// shell unless asked, every command bounded by a 30 s timeout) and reports
-// failure through its result and error(), never by exception.
+// Private network namespaces, so that tests of interfaces, sockets and DIS
+// traffic see only the interfaces they made and send nothing off this machine:
+//   olt::TestNetns ns;  ns.addVethPair("olta0", "oltb0");  ns.setLinkUp("olta0");
+//   olt::NetnsGuard inside(ns);  // this thread is in the namespace until it ends
+// NetnsGuard moves the calling thread only (setns). Sockets and ioctl follow the
+// calling thread, but /proc/net follows the main thread, so a test that scans
+// interfaces (if_inet6, igmp, igmp6) takes the guard on the main thread.
+// Threads created while the guard is held start inside; join them before it ends.
+// Commands run `ip` through fork/exec, each bounded by a 30 s timeout; failures
+// come back through the result and error(), never by exception.
 //
 //===----------------------------------------------------------------------===//
 #ifndef OLUTIL_TESTS_SUPPORT_NETNS_H
@@ -41,20 +21,17 @@
 namespace olt
 {
 
-/// Runs `argv` (argv[0] looked up in PATH) with a 30 s limit, collecting
-/// stdout and stderr into *output if given. Returns the exit status, or -1 when
-/// the program could not be run.
+/// Runs `argv` (argv[0] looked up in PATH) with a 30 s limit, collecting stdout
+/// and stderr into *output. Returns the exit status, or -1 if it could not run.
 int runCommand(std::vector<std::string> const& argv, std::string* output = nullptr);
 
-/// One uniquely named network namespace, created by the constructor and
-/// removed, with everything in it, by the destructor (and at process exit, or
-/// by a later test process, if the destructor never ran).
+/// One uniquely named namespace, removed with everything in it by the
+/// destructor (or by a later test process after a crash).
 class TestNetns
 {
 public:
-   /// True when namespaces can be made here (root, iproute2, a probe
-   /// namespace could be added and deleted). The result is worked out once;
-   /// *reason receives a text fit for GTEST_SKIP when it is false.
+   /// True when namespaces can be made here (root, iproute2, a probe namespace
+   /// works); worked out once. *reason gets a text fit for GTEST_SKIP.
    static bool isAvailable(std::string* reason = nullptr);
 
    /// Creates "olt" + pid + "_" + counter with its loopback up. Check ok().
@@ -64,39 +41,33 @@ public:
    TestNetns& operator=(TestNetns const&) = delete;
 
    bool ok() const { return myOk; }
-   /// Text of the last failure (a skip message if namespaces are unavailable).
-   std::string const& error() const { return myError; }
+   std::string const& error() const { return myError; }  ///< last failure
    std::string const& name() const { return myName; }
-   /// Path of the namespace file, usable with setns.
-   std::string path() const;
+   std::string path() const;  ///< the namespace file, for setns
 
    /// `ip -n <name> args...`; true on exit status 0.
    bool ip(std::vector<std::string> const& args, std::string* output = nullptr);
-   /// Runs argv inside the namespace (`ip netns exec`); true on exit status 0.
+   /// argv (or a shell script) run inside the namespace; true on exit status 0.
    bool exec(std::vector<std::string> const& argv, std::string* output = nullptr);
-   /// Runs a shell script inside the namespace; true on exit status 0.
    bool sh(std::string const& script, std::string* output = nullptr);
 
-   /// A veth pair with both ends in this namespace (down until setLinkUp).
+   /// Both ends in this namespace, down until setLinkUp.
    bool addVethPair(std::string const& end, std::string const& peerEnd);
-   /// A veth pair with `end` here and `peerEnd` in `peer`: two hosts on one link.
-   bool addVethPeer(std::string const& end, TestNetns& peer, std::string const& peerEnd);
-   /// Stops the kernel from giving the device an IPv6 link-local address of its
-   /// own, so that it carries only the addresses a test adds. Call before up.
+   /// No kernel IPv6 link-local address: the device carries only what a test
+   /// adds. Call before the link goes up.
    bool disableLinkLocal(std::string const& device);
-   /// "addr/len"; an IPv6 address (text with ':') is added with "nodad".
+   /// "addr/len"; IPv6 (text with ':') is added with "nodad".
    bool addAddress(std::string const& device, std::string const& cidr);
    bool setLinkUp(std::string const& device, bool up = true);
    /// Kernel index of the device inside the namespace, or 0.
    int ifIndex(std::string const& device);
-   /// Removes the namespace now; the destructor then does nothing.
-   void remove();
 
 private:
-   bool fail(std::string const& what, std::string const& output);
+   bool run(std::vector<std::string> const& argv, std::string* output);
 
    std::string myName;
-   bool myOk;
+   bool myCreated = false;
+   bool myOk = false;
    std::string myError;
 };
 
@@ -113,8 +84,8 @@ public:
    std::string const& error() const { return myError; }
 
 private:
-   int mySavedNs;
-   bool myOk;
+   int mySavedNs = -1;
+   bool myOk = false;
    std::string myError;
 };
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -23,16 +24,13 @@ std::string str(DtString const& s)
    return s.c_str() ? s.c_str() : "";
 }
 
-bool isDirectory(std::string const& path)
+// The text of `name` after an edit in place.
+template <typename Edit>
+std::string edited(char const* name, Edit edit)
 {
-   struct stat status;
-   return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-void writeFile(std::string const& path, std::string const& content)
-{
-   std::ofstream out(path, std::ios::binary);
-   out << content;
+   DtFilename f(name);
+   edit(f);
+   return str(f);
 }
 
 // A fresh directory under /tmp, removed with all it holds at the end.
@@ -45,13 +43,12 @@ protected:
       ASSERT_NE(nullptr, mkdtemp(pattern));
       myRoot = pattern;
    }
-   void TearDown() override
+   void TearDown() override { std::filesystem::remove_all(myRoot); }
+   bool isDirectory(std::string const& relative) const
    {
-      if (!myRoot.empty())
-      {
-         EXPECT_EQ(0, std::system(("rm -rf '" + myRoot + "'").c_str()));
-      }
+      return std::filesystem::is_directory(path(relative));
    }
+   void writeFile(std::string const& relative) const { std::ofstream(path(relative)) << "x"; }
    std::string path(std::string const& relative) const { return myRoot + "/" + relative; }
    DtFilename at(std::string const& relative) const { return DtFilename(path(relative).c_str()); }
 
@@ -75,13 +72,9 @@ TEST(FilenamePathRules, StripPathAndStripFilename)
    for (auto const& [name, member, staticForm, noFile] : cases)
    {
       SCOPED_TRACE(name);
-      DtFilename stripped(name);
-      stripped.stripPath();
-      EXPECT_EQ(member, str(stripped));
+      EXPECT_EQ(member, edited(name, [](DtFilename& f) { f.stripPath(); }));
       EXPECT_EQ(staticForm, str(DtFilename::stripPath(DtFilename(name))));
-      DtFilename directory(name);
-      directory.stripFilename();
-      EXPECT_EQ(noFile, str(directory));
+      EXPECT_EQ(noFile, edited(name, [](DtFilename& f) { f.stripFilename(); }));
       EXPECT_EQ(noFile, str(DtFilename::stripFilename(DtFilename(name))));
    }
 }
@@ -100,19 +93,13 @@ TEST(FilenamePathRules, Extensions)
    {
       SCOPED_TRACE(name);
       EXPECT_EQ(extension, str(DtFilename(name).extension()));
-      DtFilename member(name);
-      member.stripExtension();
-      EXPECT_EQ(stripped, str(member));
+      EXPECT_EQ(stripped, edited(name, [](DtFilename& f) { f.stripExtension(); }));
       EXPECT_EQ(stripped, str(DtFilename::stripExtension(DtFilename(name))));
-      DtFilename withTxt(name);
-      withTxt.setExtension("txt");
-      EXPECT_EQ(renamed, str(withTxt));
+      EXPECT_EQ(renamed, edited(name, [](DtFilename& f) { f.setExtension("txt"); }));
    }
-   DtFilename dotted("a.log");
-   dotted.setExtension(".txt");
-   EXPECT_EQ("a.txt", str(dotted));
-   dotted.setExtension("");
-   EXPECT_EQ("a.", str(dotted)) << "the dot goes in even for no extension";
+   EXPECT_EQ("a.txt", edited("a.log", [](DtFilename& f) { f.setExtension(".txt"); }));
+   EXPECT_EQ("a.", edited("a.log", [](DtFilename& f) { f.setExtension(""); }))
+       << "the dot goes in even for no extension";
 }
 
 TEST(FilenamePathRules, AppendPrependAndCombine)
@@ -127,12 +114,9 @@ TEST(FilenamePathRules, AppendPrependAndCombine)
    for (auto const& [left, right, append, prepend, combine] : cases)
    {
       SCOPED_TRACE(::testing::Message() << "'" << left << "' and '" << right << "'");
-      DtFilename appended(left);
-      appended.append(DtFilename(right));
-      EXPECT_EQ(append, str(appended));
-      DtFilename prepended(right);
-      prepended.prepend(DtFilename(left));
-      EXPECT_EQ(prepend, str(prepended));
+      std::string const l = left, r = right;
+      EXPECT_EQ(append, edited(left, [&](DtFilename& f) { f.append(DtFilename(r.c_str())); }));
+      EXPECT_EQ(prepend, edited(right, [&](DtFilename& f) { f.prepend(DtFilename(l.c_str())); }));
       EXPECT_EQ(combine, str(DtFilename::combine(DtFilename(left), DtFilename(right))));
    }
 
@@ -143,63 +127,53 @@ TEST(FilenamePathRules, AppendPrependAndCombine)
    EXPECT_EQ("a/a/a/a", str(name));
 }
 
-TEST(FilenameValue, AbsoluteSlashesAndClone)
+TEST(FilenameValue, AbsoluteSlashesCloneAndConfigurationDirectory)
 {
-   EXPECT_TRUE(DtFilename("/").absolute());
-   EXPECT_TRUE(DtFilename("").relative());
-
+   EXPECT_TRUE(DtFilename("/").absolute() && DtFilename("").relative());
    DtFilename name("C:\\dir\\sub/file.txt");
    name.replaceSlashes();
-   EXPECT_EQ("C:/dir/sub/file.txt", str(name));
-
    DtString const& asString = name;
    std::unique_ptr<DtString> cloned(asString.clone());
    ASSERT_NE(nullptr, dynamic_cast<DtFilename*>(cloned.get())) << "clone keeps the type";
    EXPECT_EQ("C:/dir/sub/file.txt", str(*cloned));
+
+   struct passwd* entry = getpwuid(getuid());
+   ASSERT_NE(nullptr, entry);
+   EXPECT_EQ(std::string(entry->pw_dir) + "/.qor", str(DtGetQorUserConfigurationDirectory()));
 }
 
 // ---------------------------------------------------------------- the file system
 
-TEST_F(TempDir, ExistenceAccessAndLength)
+TEST_F(TempDir, ExistenceLengthSearchAlternatePathAndAbsolutePath)
 {
-   writeFile(path("five.txt"), "12345");
-   DtFilename const file = at("five.txt");
+   ASSERT_EQ(0, mkdir(path("sub").c_str(), 0700));
+   std::ofstream(path("sub/five.txt")) << "12345";
+   DtFilename const file = at("sub/five.txt");
    EXPECT_TRUE(file.exists() && file.isReadable() && file.isWritable());
    EXPECT_EQ(5, file.fileLength());
-
    DtFilename const missing = at("missing");
    EXPECT_FALSE(missing.exists() || missing.isReadable() || missing.isWritable());
    EXPECT_EQ(0, missing.fileLength());
    EXPECT_FALSE(DtFilename().exists());
-}
 
-TEST_F(TempDir, SearchAlternatePathAndAbsolutePath)
-{
-   ASSERT_EQ(0, mkdir(path("sub").c_str(), 0700));
-   writeFile(path("sub/found.txt"), "x");
-   std::string const unlikelyHere = "sub/found.txt";
-   ASSERT_FALSE(DtFilename(unlikelyHere.c_str()).exists()) << "the working directory has it";
-
-   DtFilename name(unlikelyHere.c_str());
+   std::string const relative = "sub/five.txt";
+   ASSERT_FALSE(DtFilename(relative.c_str()).exists()) << "the working directory has it";
+   DtFilename name(relative.c_str());
    EXPECT_FALSE(name.searchAlternatePath(nullptr));
-   EXPECT_EQ(unlikelyHere, str(name));
+   EXPECT_EQ(relative, str(name));
    EXPECT_TRUE(name.searchAlternatePath(myRoot.c_str()));
-   EXPECT_EQ(path("sub/found.txt"), str(name));
+   EXPECT_EQ(path(relative), str(name));
    // An existing name stays as it is, whatever the alternate.
    EXPECT_TRUE(name.searchAlternatePath("/nowhere"));
-   EXPECT_EQ(path("sub/found.txt"), str(name));
+   EXPECT_EQ(path(relative), str(name));
+   DtFilename none("sub/none.txt");
+   EXPECT_FALSE(none.searchAlternatePath(myRoot.c_str()));
+   EXPECT_EQ("sub/none.txt", str(none));
 
-   DtFilename missing("sub/none.txt");
-   EXPECT_FALSE(missing.searchAlternatePath(myRoot.c_str()));
-   EXPECT_EQ("sub/none.txt", str(missing));
-
-   char* real = realpath(path("sub/found.txt").c_str(), nullptr);
-   ASSERT_NE(nullptr, real);
-   std::string const expected = real;
-   std::free(real);
+   std::string const real = std::filesystem::canonical(path(relative));
    DtString result("stale");
-   EXPECT_TRUE(DtFilename::absolutePath(at("sub/../sub/./found.txt"), result));
-   EXPECT_EQ(expected, str(result));
+   EXPECT_TRUE(DtFilename::absolutePath(at("sub/../sub/./five.txt"), result));
+   EXPECT_EQ(real, str(result));
    EXPECT_FALSE(DtFilename::absolutePath(at("sub/none"), result));
    EXPECT_EQ("", str(result));
 }
@@ -210,62 +184,47 @@ TEST_F(TempDir, MakeDirectoryMakesParentsAndRestoresTheText)
    DtFilename const name(target.c_str());
    EXPECT_TRUE(DtMakeDirectory(name));
    EXPECT_EQ(target, str(name)) << "the text is put back after the in-place cuts";
-   EXPECT_TRUE(isDirectory(path("x/y")));
-   EXPECT_TRUE(isDirectory(target));
-
-   // Everything exists already: no mkdir succeeds.
-   EXPECT_FALSE(DtMakeDirectory(name));
-
-   // A backslash marks a parent too.
+   EXPECT_TRUE(isDirectory("x/y/z"));
+   EXPECT_FALSE(DtMakeDirectory(name)) << "everything exists already: no mkdir succeeds";
    EXPECT_TRUE(DtMakeDirectory(at("x/b\\c")));
-   EXPECT_TRUE(isDirectory(path("x/b")));
-
+   EXPECT_TRUE(isDirectory("x/b")) << "a backslash marks a parent too";
    struct stat status;
    ASSERT_EQ(0, stat(target.c_str(), &status));
    EXPECT_EQ(0u, status.st_mode & 0027) << "made with mode 0750 (less the umask)";
 
    EXPECT_FALSE(DtMakeDirectory(DtFilename()));
-   writeFile(path("plain"), "x");
+   writeFile("plain");
    EXPECT_FALSE(DtMakeDirectory(at("plain/sub")));
 }
 
 TEST_F(TempDir, DeleteDirectoryRemovesFilesButIsNotRecursive)
 {
    ASSERT_EQ(0, mkdir(path("d").c_str(), 0700));
-   writeFile(path("d/a"), "1");
+   writeFile("d/a");
    EXPECT_TRUE(DtDeleteDirectory(at("d")));
    EXPECT_FALSE(at("d").exists());
    EXPECT_FALSE(DtDeleteDirectory(at("d"))) << "gone already";
 
    ASSERT_EQ(0, mkdir(path("e").c_str(), 0700));
    ASSERT_EQ(0, mkdir(path("e/inner").c_str(), 0700));
-   writeFile(path("e/file"), "x");
+   writeFile("e/file");
    EXPECT_FALSE(DtDeleteDirectory(at("e")));
-   EXPECT_TRUE(isDirectory(path("e/inner")));
+   EXPECT_TRUE(isDirectory("e/inner"));
    EXPECT_FALSE(at("e/file").exists()) << "the files went all the same";
 }
 
 TEST_F(TempDir, FileListHoldsEveryEntry)
 {
-   writeFile(path("a"), "");
-   writeFile(path("b.txt"), "");
+   writeFile("a");
+   writeFile("b.txt");
    ASSERT_EQ(0, mkdir(path("c").c_str(), 0700));
-
    std::vector<std::string> names;
    for (DtFilename const& f : DtGetFileListFromDirectory(DtString(myRoot.c_str()), "*.txt"))
       names.push_back(str(f));
    std::sort(names.begin(), names.end());
    EXPECT_EQ((std::vector<std::string>{".", "..", "a", "b.txt", "c"}), names)
        << "the filter is not consulted";
-
    EXPECT_TRUE(DtGetFileListFromDirectory(at("none"), DtString()).empty());
-}
-
-TEST(FilenameDirectories, ConfigurationDirectoryIsUnderTheHome)
-{
-   struct passwd* entry = getpwuid(getuid());
-   ASSERT_NE(nullptr, entry);
-   EXPECT_EQ(std::string(entry->pw_dir) + "/.qor", str(DtGetQorUserConfigurationDirectory()));
 }
 
 // ---------------------------------------------------------------- the log directory
@@ -274,33 +233,31 @@ namespace
 {
 char const* const theLogVariables[] = {"HOME", "QOR_LOG_DIR", "QOR_INSTALL_DIR", "QOR_BASE_DIR"};
 
-// Saves the four variables, clears them for the test and restores them after.
+// Clears the four variables for the test and restores them after.
 class LogDirectory : public TempDir
 {
 protected:
    void SetUp() override
    {
       TempDir::SetUp();
-      for (char const* variable : theLogVariables)
+      for (int i = 0; i < 4; ++i)
       {
-         char const* value = std::getenv(variable);
-         mySaved.emplace_back(value ? std::optional<std::string>(value) : std::nullopt);
-         unsetenv(variable);
+         char const* value = std::getenv(theLogVariables[i]);
+         mySaved[i] = value ? std::optional<std::string>(value) : std::nullopt;
+         unsetenv(theLogVariables[i]);
       }
    }
    void TearDown() override
    {
-      for (std::size_t i = 0; i < mySaved.size(); ++i)
-      {
-         if (mySaved[i])
-            setenv(theLogVariables[i], mySaved[i]->c_str(), 1);
-         else
-            unsetenv(theLogVariables[i]);
-      }
+      for (int i = 0; i < 4; ++i)
+         set(i, mySaved[i] ? mySaved[i]->c_str() : nullptr);
       TempDir::TearDown();
    }
-
-   std::vector<std::optional<std::string>> mySaved;
+   void set(int i, char const* value)
+   {
+      value ? setenv(theLogVariables[i], value, 1) : unsetenv(theLogVariables[i]);
+   }
+   std::optional<std::string> mySaved[4];
 };
 }  // namespace
 
@@ -308,26 +265,23 @@ TEST_F(LogDirectory, Precedence)
 {
    // HOME, QOR_LOG_DIR, QOR_INSTALL_DIR, QOR_BASE_DIR (relative to the
    // temporary directory, or null for unset), then the expected directory.
-   std::tuple<char const*, char const*, char const*, char const*, char const*> const cases[] = {
-       {"home", nullptr, nullptr, nullptr, "home/QOR/logs"},
-       {"home2/", nullptr, nullptr, nullptr, "home2/QOR/logs"},
-       {"home", nullptr, nullptr, "base", "base/logs"},
-       {"home", nullptr, "install", "base", "install/logs"},
-       {"home", "log", "install", "base", "log"},
-       {"home3", "", "", "base3", "base3/logs"}};  // empty counts as unset
+   struct
+   {
+      char const* values[4];
+      char const* expected;
+   } const cases[] = {{{"home", nullptr, nullptr, nullptr}, "home/QOR/logs"},
+                      {{"home2/", nullptr, nullptr, nullptr}, "home2/QOR/logs"},
+                      {{"home", nullptr, nullptr, "base"}, "base/logs"},
+                      {{"home", nullptr, "install", "base"}, "install/logs"},
+                      {{"home", "log", "install", "base"}, "log"},
+                      {{"home3", "", "", "base3"}, "base3/logs"}};  // empty counts as unset
    for (auto const& c : cases)
    {
-      SCOPED_TRACE(std::get<4>(c));
-      char const* const values[] = {std::get<0>(c), std::get<1>(c), std::get<2>(c), std::get<3>(c)};
-      for (std::size_t i = 0; i < 4; ++i)
-      {
-         if (values[i])
-            setenv(theLogVariables[i], *values[i] ? path(values[i]).c_str() : "", 1);
-         else
-            unsetenv(theLogVariables[i]);
-      }
-      EXPECT_EQ(path(std::get<4>(c)), str(DtGetQorLogDirectory()));
-      EXPECT_TRUE(isDirectory(path(std::get<4>(c)))) << "made when missing";
+      SCOPED_TRACE(c.expected);
+      for (int i = 0; i < 4; ++i)
+         set(i, !c.values[i] ? nullptr : *c.values[i] ? path(c.values[i]).c_str() : "");
+      EXPECT_EQ(path(c.expected), str(DtGetQorLogDirectory()));
+      EXPECT_TRUE(isDirectory(c.expected)) << "made when missing";
    }
 }
 

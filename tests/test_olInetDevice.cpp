@@ -4,12 +4,11 @@
 #include <olutil/olInetDevice.h>
 
 #include <arpa/inet.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -30,14 +29,42 @@ using Names = std::vector<std::string>;
 
 std::string text(DtInetAddr const* address)
 {
-   return address ? address->toDtString().stdString() : std::string("(none)");
+   return address ? address->toDtString().stdString() : std::string("-");
 }
 
-Names names(DtInetDeviceList const& devices)
+std::string withPrefix(DtInetAddr const* a)
+{
+   return text(a) + "/" + std::to_string(a ? a->prefix() : 0);
+}
+
+// "name family linkState [up] [active] | v4/len netmask broadcast | v6/len
+// broadcast", or the error of a failed device.
+std::string summary(DtInetDevice const& d)
+{
+   if (!d.isOk())
+      return d.getLastErrorString().stdString();
+   return d.deviceName().stdString() + " " + std::to_string(d.family()) + " " +
+          std::to_string(d.linkState()) + (d.isUp() ? " up" : "") +
+          (d.isActive() ? " active" : "") + " | " + withPrefix(d.ipv4Addr()) + " " +
+          text(d.ipv4Netmask()) + " " + text(d.ipv4BroadcastAddr()) + " | " +
+          withPrefix(d.ipv6Addr()) + " " + text(d.ipv6BroadcastAddr());
+}
+
+// "type mtu linkScope [broadcast] [multicast] macLength mac"
+std::string hardware(DtInetDevice const& d)
+{
+   unsigned char bytes[8];
+   return std::to_string(d.type()) + " " + std::to_string(d.mtu()) + " " +
+          std::to_string(d.linkScope()) + (d.isBroadcastCapable() ? " broadcast" : "") +
+          (d.isMulticastCapable() ? " multicast" : "") + " " + std::to_string(d.macAddr(bytes)) +
+          " " + d.macAddrString().stdString();
+}
+
+Names names(DtInetDeviceList const& devices, bool full = false)
 {
    Names result;
    for (auto const& device : devices)
-      result.push_back(device->deviceName().stdString());
+      result.push_back(full ? summary(*device) : device->deviceName().stdString());
    return result;
 }
 
@@ -45,21 +72,6 @@ bool contains(std::vector<DtInetAddr*> const& addresses, char const* wanted)
 {
    return std::any_of(addresses.begin(), addresses.end(),
                       [&](DtInetAddr const* a) { return text(a) == wanted; });
-}
-
-// "address/prefix netmask broadcast" of the IPv4 side, "address/prefix
-// broadcast" of the IPv6 side.
-std::string v4(DtInetDevice const& d)
-{
-   DtInetAddr const* a = d.ipv4Addr();
-   return text(a) + "/" + std::to_string(a ? a->prefix() : 0) + " " + text(d.ipv4Netmask()) + " " +
-          text(d.ipv4BroadcastAddr());
-}
-
-std::string v6(DtInetDevice const& d)
-{
-   DtInetAddr const* a = d.ipv6Addr();
-   return text(a) + "/" + std::to_string(a ? a->prefix() : 0) + " " + text(d.ipv6BroadcastAddr());
 }
 
 std::shared_ptr<DtInetDevice> byName(DtInetDeviceList const& devices, char const* name)
@@ -82,8 +94,8 @@ int fetch(int query, ifconf* table, unsigned int& size, unsigned int& multiplier
 
 // One "host": lo; olta0 (IPv4 + IPv6, running, in groups 239.1.2.3 and
 // ff15::1234) with its peer oltb0 (IPv4 only); oltc0 (IPv4, up but no carrier);
-// oltdn0 (IPv4 without broadcast address, down); oltd0 (IPv6 only, running). No interface has a
-// link-local address, so each carries exactly the addresses given here.
+// oltdn0 (IPv4 without broadcast address, down); oltd0 (IPv6 only, running).
+// No link-local addresses, so each interface carries exactly the ones given here.
 class InetDeviceNetnsTest : public ::testing::Test
 {
 protected:
@@ -136,58 +148,53 @@ protected:
 
 TEST_F(InetDeviceNetnsTest, ScansListIpv4InterfacesFirstThenIpv6OnlyAndFilter)
 {
-   DtInetDeviceList all = U::scanInetDevices(false, false);
-   EXPECT_EQ(names(all), (Names{"lo", "olta0", "oltb0", "oltc0", "oltdn0", "oltd0"}));
-   for (auto const& device : all)
-   {
-      SCOPED_TRACE(device->deviceName().c_str());
-      EXPECT_TRUE(device->isOk()) << device->getLastErrorString().c_str();
-      EXPECT_EQ(device->family(), U::DtInetFamilyIPv4);
-   }
-   auto ipv6Only = all.back();
-   EXPECT_EQ(ipv6Only->ipv4Addr(), nullptr);
-   EXPECT_EQ(text(ipv6Only->ipv6Addr()), "2001:db8:1::1");
-   EXPECT_TRUE(ipv6Only->isActive());
-   EXPECT_EQ(ipv6Only->addr(), nullptr);  // family 4 answers with the IPv4 address
-
+   Names all = {
+       "lo 4 64 up active | 127.0.0.1/8 255.0.0.0 - | ::1/128 ff02::1",
+       "olta0 4 64 up active | 192.0.2.1/25 255.255.255.128 192.0.2.127 | 2001:db8::1/64 ff02::1",
+       "oltb0 4 64 up active | 198.51.100.1/24 255.255.255.0 198.51.100.255 | -/0 -",
+       "oltc0 4 1 up | 203.0.113.1/25 255.255.255.128 203.0.113.127 | -/0 -",
+       "oltdn0 4 0 | 203.0.113.129/25 255.255.255.128 0.0.0.0 | -/0 -",
+       "oltd0 4 64 up active | -/0 - - | 2001:db8:1::1/64 ff02::1"};
+   EXPECT_EQ(names(U::scanInetDevices(false, false), true), all);
    // activeOnly tests isUp: the interface without carrier (linkState 1) stays.
-   DtInetDeviceList up = U::scanInetDevices(true, false);
-   EXPECT_EQ(names(up), (Names{"lo", "olta0", "oltb0", "oltc0", "oltd0"}));
-   EXPECT_EQ(byName(up, "oltc0")->linkState(), DtInetDevice::DtInetLinkUp);
-   EXPECT_TRUE(byName(up, "oltc0")->isUp());
-   EXPECT_FALSE(byName(up, "oltc0")->isActive());
-   EXPECT_EQ(byName(all, "oltdn0")->linkState(), DtInetDevice::DtInetLinkDown);
-
+   all.erase(all.begin() + 4);
+   EXPECT_EQ(names(U::scanInetDevices(true, false), true), all);
+   // Family 4 answers addr() with the IPv4 address, family 6 with the IPv6 one.
+   EXPECT_EQ(U::scanInetDevices(false, false).back()->addr(), nullptr);
    auto a6 = byName(U::scanInetDevices(false, true), "olta0");
    ASSERT_TRUE(a6);
    EXPECT_EQ(a6->family(), U::DtInetFamilyIPv6);
-   EXPECT_EQ(text(a6->addr()), "2001:db8::1");
-   EXPECT_EQ(text(a6->broadcastAddr()), "ff02::1");
+   EXPECT_EQ(text(a6->addr()) + " " + text(a6->broadcastAddr()), "2001:db8::1 ff02::1");
+
+   // Capability filters and the defaults they give.
+   EXPECT_EQ(names(U::scanBroadcastDevices(true, false)),
+             (Names{"olta0", "oltb0", "oltc0", "oltd0"}));
+   EXPECT_EQ(names(U::scanMulticastDevices(false, false)),
+             (Names{"olta0", "oltb0", "oltc0", "oltdn0", "oltd0"}));
+   EXPECT_EQ(names(U::scanIpv6Devices(false)), (Names{"lo", "olta0", "oltd0"}));
+   EXPECT_EQ(names({U::defaultMulticastDevice(), U::defaultBroadcastDevice(false)}),
+             (Names{"olta0", "olta0"}));
+   std::unique_ptr<DtInetAddr> primary(U::getPrimaryBroadcastAddress(false));
+   std::unique_ptr<DtInetAddr> primary6(U::getPrimaryBroadcastAddress(true));
+   EXPECT_EQ(text(primary.get()) + " " + text(primary6.get()), "192.0.2.127 ff02::1");
 }
 
 TEST_F(InetDeviceNetnsTest, DeviceFactsAndCopies)
 {
    DtInetDeviceList all = U::scanInetDevices(false, false);
    auto a = byName(all, "olta0");
-   ASSERT_TRUE(a);
+   auto lo = byName(all, "lo");
+   ASSERT_TRUE(a && lo);
    EXPECT_EQ(a->interfaceIndex(), myNs->ifIndex("olta0"));
-   EXPECT_EQ(a->type(), DtInetDevice::DtInetDeviceEthernet);
-   EXPECT_EQ(a->linkState(), DtInetDevice::DtInetLinkRunning);
-   EXPECT_EQ(a->mtu(), 1500);
-   EXPECT_TRUE(a->isBroadcastCapable());
-   EXPECT_TRUE(a->isMulticastCapable());
-   EXPECT_EQ(v4(*a), "192.0.2.1/25 255.255.255.128 192.0.2.127");
-   EXPECT_EQ(v6(*a), "2001:db8::1/64 ff02::1");
-   EXPECT_EQ(a->linkScope(), DtInetIpv6ScopeGlobal);
-
    std::string mac;
    ASSERT_TRUE(myNs->exec({"cat", "/sys/class/net/olta0/address"}, &mac));
    mac = mac.substr(0, mac.find('\n'));
-   for (char& c : mac)
-      c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-   EXPECT_EQ(a->macAddrString().stdString(), mac);
+   std::transform(mac.begin(), mac.end(), mac.begin(), ::toupper);
+   EXPECT_EQ(hardware(*a),
+             "0 1500 " + std::to_string(DtInetIpv6ScopeGlobal) + " broadcast multicast 6 " + mac);
+   EXPECT_EQ(hardware(*lo), "4 65536 " + std::to_string(DtInetIpv6ScopeInterfaceLocal) + " 0 ");
    unsigned char bytes[8];
-   EXPECT_EQ(a->macAddr(bytes), 6u);
+   a->macAddr(bytes);
    EXPECT_EQ(bytes[6], 0);
 
    // Groups: the IPv6 join is listed whole; the IPv4 list keeps the first four
@@ -196,42 +203,19 @@ TEST_F(InetDeviceNetnsTest, DeviceFactsAndCopies)
    EXPECT_FALSE(contains(a->ipv6Groups(), "ff02::1"));
    EXPECT_TRUE(contains(a->ipv4Groups(), "2.3.0.0"));
 
-   auto lo = byName(all, "lo");
-   ASSERT_TRUE(lo);
-   EXPECT_EQ(lo->type(), DtInetDevice::DtInetDeviceLoopback);
-   EXPECT_EQ(lo->macAddr(bytes), 0u);
-   EXPECT_TRUE(lo->macAddrString().isEmpty());
-   EXPECT_FALSE(lo->isBroadcastCapable());
-   EXPECT_EQ(lo->ipv4BroadcastAddr(), nullptr);
-   EXPECT_EQ(text(lo->ipv6Addr()), "::1");
-   EXPECT_EQ(lo->linkScope(), DtInetIpv6ScopeInterfaceLocal);
-
-   // Copies and assignments own their addresses.
+   // Copies and assignments own their addresses; equality is by name only.
    DtInetDevice copy(*a);
-   EXPECT_NE(copy.ipv4Addr(), a->ipv4Addr());
-   EXPECT_EQ(v4(copy) + v6(copy), v4(*a) + v6(*a));
-   EXPECT_EQ(copy.ipv6Groups().size(), a->ipv6Groups().size());
    DtInetDevice other("oltb0");
    EXPECT_TRUE(other != *a);
    other = *a;
-   EXPECT_TRUE(other == *a);
-   EXPECT_NE(other.ipv6Addr(), a->ipv6Addr());
-   EXPECT_EQ(v4(other) + v6(other), v4(*a) + v6(*a));
-
-   // Capability filters and the defaults they give.
-   EXPECT_EQ(names(U::scanBroadcastDevices(true, false)),
-             (Names{"olta0", "oltb0", "oltc0", "oltd0"}));
-   EXPECT_EQ(names(U::scanMulticastDevices(false, false)),
-             (Names{"olta0", "oltb0", "oltc0", "oltdn0", "oltd0"}));
-   EXPECT_EQ(names(U::scanIpv6Devices(false)), (Names{"lo", "olta0", "oltd0"}));
-
-   EXPECT_EQ(names({U::defaultMulticastDevice(), U::defaultBroadcastDevice(false)}),
-             (Names{"olta0", "olta0"}));
-
-   std::unique_ptr<DtInetAddr> primary(U::getPrimaryBroadcastAddress(false));
-   EXPECT_EQ(text(primary.get()), "192.0.2.127");
-   std::unique_ptr<DtInetAddr> primary6(U::getPrimaryBroadcastAddress(true));
-   EXPECT_EQ(text(primary6.get()), "ff02::1");
+   for (DtInetDevice const* d : {&copy, &other})
+   {
+      EXPECT_TRUE(*d == *a);
+      EXPECT_NE(d->ipv4Addr(), a->ipv4Addr());
+      EXPECT_NE(d->ipv6Addr(), a->ipv6Addr());
+      EXPECT_EQ(summary(*d) + hardware(*d), summary(*a) + hardware(*a));
+      EXPECT_EQ(d->ipv6Groups().size(), a->ipv6Groups().size());
+   }
 }
 
 TEST_F(InetDeviceNetnsTest, BroadcastAndMulticastDestinations)
@@ -241,10 +225,10 @@ TEST_F(InetDeviceNetnsTest, BroadcastAndMulticastDestinations)
       DtInetAddr destination;
       char const* device;
    } const cases[] = {
-       {DtInetAddr("192.0.2.1"), "(none)"},      // neither broadcast nor multicast
+       {DtInetAddr("192.0.2.1"), "-"},           // neither broadcast nor multicast
        {DtInetAddr("224.0.0.5"), "olta0"},       // first multicast interface with IPv4
        {DtInetAddr("198.51.100.255"), "oltb0"},  // an interface's broadcast address
-       {DtInetAddr("192.0.2.127"), "(none)"},  // a /25 broadcast that the class mask does not flag
+       {DtInetAddr("192.0.2.127"), "-"},  // a /25 broadcast that the class mask does not flag
        {DtInetAddr("192.0.2.127", "255.255.255.128"), "olta0"},  // ... the right mask does
        {DtInetAddr("203.0.113.255"), "oltdn0"},  // down, but its address's own broadcast matches
        {DtInetAddr("ff02::1"), "lo"},            // lo is first and lists the all-nodes group
@@ -254,7 +238,7 @@ TEST_F(InetDeviceNetnsTest, BroadcastAndMulticastDestinations)
    {
       SCOPED_TRACE(c.destination.toDtString().c_str());
       std::unique_ptr<DtInetDevice> found(DtInetDevice::findInterface(c.destination));
-      EXPECT_EQ(found ? found->deviceName().stdString() : "(none)", c.device);
+      EXPECT_EQ(found ? found->deviceName().stdString() : "-", c.device);
    }
 
    // olta0's broadcast address; an interface's that is also all-ones in its
@@ -269,11 +253,9 @@ TEST_F(InetDeviceNetnsTest, BroadcastAndMulticastDestinations)
 
 TEST_F(InetDeviceNetnsTest, LookupByNameAndAddress)
 {
-   DtInetDevice byInterface("olta0");
-   ASSERT_TRUE(byInterface.isOk()) << byInterface.getLastErrorString().c_str();
-   EXPECT_EQ(v4(byInterface), "192.0.2.1/25 255.255.255.128 192.0.2.127");
-   EXPECT_EQ(v6(byInterface), "2001:db8::1/64 ff02::1");
-
+   EXPECT_EQ(summary(DtInetDevice("olta0")),
+             "olta0 4 64 up active | 192.0.2.1/25 255.255.255.128 192.0.2.127 | 2001:db8::1/64 "
+             "ff02::1");
    // "name family [v4]", or the error of a failed lookup.
    auto id = [](DtInetDevice const& d)
    {
@@ -284,7 +266,6 @@ TEST_F(InetDeviceNetnsTest, LookupByNameAndAddress)
    EXPECT_EQ(id(DtInetDevice(DtInetAddr("198.51.100.1"))), "oltb0 4 v4");
    EXPECT_EQ(id(DtInetDevice(DtString("[2001:db8::1]:3000"))), "olta0 6 v4");
    EXPECT_EQ(id(DtInetDevice(DtInetAddr("2001:db8:1::1"))), "oltd0 6");
-
    EXPECT_EQ(id(DtInetDevice(DtString("nosuch0"))), "Could not locate interface nosuch0");
    EXPECT_EQ(id(DtInetDevice(DtString(""))), "Could not locate interface ");
    EXPECT_EQ(id(DtInetDevice(DtString("192.0.2.99:80"))),
@@ -311,8 +292,7 @@ TEST_F(InetDeviceNetnsTest, InterfaceThatVanishesGivesAFailedDevice)
    ASSERT_TRUE(myNs->ip({"link", "delete", "oltv0"}));
 
    DtInetDevice gone(query, record, nullptr, U::DtInetFamilyIPv4);
-   EXPECT_FALSE(gone.isOk());
-   EXPECT_STREQ(gone.getLastErrorString().c_str(), "Could not query IPv4 flags on interface oltv0");
+   EXPECT_EQ(summary(gone), "Could not query IPv4 flags on interface oltv0");
    EXPECT_EQ(gone.ipv4Addr(), nullptr);
    // The stale record no longer answers an address query either.
    in_addr address;
@@ -332,7 +312,7 @@ void fetchInChild(int query, unsigned int size, unsigned int multiplier, int rec
    _exit(result == 0 && table.ifc_len == records * 40 ? 0 : 1);
 }
 
-// Plain namespaces for the table growth: lo plus one or two IPv4 interfaces.
+// Plain namespace for the table growth: lo plus one or two IPv4 interfaces.
 TEST(InetDeviceTableTest, IfconfTableGrowsByTrial)
 {
    std::string why;
@@ -340,9 +320,7 @@ TEST(InetDeviceTableTest, IfconfTableGrowsByTrial)
       GTEST_SKIP() << "interface tests run in a private network namespace: " << why;
    olt::TestNetns ns;
    ASSERT_TRUE(ns.ok()) << ns.error();
-   ASSERT_TRUE(
-       ns.sh("ip link add olta0 type veth peer name oltb0 && "
-             "ip addr add 192.0.2.1/24 dev olta0"))
+   ASSERT_TRUE(ns.addVethPair("olta0", "oltb0") && ns.addAddress("olta0", "192.0.2.1/24"))
        << ns.error();
    olt::NetnsGuard inside(ns);
    ASSERT_TRUE(inside.ok()) << inside.error();
@@ -370,8 +348,8 @@ TEST(InetDeviceTableTest, IfconfTableGrowsByTrial)
    }
 
    // A starting size or multiplier of 0 still grows to the whole table (lo,
-   // olta0, oltb0) instead of asking for nothing forever. Run in a child with
-   // an alarm, so that a table that never grows ends the child, not the test.
+   // olta0, oltb0) instead of asking for nothing forever; in a child with an
+   // alarm, so that a table that never grows ends the child, not the test.
    for (auto start : {std::make_pair(0u, 3u), std::make_pair(40u, 0u), std::make_pair(0u, 0u)})
    {
       SCOPED_TRACE(start.first * 10 + start.second);
@@ -385,8 +363,7 @@ TEST(InetDeviceTableTest, IfconfTableGrowsByTrial)
    DtString error;
    EXPECT_NE(fetch(-1, &table, size, multiplier, &error), 0);
    EXPECT_STREQ(error.c_str(), "Could not retrieve device configurations.");
-   EXPECT_EQ(size, 40u);
-   EXPECT_EQ(multiplier, 3u);
+   EXPECT_EQ(std::make_pair(size, multiplier), std::make_pair(40u, 3u));
    EXPECT_EQ(table.ifc_buf, nullptr);
 
    // The IPv6 table has one 144-byte record per line of /proc/net/if_inet6.
@@ -402,28 +379,17 @@ TEST(InetDeviceTableTest, IfconfTableGrowsByTrial)
 
 // ---------------------------------------------------------------- /proc readers
 
-class ProcReaderTest : public ::testing::Test
+// A path to `content` in an unnamed file that lasts until the process ends.
+std::string write(std::string const& content)
 {
-protected:
-   std::string write(std::string const& content)
-   {
-      char path[] = "/tmp/olt_procXXXXXX";
-      int fd = mkstemp(path);
-      EXPECT_GE(fd, 0);
-      EXPECT_EQ(::write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-      close(fd);
-      myFiles.push_back(path);
-      return path;
-   }
-   void TearDown() override
-   {
-      for (auto const& path : myFiles)
-         unlink(path.c_str());
-   }
-   std::vector<std::string> myFiles;
-};
+   FILE* file = tmpfile();
+   EXPECT_NE(file, nullptr);
+   EXPECT_EQ(fwrite(content.data(), 1, content.size(), file), content.size());
+   fflush(file);
+   return "/proc/self/fd/" + std::to_string(fileno(file));
+}
 
-TEST_F(ProcReaderTest, IfInet6Lines)
+TEST(ProcReaderTest, IfInet6Lines)
 {
    // The name field holds the name and zeros behind it, even after a longer
    // name on an earlier line.
@@ -457,8 +423,7 @@ TEST_F(ProcReaderTest, IfInet6Lines)
        {"20010db8 03 40\n", P::DtProcReadParseError},
        // An overlong name is cut to the 15 characters the record holds.
        {"20010db8000000000000000000000001 03 40 00 80    averyveryverylongname_beyond16\n",
-        P::DtProcReadOk},
-   };
+        P::DtProcReadOk}};
    for (auto const& h : hostile)
    {
       SCOPED_TRACE(h.content);
@@ -470,7 +435,7 @@ TEST_F(ProcReaderTest, IfInet6Lines)
    EXPECT_EQ(P::countLines("/nonexistent/if_inet6"), -1);
 }
 
-TEST_F(ProcReaderTest, IgmpBlocksAndTheFourDigitQuirk)
+TEST(ProcReaderTest, IgmpBlocksAndTheFourDigitQuirkAndIgmp6Lines)
 {
    std::string igmp = write(
        "Idx\tDevice    : Count Querier\tGroup    Users Timer\tReporter\n"
@@ -484,7 +449,6 @@ TEST_F(ProcReaderTest, IgmpBlocksAndTheFourDigitQuirk)
    std::vector<unsigned int> groups;
    EXPECT_EQ(P::readIgmpGroups(igmp.c_str(), 3, groups), P::DtProcReadOk);
    EXPECT_EQ(groups, (std::vector<unsigned int>{htonl(0x0302u), htonl(0x0100u)}));
-
    // A bad group line ends the reading; so does a line too long for the buffer.
    for (std::string bad : {std::string("3\tolta0 : 1\n\t\t\tzz\n\t\t\t030201EF\n"),
                            std::string(3000, 'x') + "\n\t\t\t\t0\n"})
@@ -493,25 +457,21 @@ TEST_F(ProcReaderTest, IgmpBlocksAndTheFourDigitQuirk)
       EXPECT_EQ(P::readIgmpGroups(write(bad).c_str(), 3, groups), P::DtProcReadOk);
       EXPECT_TRUE(groups.empty());
    }
-}
 
-TEST_F(ProcReaderTest, Igmp6Lines)
-{
    std::string igmp6 = write(
        "1    lo              ff020000000000000000000000000001     1 0000000C 0\n"
        "3    olta0           ff150000000000000000000000001234     1 00000004 0\n"
        "3    olta0           ff020000000000000000000000000001     1 0000000C 0\n");
-   std::vector<in6_addr> groups;
-   EXPECT_EQ(P::readIgmp6Groups(igmp6.c_str(), 3, groups), P::DtProcReadOk);
-   ASSERT_EQ(groups.size(), 2u);
-   EXPECT_EQ(groups[0].s6_addr[0], 0xff);
-   EXPECT_EQ(groups[0].s6_addr[1], 0x15);
-   EXPECT_EQ(groups[0].s6_addr[14], 0x12);
-
-   groups.clear();
-   EXPECT_EQ(P::readIgmp6Groups(write("3    olta0           ff15\n").c_str(), 3, groups),
+   std::vector<in6_addr> groups6;
+   EXPECT_EQ(P::readIgmp6Groups(igmp6.c_str(), 3, groups6), P::DtProcReadOk);
+   ASSERT_EQ(groups6.size(), 2u);
+   EXPECT_EQ(groups6[0].s6_addr[0], 0xff);
+   EXPECT_EQ(groups6[0].s6_addr[1], 0x15);
+   EXPECT_EQ(groups6[0].s6_addr[14], 0x12);
+   groups6.clear();
+   EXPECT_EQ(P::readIgmp6Groups(write("3    olta0           ff15\n").c_str(), 3, groups6),
              P::DtProcReadParseError);
-   EXPECT_EQ(P::readIgmp6Groups("/nonexistent/igmp6", 3, groups), P::DtProcReadCannotOpen);
+   EXPECT_EQ(P::readIgmp6Groups("/nonexistent/igmp6", 3, groups6), P::DtProcReadCannotOpen);
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // Tests of the socket base: records, callback lists and the chain pipelines, driven
 // through a socket whose transmit and read steps are scripted by the test.
 #include <olutil/olInetSocket.h>
+#include <olutil/olInetUdpSocket.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,15 +14,14 @@
 namespace
 {
 
-// A socket with no system socket behind it: the chain operations run the base's
-// pipelines with a transmit and a read step that the test scripts.
-class ScriptedSocket : public DtInetSocket
+// A socket whose chain operations run the base's pipelines with a transmit and a read
+// step that the test scripts. It borrows the rest, never opened, from the datagram socket.
+class ScriptedSocket : public DtInetUdpSocket
 {
 public:
    explicit ScriptedSocket(DtInetProtocol rules = DtInetProtocolUdp) : myRules(rules) {}
 
-   // Scripted steps.
-   int transmitResult = 0;
+   int transmitResult = 10;
    int transmitCalls = 0;
    int readResult = 0;
    int readCalls = 0;
@@ -28,15 +29,11 @@ public:
    unsigned short readPort = 0;
 
    using DtInetSocket::callbackList;
+   using DtInetSocket::myReceiveTime;
    using DtInetSocket::recordFailure;
    using DtInetSocket::setFlags;
    using DtInetSocket::setState;
 
-   bool setDestination(DtInetEndpoint const& endpoint) override
-   {
-      myDestination = endpoint;
-      return true;
-   }
    int sendChainTo(DtInetSockChain& chain, DtInetEndpoint& endpoint, unsigned int flags) override
    {
       auto transmit = [this](DtInetSockChain&, DtInetEndpoint&)
@@ -68,38 +65,6 @@ public:
       return recvToChainFrom(chain, scratch, flags);
    }
 
-   // Nothing below is reached by these tests.
-   int sendChain(DtInetSockChain&, unsigned int) override { return 0; }
-   bool bindToDevice(DtInetDevice const*) override { return true; }
-   bool openSocket() override { return true; }
-   bool closeSocket() override { return true; }
-   bool connectToDestination() override { return true; }
-   int send(char*, unsigned long, unsigned int) override { return 0; }
-   int sendTo(char*, unsigned long, DtInetEndpoint&, unsigned int) override { return 0; }
-   int recv(char*, unsigned long, unsigned int) override { return 0; }
-   int recvFrom(char*, unsigned long, DtInetEndpoint&, unsigned int) override { return 0; }
-   int descriptor() const override { return -1; }
-   bool setSocket(DtInetEndpoint const&, unsigned short, DtInetDevice*, unsigned int) override
-   {
-      return true;
-   }
-   bool setNonBlockingOption(bool) override { return true; }
-   bool setReuseAddressOption(bool) override { return true; }
-   bool setSendBufferSize(unsigned int) override { return true; }
-   bool setReceiveBufferSize(unsigned int) override { return true; }
-   bool setDoNotRouteOption(bool) override { return true; }
-   bool setSendLowWatermark(unsigned int) override { return true; }
-   bool setReceiveLowWatermark(unsigned int) override { return true; }
-   bool getReuseAddressOption() override { return false; }
-   bool getDoNotRouteOption() override { return false; }
-   int getSendBufferSize() override { return 0; }
-   int getReceiveBufferSize() override { return 0; }
-   int getBytesAvailable() override { return 0; }
-   int getSendLowWatermark() override { return 0; }
-   int getReceiveLowWatermark() override { return 0; }
-
-   void setReceiveTime(double time) { myReceiveTime = time; }
-
 private:
    DtInetProtocol myRules;
 };
@@ -118,7 +83,15 @@ std::vector<CallRecord>& calls()
    return theCalls;
 }
 
-// Send callbacks take their behaviour from the user data.
+std::vector<std::string> names()
+{
+   std::vector<std::string> result;
+   for (CallRecord const& call : calls())
+      result.push_back(call.name);
+   return result;
+}
+
+// Send callbacks take their name and result from the user data.
 struct Script
 {
    char const* name;
@@ -141,10 +114,7 @@ template <int Result, int Marker>
 int receiveCallback(DtInetSocket*, int length, DtInetSockChain& chain, DtInetEndpoint&,
                     void* marker)
 {
-   calls().push_back({Result == theLength ? "pass"
-                      : Result == 0       ? "drop"
-                                          : "other",
-                      length, marker});
+   calls().push_back({Result == 0 ? "drop" : "keep", length, marker});
    if (Marker == DtInetSockResultFromQueue)
       DtInetSockCopyToChain("queued", 6, chain);
    if (Marker != 0)
@@ -158,33 +128,31 @@ DtInetSockProcessingCb const receiveServesFromQueue = receiveCallback<6, DtInetS
 DtInetSockProcessingCb const receiveDropsWithStatus = receiveCallback<0, -2>;
 DtInetSockProcessingCb const receiveNegative = receiveCallback<-3, 0>;
 
-std::vector<std::string> names()
-{
-   std::vector<std::string> result;
-   for (CallRecord const& call : calls())
-      result.push_back(call.name);
-   return result;
-}
-
 class InetSocketTest : public ::testing::Test
 {
 protected:
    void SetUp() override { calls().clear(); }
 
+   // Registers a scripted send callback.
+   void add(DtInetSockProcessingType type, Script& script, int priority)
+   {
+      ASSERT_TRUE(socket.addProcessingCallback(type, scripted, &script, priority));
+   }
+
+   ScriptedSocket socket;
    // A chain of two buffers holding 4 and 6 bytes.
    std::vector<char> first = std::vector<char>(4, 'a');
    std::vector<char> second = std::vector<char>(6, 'b');
    DtInetSockChain chain{&first, &second};
+   DtInetSockChain empty;
    DtInetEndpoint target;
 };
 
 // ------------------------------------------------------------------ records
 
-TEST_F(InetSocketTest, NewSocketHasItsDefaults)
+TEST_F(InetSocketTest, NewSocketRecordsAndTheirClearing)
 {
-   ScriptedSocket socket;
    EXPECT_EQ(socket.flags(), 0x0C83u);
-   EXPECT_EQ(socket.state(), 0);
    EXPECT_EQ(socket.getLastError() + socket.getTerminationCode(), 0);
    EXPECT_EQ(socket.hostIf(), nullptr);
    // The booleans are derived only when flags are given, although the default has bit 7.
@@ -195,22 +163,14 @@ TEST_F(InetSocketTest, NewSocketHasItsDefaults)
    EXPECT_EQ(socket.protocol(), DtInetProtocolUnspecified);
    socket.setFlags(DtInetSockFlagsDefault);
    EXPECT_TRUE(socket.isNoDelay());
-}
 
-TEST_F(InetSocketTest, BaseIsOkFollowsTheStateSign)
-{
-   ScriptedSocket socket;
    for (int state : {-1, 0, 1, 2, 6, 8, 9})
    {
       SCOPED_TRACE(state);
       socket.setState(state);
-      EXPECT_EQ(socket.isOk(), state > 0);
+      EXPECT_EQ(socket.DtInetSocket::isOk(), state > 0);
    }
-}
 
-TEST_F(InetSocketTest, ErrorAndStatisticsRecords)
-{
-   ScriptedSocket socket;
    for (int number : {0, 4, 11, 35, 115})
    {
       SCOPED_TRACE(number);
@@ -224,9 +184,8 @@ TEST_F(InetSocketTest, ErrorAndStatisticsRecords)
    EXPECT_EQ(socket.state(), -1);
 
    // Clearing the statistics leaves the receive time.
-   socket.transmitResult = 10;
    socket.sendChainTo(chain, target, 0);
-   socket.setReceiveTime(12.5);
+   socket.myReceiveTime = 12.5;
    ASSERT_EQ(socket.totalPacketsSent(), 1u);
    socket.clearStats();
    EXPECT_EQ(socket.totalPacketsSent() + socket.totalBytesSent(), 0u);
@@ -235,40 +194,26 @@ TEST_F(InetSocketTest, ErrorAndStatisticsRecords)
 
 // ------------------------------------------------------------------ callback lists
 
-TEST_F(InetSocketTest, UnknownTypeIsRefused)
-{
-   ScriptedSocket socket;
-   Script a{"a", 0};
-   auto const unknown = static_cast<DtInetSockProcessingType>(7);
-   EXPECT_FALSE(socket.addProcessingCallback(unknown, scripted, &a, 1));
-   EXPECT_FALSE(socket.removeProcessingCallback(unknown, scripted));
-   for (int type = 0; type < 4; ++type)
-      EXPECT_TRUE(socket.callbackList(static_cast<DtInetSockProcessingType>(type))->empty());
-}
-
 TEST_F(InetSocketTest, CallbacksRunInKeyOrderAndEqualKeysInOrderOfAddition)
 {
-   ScriptedSocket socket;
    Script a{"a", 10}, b{"b", 10}, c{"c", 10}, d{"d", 10};
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &c, 5);
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &a, 1);
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &d, 5);
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &b, 1);
-   socket.transmitResult = 10;
+   add(DtInetSockPostSend, c, 5);
+   add(DtInetSockPostSend, a, 1);
+   add(DtInetSockPostSend, d, 5);
+   add(DtInetSockPostSend, b, 1);
    socket.sendChainTo(chain, target, 0);
    EXPECT_EQ(names(), (std::vector<std::string>{"a", "b", "c", "d"}));
 }
 
 TEST_F(InetSocketTest, NegativePriorityGoesAfterTheGreatestKey)
 {
-   ScriptedSocket socket;
    Script a{"a", 0}, b{"b", 0};
    // On an empty list there is no greatest key; the entry takes key 0.
-   EXPECT_TRUE(socket.addProcessingCallback(DtInetSockPreReceive, scripted, &a, -5));
+   add(DtInetSockPreReceive, a, -5);
    EXPECT_EQ(socket.callbackList(DtInetSockPreReceive)->begin()->first, 0);
 
-   socket.addProcessingCallback(DtInetSockPreSend, scripted, &a, 7);
-   socket.addProcessingCallback(DtInetSockPreSend, scripted, &b, -1);
+   add(DtInetSockPreSend, a, 7);
+   add(DtInetSockPreSend, b, -1);
    DtInetSockCallbackList const& list = *socket.callbackList(DtInetSockPreSend);
    ASSERT_EQ(list.size(), 2u);
    EXPECT_EQ(list.rbegin()->first, 8);
@@ -278,10 +223,15 @@ TEST_F(InetSocketTest, NegativePriorityGoesAfterTheGreatestKey)
 
 TEST_F(InetSocketTest, RemoveTakesTheFirstEntryOfTheFunctionOnly)
 {
-   ScriptedSocket socket;
    Script low{"low", 10}, high{"high", 10};
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &high, 9);
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &low, 2);
+   auto const unknown = static_cast<DtInetSockProcessingType>(7);
+   EXPECT_FALSE(socket.addProcessingCallback(unknown, scripted, &low, 1));
+   EXPECT_FALSE(socket.removeProcessingCallback(unknown, scripted));
+   for (int type = 0; type < 4; ++type)
+      EXPECT_TRUE(socket.callbackList(static_cast<DtInetSockProcessingType>(type))->empty());
+
+   add(DtInetSockPostSend, high, 9);
+   add(DtInetSockPostSend, low, 2);
    // Absent functions, or the right one on another list, change nothing.
    EXPECT_FALSE(socket.removeProcessingCallback(DtInetSockPostSend, receiveReturnsLength));
    EXPECT_FALSE(socket.removeProcessingCallback(DtInetSockPreSend, scripted));
@@ -297,48 +247,44 @@ TEST_F(InetSocketTest, RemoveTakesTheFirstEntryOfTheFunctionOnly)
 
 // ------------------------------------------------------------------ send pipeline
 
-TEST_F(InetSocketTest, WithoutCallbacksOnlyANonEmptyChainIsTransmitted)
+TEST_F(InetSocketTest, WithoutPreSendCallbacksOnlyANonEmptyChainIsTransmitted)
 {
-   DtInetSockChain empty;
-   struct Case
+   // Rules, chain, transmit result, transmit calls, result, packets counted: a datagram
+   // call counts even when nothing went out, a failed transmit ends the send uncounted.
+   std::tuple<DtInetProtocol, DtInetSockChain*, int, int, int, unsigned> const cases[] = {
+       {DtInetProtocolUdp, &chain, 10, 1, 10, 1},
+       {DtInetProtocolUdp, &empty, 10, 0, 0, 1},
+       {DtInetProtocolTcp, &chain, 10, 1, 10, 1},
+       {DtInetProtocolTcp, &empty, 10, 0, 0, 0},
+       {DtInetProtocolUdp, &chain, -1, 1, -1, 0}};
+   for (auto const& [rules, packet, transmitResult, transmits, result, packets] : cases)
    {
-      DtInetProtocol rules;
-      DtInetSockChain* chain;
-      int transmits;
-      int result;
-      unsigned packets;  // a datagram call counts even when nothing went out
-   } const cases[] = {{DtInetProtocolUdp, &chain, 1, 10, 1},
-                      {DtInetProtocolUdp, &empty, 0, 0, 1},
-                      {DtInetProtocolTcp, &chain, 1, 10, 1},
-                      {DtInetProtocolTcp, &empty, 0, 0, 0}};
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.rules * 10 + c.transmits);
-      ScriptedSocket socket(c.rules);
-      socket.transmitResult = 10;
-      EXPECT_EQ(socket.sendChainTo(*c.chain, target, 0), c.result);
-      EXPECT_EQ(socket.transmitCalls, c.transmits);
-      EXPECT_EQ(socket.totalPacketsSent(), c.packets);
-      EXPECT_EQ(socket.totalBytesSent(), static_cast<unsigned>(c.result));
+      SCOPED_TRACE(rules * 100 + transmits * 10 + result);
+      calls().clear();
+      ScriptedSocket s(rules);
+      Script post{"post", 0};
+      s.addProcessingCallback(DtInetSockPostSend, scripted, &post, 1);
+      s.transmitResult = transmitResult;
+      EXPECT_EQ(s.sendChainTo(*packet, target, 0), result);
+      EXPECT_EQ(s.transmitCalls, transmits);
+      EXPECT_EQ(s.totalPacketsSent(), packets);
+      EXPECT_EQ(s.totalBytesSent(), static_cast<unsigned>(result > 0 ? result : 0));
+      EXPECT_EQ(calls().size(), result < 0 ? 0u : 1u);
    }
 }
 
 TEST_F(InetSocketTest, DatagramPreSendAbsorbingThePacketStopsTheSend)
 {
-   ScriptedSocket socket;
    Script absorb{"absorb", 0}, later{"later", 5}, post{"post", 0};
-   socket.addProcessingCallback(DtInetSockPreSend, scripted, &absorb, 1);
-   socket.addProcessingCallback(DtInetSockPreSend, scripted, &later, 2);
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &post, 1);
-   socket.transmitResult = 10;
+   add(DtInetSockPreSend, absorb, 1);
+   add(DtInetSockPreSend, later, 2);
+   add(DtInetSockPostSend, post, 1);
 
-   int const sent = socket.sendChainTo(chain, target, 0);
-
+   EXPECT_EQ(socket.sendChainTo(chain, target, 0), 10);
    EXPECT_EQ(names(), (std::vector<std::string>{"absorb", "post"}));
    EXPECT_EQ(calls()[0].length, 10);  // the chain's byte count
    EXPECT_EQ(calls()[1].length, 10);  // handled bytes count as sent
    EXPECT_EQ(socket.transmitCalls, 0);
-   EXPECT_EQ(sent, 10);
    EXPECT_EQ(socket.totalPacketsSent(), 1u);
    EXPECT_EQ(socket.totalBytesSent(), 10u);
 
@@ -348,7 +294,6 @@ TEST_F(InetSocketTest, DatagramPreSendAbsorbingThePacketStopsTheSend)
    Script keep{"keep", 10};
    passing.addProcessingCallback(DtInetSockPreSend, scripted, &keep, 1);
    passing.addProcessingCallback(DtInetSockPreSend, scripted, &keep, 2);
-   passing.transmitResult = 10;
    EXPECT_EQ(passing.sendChainTo(chain, target, 0), 10);
    EXPECT_EQ(names(), (std::vector<std::string>{"keep", "keep"}));
    EXPECT_EQ(passing.transmitCalls, 1);
@@ -356,53 +301,43 @@ TEST_F(InetSocketTest, DatagramPreSendAbsorbingThePacketStopsTheSend)
 
 TEST_F(InetSocketTest, StreamPreSendCallbacksAllRunWithLengthZero)
 {
-   ScriptedSocket socket(DtInetProtocolTcp);
+   ScriptedSocket stream(DtInetProtocolTcp);
    Script absorb{"absorb", 0}, later{"later", 0};
-   socket.addProcessingCallback(DtInetSockPreSend, scripted, &absorb, 1);
-   socket.addProcessingCallback(DtInetSockPreSend, scripted, &later, 2);
-   socket.transmitResult = 10;
-   DtInetSockChain empty;
-   EXPECT_EQ(socket.sendChainTo(empty, target, 0), 0);
-   EXPECT_EQ(names(), (std::vector<std::string>{"absorb", "later"}));
+   stream.addProcessingCallback(DtInetSockPreSend, scripted, &absorb, 1);
+   stream.addProcessingCallback(DtInetSockPreSend, scripted, &later, 2);
+   EXPECT_EQ(stream.sendChainTo(empty, target, 0), 0);
+   ASSERT_EQ(names(), (std::vector<std::string>{"absorb", "later"}));
    EXPECT_EQ(calls()[0].length, 0);
    EXPECT_EQ(calls()[1].length, 0);
-   EXPECT_EQ(socket.transmitCalls, 0);
+   EXPECT_EQ(stream.transmitCalls, 0);
    // A stream counts only what was sent.
-   EXPECT_EQ(socket.totalPacketsSent(), 0u);
-   EXPECT_EQ(socket.totalBytesSent(), 0u);
+   EXPECT_EQ(stream.totalPacketsSent() + stream.totalBytesSent(), 0u);
 }
 
 TEST_F(InetSocketTest, SendCallbackFailuresInvalidateTheSocket)
 {
-   struct Case
+   for (auto type : {DtInetSockPreSend, DtInetSockPostSend})
    {
-      DtInetSockProcessingType type;
-      char const* text;
-   } const cases[] = {{DtInetSockPreSend, "Scripted: pre-send failed"},
-                      {DtInetSockPostSend, "Scripted: post-send failed"}};
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.text);
-      ScriptedSocket socket;
-      socket.setState(2);
+      SCOPED_TRACE(type);
+      ScriptedSocket s;
+      s.setState(2);
       Script fail{"fail", -2};
-      socket.addProcessingCallback(c.type, scripted, &fail, 1);
-      socket.transmitResult = 10;
-      EXPECT_EQ(socket.sendChainTo(chain, target, 0), -1);
-      EXPECT_EQ(socket.getLastError(), -1);
-      EXPECT_STREQ(socket.getLastErrorString().c_str(), c.text);
-      EXPECT_EQ(socket.state(), -1);
+      s.addProcessingCallback(type, scripted, &fail, 1);
+      EXPECT_EQ(s.sendChainTo(chain, target, 0), -1);
+      EXPECT_EQ(s.getLastError(), -1);
+      EXPECT_STREQ(s.getLastErrorString().c_str(), type == DtInetSockPreSend
+                                                       ? "Scripted: pre-send failed"
+                                                       : "Scripted: post-send failed");
+      EXPECT_EQ(s.state(), -1);
    }
 }
 
 TEST_F(InetSocketTest, PostSendResultsAddUpAndCallFlagsSkipTheirLists)
 {
-   ScriptedSocket socket;
    Script absorb{"absorb", 0}, one{"one", 3}, two{"two", 4};
-   socket.addProcessingCallback(DtInetSockPreSend, scripted, &absorb, 1);
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &one, 1);
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &two, 2);
-   socket.transmitResult = 10;
+   add(DtInetSockPreSend, absorb, 1);
+   add(DtInetSockPostSend, one, 1);
+   add(DtInetSockPostSend, two, 2);
    EXPECT_EQ(socket.sendChainTo(chain, target,
                                 DtInetSockCallNoPreCallbacks | DtInetSockCallNoPostCallbacks),
              10);
@@ -426,33 +361,10 @@ TEST_F(InetSocketTest, PostSendResultsAddUpAndCallFlagsSkipTheirLists)
    EXPECT_EQ(socket.readCalls, 1);
 }
 
-TEST_F(InetSocketTest, TransmitFailureEndsTheSendUncounted)
-{
-   ScriptedSocket socket;
-   Script post{"post", 0};
-   socket.addProcessingCallback(DtInetSockPostSend, scripted, &post, 1);
-   socket.transmitResult = -1;
-   EXPECT_EQ(socket.sendChainTo(chain, target, 0), -1);
-   EXPECT_TRUE(calls().empty());
-   EXPECT_EQ(socket.totalPacketsSent(), 0u);
-}
-
 // ------------------------------------------------------------------ receive pipeline
-
-TEST_F(InetSocketTest, EmptyChainReadRunsNothing)
-{
-   ScriptedSocket socket;
-   socket.addProcessingCallback(DtInetSockPreReceive, receiveReturnsLength, nullptr, 1);
-   socket.addProcessingCallback(DtInetSockPostReceive, receiveReturnsLength, nullptr, 1);
-   DtInetSockChain empty;
-   EXPECT_EQ(socket.recvToChainFrom(empty, target, 0), -4);
-   EXPECT_TRUE(calls().empty());
-   EXPECT_EQ(socket.readCalls, 0);
-}
 
 TEST_F(InetSocketTest, ReadFillsTheChainUnlessTheSkipMarkerIsSet)
 {
-   ScriptedSocket socket;
    // A pre-receive callback that sets no skip marker leaves the read to the network,
    // whatever it returns.
    socket.addProcessingCallback(DtInetSockPreReceive, receiveNegative, nullptr, 1);
@@ -480,56 +392,57 @@ TEST_F(InetSocketTest, ReadFillsTheChainUnlessTheSkipMarkerIsSet)
 
 TEST_F(InetSocketTest, DroppedPacketGivesZeroOrTheCarriedMarker)
 {
-   struct Case
-   {
-      char const* what;
-      DtInetSockProcessingCb pre;
-      DtInetSockProcessingCb post;
-      int result;
-   } const cases[] = {
+   // What was dropped, pre-receive and post-receive callbacks, result.
+   std::tuple<char const*, DtInetSockProcessingCb, DtInetSockProcessingCb, int> const cases[] = {
        {"packet from the network", nullptr, receiveDrops, 0},
        {"packet from the pre-receive stage", receiveServesFromQueue, receiveDrops, -5},
        {"filter writes its own status", receiveServesFromQueue, receiveDropsWithStatus, -2}};
-   for (Case const& c : cases)
+   for (auto const& [what, pre, post, result] : cases)
    {
-      SCOPED_TRACE(c.what);
-      ScriptedSocket socket;
-      if (c.pre)
-         socket.addProcessingCallback(DtInetSockPreReceive, c.pre, nullptr, 1);
-      socket.addProcessingCallback(DtInetSockPostReceive, c.post, nullptr, 1);
-      socket.readData.assign(5, 'y');
-      socket.readResult = 5;
-      EXPECT_EQ(socket.recvToChainFrom(chain, target, 0), c.result);
+      SCOPED_TRACE(what);
+      ScriptedSocket s;
+      if (pre)
+         s.addProcessingCallback(DtInetSockPreReceive, pre, nullptr, 1);
+      s.addProcessingCallback(DtInetSockPostReceive, post, nullptr, 1);
+      s.readData.assign(5, 'y');
+      s.readResult = 5;
+      EXPECT_EQ(s.recvToChainFrom(chain, target, 0), result);
    }
 }
 
 TEST_F(InetSocketTest, EveryPostReceiveCallbackRunsAndSeesTheLastLength)
 {
-   ScriptedSocket socket;
    socket.addProcessingCallback(DtInetSockPostReceive, receiveDrops, nullptr, 1);
    socket.addProcessingCallback(DtInetSockPostReceive, receiveReturnsLength, nullptr, 2);
    socket.readData.assign(5, 'y');
    socket.readResult = 5;
    EXPECT_EQ(socket.recvToChainFrom(chain, target, 0), 0);
-   ASSERT_EQ(names(), (std::vector<std::string>{"drop", "pass"}));
+   ASSERT_EQ(names(), (std::vector<std::string>{"drop", "keep"}));
    EXPECT_EQ(calls()[0].length, 5);
    EXPECT_EQ(calls()[1].length, 0);
    // Receive callbacks get the pipeline's marker, not the registered user data.
    EXPECT_NE(calls()[0].data, nullptr);
 }
 
-TEST_F(InetSocketTest, FailedReadsSkipThePostReceiveCallbacksButNothingReadDoesNot)
+TEST_F(InetSocketTest, EmptyChainsAndFailedReadsSkipThePostReceiveCallbacks)
 {
+   socket.addProcessingCallback(DtInetSockPreReceive, receiveReturnsLength, nullptr, 1);
+   socket.addProcessingCallback(DtInetSockPostReceive, receiveReturnsLength, nullptr, 1);
+   EXPECT_EQ(socket.recvToChainFrom(empty, target, 0), -4);
+   EXPECT_TRUE(calls().empty());
+   EXPECT_EQ(socket.readCalls, 0);
+
+   // Nothing read is no failure: the post-receive callbacks still run.
    for (int read : {-1, -4, 0})
    {
       SCOPED_TRACE(read);
       calls().clear();
-      ScriptedSocket socket;
-      socket.addProcessingCallback(DtInetSockPostReceive, receiveReturnsLength, nullptr, 1);
-      socket.readResult = read;
-      EXPECT_EQ(socket.recvToChainFrom(chain, target, 0), read);
+      ScriptedSocket s;
+      s.addProcessingCallback(DtInetSockPostReceive, receiveReturnsLength, nullptr, 1);
+      s.readResult = read;
+      EXPECT_EQ(s.recvToChainFrom(chain, target, 0), read);
       EXPECT_EQ(calls().size(), read == 0 ? 1u : 0u);
-      EXPECT_EQ(socket.totalPacketsReceived(), 0u);
+      EXPECT_EQ(s.totalPacketsReceived(), 0u);
    }
 }
 
@@ -537,25 +450,18 @@ TEST_F(InetSocketTest, FailedReadsSkipThePostReceiveCallbacksButNothingReadDoesN
 
 TEST(InetSockChain, CopyScattersAndReportsWhatDidNotFit)
 {
-   struct Case
+   // Data, whether it fitted, then the buffers' contents.
+   std::tuple<std::string, bool, char const*> const cases[] = {{"", true, "...|.."},
+                                                               {"ab", true, "ab.|.."},
+                                                               {"abcde", true, "abc|de"},
+                                                               {"abcdef", false, "abc|de"}};
+   for (auto const& [data, fits, contents] : cases)
    {
-      char const* data;
-      bool fits;
-      char const* first;
-      char const* second;
-   } const cases[] = {{"", true, "...", ".."},
-                      {"ab", true, "ab.", ".."},
-                      {"abcde", true, "abc", "de"},
-                      {"abcdef", false, "abc", "de"}};
-   for (Case const& c : cases)
-   {
-      SCOPED_TRACE(c.data);
-      std::vector<char> a(3, '.'), b(2, '.');
-      std::vector<char> empty;
-      DtInetSockChain chain{&a, &empty, nullptr, &b};
-      EXPECT_EQ(DtInetSockCopyToChain(c.data, std::string(c.data).size(), chain), c.fits);
-      EXPECT_EQ(std::string(a.begin(), a.end()), c.first);
-      EXPECT_EQ(std::string(b.begin(), b.end()), c.second);
+      SCOPED_TRACE(data);
+      std::vector<char> a(3, '.'), b(2, '.'), none;
+      DtInetSockChain chain{&a, &none, nullptr, &b};
+      EXPECT_EQ(DtInetSockCopyToChain(data.data(), data.size(), chain), fits);
+      EXPECT_EQ(std::string(a.begin(), a.end()) + "|" + std::string(b.begin(), b.end()), contents);
    }
 }
 

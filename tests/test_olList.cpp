@@ -1,26 +1,30 @@
 // Tests of DtList, DtIntrusiveList and DtListedObj.
 #include <olutil/olList.h>
 
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 namespace
 {
-std::vector<void*> contents(DtList const& list)
+using Data = std::vector<void*>;
+
+// The data and the count; the walk back must agree. Bounded in case of a cycle.
+std::string links(DtList const& list)
 {
-   std::vector<void*> out;
-   for (DtListItem* item = list.first(); item; item = item->next())
-      out.push_back(item->data());
-   return out;
+   Data forward, backward;
+   for (DtListItem* item = list.first(); item && forward.size() < 99; item = item->next())
+      forward.push_back(item->data());
+   for (DtListItem* item = list.last(); item && backward.size() < 99; item = item->previous())
+      backward.insert(backward.begin(), item->data());
+   EXPECT_EQ(forward, backward) << "the backward links disagree";
+   return ::testing::PrintToString(forward) + " #" + std::to_string(list.count());
 }
 
-std::vector<void*> contentsBackwards(DtList const& list)
+std::string expect(Data const& data, int count)
 {
-   std::vector<void*> out;
-   for (DtListItem* item = list.last(); item; item = item->previous())
-      out.push_back(item->data());
-   return out;
+   return ::testing::PrintToString(data) + " #" + std::to_string(count);
 }
 
 // Counts its own destruction so tests can see what the list deleted.
@@ -37,22 +41,15 @@ int a = 1, b = 2, c = 3, d = 4;
 TEST(DtListTest, AddAndAddAfterLinkBothWays)
 {
    DtList list;
-   EXPECT_EQ(nullptr, list.first());
-   EXPECT_EQ(nullptr, list.itemLookup(&a));
+   EXPECT_TRUE(!list.first() && !list.itemLookup(&a));
    DtListItem* ia = list.add(&a);
-   EXPECT_EQ(ia, list.first());
-   EXPECT_EQ(ia, list.last());
-   EXPECT_EQ(nullptr, ia->next());
-   EXPECT_EQ(nullptr, ia->previous());
-
+   EXPECT_TRUE(ia == list.first() && ia == list.last() && !ia->next() && !ia->previous());
    list.add(&c);
    list.addAfter(&b, ia);                          // middle
    list.addAfter(&d, list.last());                 // tail
    DtListItem* head = list.addAfter(&d, nullptr);  // null position prepends
    EXPECT_EQ(head, list.first());
-   EXPECT_EQ(5, list.count());
-   EXPECT_EQ((std::vector<void*>{&d, &a, &b, &c, &d}), contents(list));
-   EXPECT_EQ((std::vector<void*>{&d, &c, &b, &a, &d}), contentsBackwards(list));
+   EXPECT_EQ(links(list), expect({&d, &a, &b, &c, &d}, 5));
    // Lookup finds the first match from the head; null data is a value like any other.
    EXPECT_EQ(head, list.itemLookup(&d));
    DtListItem* none = list.add(nullptr);
@@ -61,24 +58,15 @@ TEST(DtListTest, AddAndAddAfterLinkBothWays)
 
 TEST(DtListTest, RemovePatchesEndsAndKeepsData)
 {
-   struct Case
+   Data const rests[] = {{&b, &c}, {&a, &c}, {&a, &b}};  // after removing head, middle, tail
+   for (int position = 0; position < 3; ++position)
    {
-      char const* name;
-      int position;  // 0 head, 1 middle, 2 tail
-      std::vector<void*> rest;
-   };
-   Case const cases[] = {{"head", 0, {&b, &c}}, {"middle", 1, {&a, &c}}, {"tail", 2, {&a, &b}}};
-   for (Case const& tc : cases)
-   {
-      SCOPED_TRACE(tc.name);
+      SCOPED_TRACE(position);
       DtList list;
       DtListItem* items[] = {list.add(&a), list.add(&b), list.add(&c)};
-      void* data = items[tc.position]->data();
-      EXPECT_EQ(data, list.remove(items[tc.position]));
-      EXPECT_EQ(2, list.count());
-      EXPECT_EQ(tc.rest, contents(list));
-      std::vector<void*> backwards(tc.rest.rbegin(), tc.rest.rend());
-      EXPECT_EQ(backwards, contentsBackwards(list));
+      void* data = items[position]->data();
+      EXPECT_EQ(data, list.remove(items[position]));
+      EXPECT_EQ(links(list), expect(rests[position], 2));
    }
 
    DtList list;
@@ -89,11 +77,10 @@ TEST(DtListTest, RemovePatchesEndsAndKeepsData)
    // removeFromList unlinks but leaves the item's own links as they were.
    list.removeFromList(ib);
    EXPECT_EQ(ia, ib->previous());
-   EXPECT_EQ(2, list.count());
+   EXPECT_EQ(links(list), expect({&a, &c}, 2));
    delete ib;
    list.removeAll();
-   EXPECT_EQ(nullptr, list.first());
-   EXPECT_EQ(nullptr, list.last());
+   EXPECT_TRUE(!list.first() && !list.last());
    EXPECT_EQ(0, list.count());
    EXPECT_EQ(1, a);  // the data stays alive
 }
@@ -104,15 +91,14 @@ TEST(DtListTest, CopySharesDataWithNewNodes)
    list.add(&a);
    list.add(&b);
    DtList copy(list);
-   EXPECT_EQ(contents(list), contents(copy));
+   EXPECT_EQ(links(copy), expect({&a, &b}, 2));
    EXPECT_NE(list.first(), copy.first());
    DtList other;
    other.add(&c);
    other = list;
-   EXPECT_EQ((std::vector<void*>{&a, &b}), contents(other));
    DtList& self = other;
    other = self;
-   EXPECT_EQ((std::vector<void*>{&a, &b}), contents(other));
+   EXPECT_EQ(links(other), expect({&a, &b}, 2));
 }
 
 TEST(DtIntrusiveListTest, ObjectKnowsItsListWhileHeld)
@@ -123,26 +109,22 @@ TEST(DtIntrusiveListTest, ObjectKnowsItsListWhileHeld)
    {
       DtIntrusiveList list;
       DtListItem* item = list.add(&obj);
-      EXPECT_EQ(&list, obj.ownerList());
-      EXPECT_EQ(item, obj.ownerItem());
+      EXPECT_TRUE(obj.ownerList() == &list && obj.ownerItem() == item);
       DtListItem* head = list.addAfter(&front, nullptr);
-      EXPECT_EQ(head, list.first());
-      EXPECT_EQ(head, front.ownerItem());
+      EXPECT_TRUE(head == list.first() && head == front.ownerItem());
       EXPECT_EQ(&obj, list.remove(item));
-      EXPECT_EQ(nullptr, obj.ownerList());
-      EXPECT_EQ(nullptr, obj.ownerItem());
+      EXPECT_TRUE(!obj.ownerList() && !obj.ownerItem());
       list.add(&obj);
       list.removeAll();
       EXPECT_EQ(nullptr, front.ownerList());
       list.add(&obj);
    }
    // The list is gone; the object no longer points into it.
-   EXPECT_EQ(nullptr, obj.ownerList());
-   EXPECT_EQ(nullptr, obj.ownerItem());
+   EXPECT_TRUE(!obj.ownerList() && !obj.ownerItem());
    EXPECT_EQ(0, deaths);
 }
 
-TEST(DtIntrusiveListTest, RemoveAndDeleteTakesTwoOffTheCount)
+TEST(DtIntrusiveListTest, RemoveAndDeleteTakesTwoOffTheCountButAllAndDeleteOne)
 {
    int deaths = 0;
    DtIntrusiveList list;
@@ -152,41 +134,26 @@ TEST(DtIntrusiveListTest, RemoveAndDeleteTakesTwoOffTheCount)
    list.add(x);
    DtListItem* iy = list.add(y);
    list.add(z);
-   ASSERT_EQ(3, list.count());
-
+   // The node is unlinked twice: the links are right but the count is 2 lower.
    list.removeAndDelete(iy);
    EXPECT_EQ(1, deaths);
-   // The node was unlinked twice: the links are right but the count is 2 lower.
-   EXPECT_EQ(1, list.count());
-   EXPECT_EQ((std::vector<void*>{x, z}), contents(list));
-   EXPECT_EQ((std::vector<void*>{z, x}), contentsBackwards(list));
-
+   EXPECT_EQ(links(list), expect({x, z}, 1));
    list.removeAndDelete(static_cast<DtListedObj const*>(x));
    EXPECT_EQ(2, deaths);
-   EXPECT_EQ(-1, list.count());
-   EXPECT_EQ(list.first(), list.last());
-
+   EXPECT_EQ(links(list), expect({z}, -1));
    // An object the list does not hold is left alone.
    Tracked outsider(&deaths);
    list.removeAndDelete(static_cast<DtListedObj const*>(&outsider));
-   EXPECT_EQ(2, deaths);
-
    list.removeAndDelete(static_cast<DtListedObj const*>(z));
    EXPECT_EQ(3, deaths);
-   EXPECT_EQ(nullptr, list.first());
-   EXPECT_EQ(nullptr, list.last());
-}
+   EXPECT_TRUE(!list.first() && !list.last());
 
-TEST(DtIntrusiveListTest, RemoveAllAndDeleteTakesOnePerItem)
-{
-   int deaths = 0;
-   DtIntrusiveList list;
+   DtIntrusiveList all;
    for (int i = 0; i < 4; ++i)
-      list.add(new Tracked(&deaths));
-   list.add(static_cast<void*>(nullptr));
-   ASSERT_EQ(5, list.count());
-   list.removeAllAndDelete();
-   EXPECT_EQ(4, deaths);
-   EXPECT_EQ(0, list.count());
-   EXPECT_EQ(nullptr, list.first());
+      all.add(new Tracked(&deaths));
+   all.add(static_cast<void*>(nullptr));
+   all.removeAllAndDelete();
+   EXPECT_EQ(7, deaths);
+   EXPECT_EQ(0, all.count());
+   EXPECT_EQ(nullptr, all.first());
 }

@@ -18,7 +18,7 @@
 namespace
 {
 
-// Every wait in these tests gives up after 20 seconds.
+// Every wait gives up after 20 seconds.
 bool waitFor(std::function<bool()> const& condition)
 {
    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -67,8 +67,7 @@ TEST(DtThreadTest, WalksThroughTheStateTable)
    EXPECT_NE(DtThread::GetCurrentThreadHandle(), handle);
 
    thread.stop(false);
-   EXPECT_TRUE(thread.stopped());
-   EXPECT_TRUE(thread.hasStarted()) << "stop(false) leaves the handle set";
+   EXPECT_TRUE(thread.stopped() && thread.hasStarted()) << "stop(false) leaves the handle set";
    ASSERT_TRUE(waitFor([&] { return !thread.isRunning(); }));
    EXPECT_TRUE(runnable.sawStop.load());
 
@@ -92,8 +91,7 @@ TEST(DtThreadTest, DestructorStopsAndJoinsRunnablesAndFunctions)
       ASSERT_EQ(0, second.start());
       ASSERT_TRUE(waitFor([&] { return first.isRunning() && second.isRunning(); }));
    }
-   EXPECT_TRUE(runnable.sawStop.load());
-   EXPECT_TRUE(functionSawStop.load());
+   EXPECT_TRUE(runnable.sawStop.load() && functionSawStop.load());
 }
 
 TEST(DtThreadTest, StartInCurrentThreadIsOutOfReachOfStop)
@@ -139,7 +137,7 @@ TEST(DtThreadTest, BodiesEndingAbnormallyEndOnlyTheirThreadAndClearRunning)
    }
 }
 
-TEST(DtThreadFunctionsTest, CreateRunsAndJoinSucceedsOnce)
+TEST(DtThreadFunctionsTest, CreateJoinOnceAndRefuseInvalidIdentifiersAndASelfJoin)
 {
    auto setFlag = [](void* argument) -> void*
    {
@@ -158,27 +156,20 @@ TEST(DtThreadFunctionsTest, CreateRunsAndJoinSucceedsOnce)
    EXPECT_EQ(0, DtThreadJoin(DtThreadCreate(setFlag, &ran, nullptr))) << "no identifier pointer";
    EXPECT_EQ(static_cast<unsigned long>(pthread_self()), DtGetThreadId());
    EXPECT_EQ(DtGetThreadId(), DtThread::GetCurrentThreadHandle());
-}
 
-TEST(DtThreadFunctionsTest, InvalidIdentifiersAreRefusedAndASelfJoinFails)
-{
-   for (unsigned long id : {0UL, 1UL, 12345UL, ~0UL, DtGetThreadId()})
-   {
-      SCOPED_TRACE(id);
-      EXPECT_EQ(2, DtThreadJoin(id));
-      EXPECT_EQ(1, DtThreadStop(id));
-   }
-   std::atomic<int> result(-1);
+   for (unsigned long bad : {0UL, 1UL, 12345UL, ~0UL, DtGetThreadId()})
+      EXPECT_TRUE(DtThreadJoin(bad) == 2 && DtThreadStop(bad) == 1) << bad;
+   std::atomic<int> selfJoin(-1);
    auto body = [](void* argument) -> void*
    {
       *static_cast<std::atomic<int>*>(argument) = DtThreadJoin(DtGetThreadId());
       return nullptr;
    };
-   unsigned long const id = DtThreadCreate(body, &result, nullptr);
-   ASSERT_NE(0UL, id);
-   ASSERT_TRUE(waitFor([&] { return result.load() != -1; }));
-   EXPECT_EQ(2, result.load());
-   EXPECT_EQ(0, DtThreadJoin(id)) << "still joinable after its own failed join";
+   unsigned long const joiner = DtThreadCreate(body, &selfJoin, nullptr);
+   ASSERT_NE(0UL, joiner);
+   ASSERT_TRUE(waitFor([&] { return selfJoin.load() != -1; }));
+   EXPECT_EQ(2, selfJoin.load());
+   EXPECT_EQ(0, DtThreadJoin(joiner)) << "still joinable after its own failed join";
 }
 
 }  // namespace

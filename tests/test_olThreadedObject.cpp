@@ -113,9 +113,7 @@ TEST(DtThreadedObjectTest, MisuseThrowsItsOwnTypeAndText)
           << "the body kept running";
       EXPECT_EQ(0, runnable->stopCalls.load());
    }  // destroying a running object stops and joins it
-   EXPECT_EQ(1, runnable->ends.load());
-   EXPECT_EQ(1, runnable->stopCalls.load());
-   EXPECT_EQ(0, other->runs.load());
+   EXPECT_TRUE(runnable->ends == 1 && runnable->stopCalls == 1 && other->runs == 0);
 }
 
 TEST(DtThreadedObjectTest, StopsWithAndWithoutWaitJoinsAndStartsAgain)
@@ -125,8 +123,7 @@ TEST(DtThreadedObjectTest, StopsWithAndWithoutWaitJoinsAndStartsAgain)
       DtThreadedObject object(runnable);
       object.start();
       object.stop(true);
-      EXPECT_FALSE(object.running());
-      EXPECT_EQ(1, runnable->ends.load());
+      EXPECT_TRUE(!object.running() && runnable->ends == 1);
       EXPECT_THROW(object.stop(true), DtThreadNotStarted) << "the thread is gone after stop(true)";
       object.start();
       ASSERT_TRUE(waitFor([&] { return runnable->runs.load() == 2; }));
@@ -144,8 +141,7 @@ TEST(DtThreadedObjectTest, StopsWithAndWithoutWaitJoinsAndStartsAgain)
    DtThreadedObject object(finite);
    object.start();
    ASSERT_TRUE(completesInTime([&] { object.join(); })) << "join waits for the body's own end";
-   EXPECT_EQ(1, finite->ends.load());
-   EXPECT_FALSE(object.running());
+   EXPECT_TRUE(finite->ends == 1 && !object.running());
 }
 
 // A body that takes a while to wind down after it sees the flag, and reports being
@@ -223,7 +219,7 @@ TEST_F(IoServiceRunnableTest, RunsPostedWorkUntilTheThreadStopsAgainAndAgain)
    }
 }
 
-TEST_F(IoServiceRunnableTest, StoppingTheThreadLeavesTheContextToItsOwner)
+TEST_F(IoServiceRunnableTest, StoppingTheThreadLeavesTheContextToItsOwnerAndANullOneEnds)
 {
    auto const work = boost::asio::make_work_guard(io);  // the owner's outstanding work
    DtThreadedObject thread(runnable);
@@ -235,16 +231,13 @@ TEST_F(IoServiceRunnableTest, StoppingTheThreadLeavesTheContextToItsOwner)
    boost::asio::post(io, [&] { ran = true; });
    io.poll();
    EXPECT_TRUE(ran);
-}
 
-TEST(DtIoServiceRunnableTest, NullContextEndsAtOnceAndAnUnusedRunnableGoesAtOnce)
-{
+   // A null context ends at once, and an unused runnable goes at once.
    auto lost = std::make_shared<DtIoServiceRunnable>(nullptr, nullptr);
-   DtThreadedObject thread(lost);
-   thread.start();
+   DtThreadedObject nothing(lost);
+   nothing.start();
    EXPECT_TRUE(waitFor([&] { return lost->finished(); }));
-   thread.stop(true);
-   boost::asio::io_context io;
+   nothing.stop(true);
    auto unused = std::make_unique<DtIoServiceRunnable>(&io, nullptr);
    EXPECT_TRUE(completesInTime([&] { unused.reset(); }));
 }
