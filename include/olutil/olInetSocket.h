@@ -253,6 +253,17 @@ protected:
    // marker, read, statistics, post-receive callbacks with the carry value.
    int runReceivePipeline(DtInetSockChain& chain, DtInetEndpoint& sender, unsigned int callFlags,
                           DtInetSockChainStep const& read);
+   // The receive statistics for what a read or a pre-receive callback handed in: a
+   // packet for any result but 0, its bytes for a positive one.
+   void countReceived(int length)
+   {
+      if (length != 0)
+      {
+         ++myTotalPacketsReceived;
+         if (length > 0)
+            myTotalBytesReceived += static_cast<std::uint64_t>(length);
+      }
+   }
 
    DtInetEndpoint myLocalEndpoint;
    DtInetEndpoint myDestination;

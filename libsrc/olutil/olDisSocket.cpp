@@ -677,12 +677,7 @@ int DtDisSocket::recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& endpoin
       if (length < 0)
          return length;
    }
-   if (length != 0)
-   {
-      ++myTotalPacketsReceived;
-      if (length > 0)
-         myTotalBytesReceived += static_cast<std::uint64_t>(length);
-   }
+   countReceived(length);
 
    // Qualified calls: the class is known exactly, so they reach the same code as
    // the list would, without the indirection.

@@ -388,12 +388,7 @@ int DtInetSocket::runReceivePipeline(DtInetSockChain& chain, DtInetEndpoint& sen
          return length;
    }
 
-   if (length != 0)
-   {
-      ++myTotalPacketsReceived;
-      if (length > 0)
-         myTotalBytesReceived += static_cast<std::uint64_t>(length);
-   }
+   countReceived(length);
 
    if (runsCallbacks(myPostReceiveCallbacks, callFlags, DtInetSockCallNoPostCallbacks))
    {
