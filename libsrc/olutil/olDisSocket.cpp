@@ -668,8 +668,13 @@ int DtDisSocket::recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& endpoin
    // The receive pipeline with the constructor's callbacks in their priority
    // order: the pre-receive queue, the read, then size, own traffic, unbundling and
    // the filter tests, each handing on a count or, for 0, the carried status.
+   // Qualified calls: the class is known exactly, so they reach the same code as
+   // the lists would, without the indirection.
    int skipMarker = 0;
-   int length = DtDisSocket::getNextBundle(0, chain, endpoint, &skipMarker);
+   int length = 0;
+   // Most reads find the queue empty, and without locking there is nothing to take.
+   if (*myLockNeeded || !myUnbundledQueue.empty())
+      length = DtDisSocket::getNextBundle(0, chain, endpoint, &skipMarker);
    if (skipMarker != DtInetSockResultFromQueue)
    {
       length =
@@ -679,15 +684,16 @@ int DtDisSocket::recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& endpoin
    }
    countReceived(length);
 
-   // Qualified calls: the class is known exactly, so they reach the same code as
-   // the list would, without the indirection.
+   // The common datagram: one PDU that every callback would hand on unchanged.
+   if (skipMarker == 0 && length > 0 && isPlainSinglePdu(chain, length) &&
+       !(mySuppressSelfReflect && endpoint == myLocalSenderEndpoint))
+      return length;
+
    int carry = skipMarker;
    auto handOn = [&](int result) { length = result != 0 ? result : carry; };
    handOn(DtDisSocket::minSizeFilter(length, chain, endpoint, &carry));
    if (mySuppressSelfReflect)
       handOn(DtDisSocket::suppressSelfReflect(length, chain, endpoint, &carry));
-   if (length > 0 && skipMarker == 0 && isPlainSinglePdu(chain, length))
-      return length;
    handOn(DtDisSocket::unbundle(length, chain, endpoint, &carry));
    handOn(DtDisSocket::filterExercisePdus(length, chain, endpoint, &carry));
    return length;

@@ -9,6 +9,7 @@
 //===----------------------------------------------------------------------===//
 #include <olutil/olInetUdpSocket.h>
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -87,9 +88,13 @@ void storeSender(BoostEndpoint const& sender, DtInetEndpoint& endpoint)
 {
    // Comparing the raw socket addresses avoids building two address objects per
    // datagram; two equal endpoints that differ in padding only take the long way.
+   // The usual IPv4 sender is compared at a fixed size, which needs no library call.
    DtInetEndpoint::UdpEndpoint const* current = endpoint.udpEndpoint();
-   if (current && endpoint.protocol() == DtInetProtocolUdp && current->size() == sender.size() &&
-       std::memcmp(current->data(), sender.data(), sender.size()) == 0)
+   if (current && current->size() == sender.size() &&
+       (sender.size() == sizeof(sockaddr_in)
+            ? std::memcmp(current->data(), sender.data(), sizeof(sockaddr_in)) == 0
+            : std::memcmp(current->data(), sender.data(), sender.size()) == 0) &&
+       endpoint.protocol() == DtInetProtocolUdp)
       return;
    // Whatever the caller's endpoint held before, a datagram's sender is a UDP peer;
    // self-reflect suppression compares UDP endpoints and relies on this.
