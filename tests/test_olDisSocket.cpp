@@ -343,6 +343,9 @@ TEST(DtDisSocketFilters, EachFilterTestDropsWithStatusMinusTwo)
 
 TEST(DtDisSocketUnbundling, BundlesOfOneToEightPdusOfBothVersions)
 {
+   // One socket for all bundles, each from another sender: queued PDUs keep their own.
+   Pipeline p;
+   unsigned short port = 4000;
    for (int n : {1, 2, 3, 5, 8})
       for (unsigned char version : {6, 7})
       {
@@ -352,8 +355,7 @@ TEST(DtDisSocketUnbundling, BundlesOfOneToEightPdusOfBothVersions)
             pdus.push_back(makePdu(version, 1, static_cast<unsigned char>(1 + i),
                                    static_cast<unsigned short>(28 + 13 * i), 0,
                                    static_cast<char>('a' + i)));
-         Pipeline p;
-         DtInetEndpoint const from = udpEndpoint("127.0.0.9", 4321);
+         DtInetEndpoint const from = udpEndpoint("127.0.0.9", ++port);
          p.feed(bundleOf(pdus, version > 6 ? 8 : 0), from);
          for (int i = 0; i < n; ++i)
          {

@@ -348,6 +348,8 @@ protected:
       ReceivePathGeneral
    };
    ReceivePath myReceivePath;
+   // The sender copy shared by the queued PDUs of the last bundle, kept for the next.
+   std::shared_ptr<DtInetEndpoint const> myLastBundleSender;
 };
 
 #endif  // OLUTIL_OLDISSOCKET_H

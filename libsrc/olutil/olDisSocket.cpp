@@ -1318,7 +1318,13 @@ int DtDisSocket::unbundle(int count, DtInetSockChain& chain, DtInetEndpoint& end
          it = advanceToOffset(offset, it, end);
       }
       if (!sender)
-         sender = std::make_shared<DtInetEndpoint const>(endpoint);
+      {
+         // Bundles mostly come from the same few senders: the last one's copy serves
+         // again rather than a new one per datagram.
+         if (!myLastBundleSender || !(*myLastBundleSender == endpoint))
+            myLastBundleSender = std::make_shared<DtInetEndpoint const>(endpoint);
+         sender = myLastBundleSender;
+      }
       myUnbundledQueue.emplace_back(sender, pdu);
    }
 

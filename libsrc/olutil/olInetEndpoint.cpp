@@ -6,6 +6,8 @@
 //===----------------------------------------------------------------------===//
 #include <olutil/olInetEndpoint.h>
 
+#include <cstring>
+
 #include <ostream>
 #include <string>
 
@@ -471,8 +473,15 @@ bool operator==(DtInetEndpoint const& left, DtInetEndpoint const& right)
          return left.tcpEndpoint() && right.tcpEndpoint() &&
                 *left.tcpEndpoint() == *right.tcpEndpoint();
       case DtInetProtocolUdp:
-         return left.udpEndpoint() && right.udpEndpoint() &&
-                *left.udpEndpoint() == *right.udpEndpoint();
+      {
+         DtInetEndpoint::UdpEndpoint const* l = left.udpEndpoint();
+         DtInetEndpoint::UdpEndpoint const* r = right.udpEndpoint();
+         // Identical socket addresses settle the common case (the same sender again)
+         // without building two address objects; others are compared field by field.
+         return l && r &&
+                ((l->size() == r->size() && std::memcmp(l->data(), r->data(), l->size()) == 0) ||
+                 *l == *r);
+      }
       default:
          // An unspecified endpoint equals nothing, itself included.
          return false;
