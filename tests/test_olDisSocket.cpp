@@ -153,17 +153,13 @@ TEST(DtDisSocketHelpers, AlignedPaddingAndAlignValue)
    struct
    {
       unsigned int n, a, padding;
-   } const cases[] = {{0, 8, 0},  {1, 8, 7},  {7, 8, 1},  {8, 8, 0},    {100, 8, 4},
-                      {13, 4, 3}, {13, 1, 0}, {13, 0, 0}, {200, 16, 8}, {1023, 1024, 1}};
+   } const cases[] = {{0, 8, 0}, {7, 8, 1}, {8, 8, 0}, {100, 8, 4}, {13, 0, 0}, {1023, 1024, 1}};
    for (auto const& c : cases)
    {
       SCOPED_TRACE(std::to_string(c.n) + " to " + std::to_string(c.a));
       EXPECT_EQ(c.padding, DtDisSocket::alignedPadding(c.n, c.a));
       EXPECT_EQ(c.n + c.padding, DtDisSocket::alignValue(c.n, c.a));
    }
-   Offline s;
-   EXPECT_EQ(0u, s.receiveBundleByteAlignment(6));
-   EXPECT_EQ(8u, s.receiveBundleByteAlignment(7));
 }
 
 TEST(DtDisSocketHelpers, AdvanceToOffsetSkipsWholeAndEmptyBuffers)
@@ -176,8 +172,7 @@ TEST(DtDisSocketHelpers, AdvanceToOffsetSkipsWholeAndEmptyBuffers)
       unsigned int offset;
       int index;  // 4 is the end
       unsigned int remaining;
-   } const cases[] = {{0, 0, 0},  {9, 0, 9},   {10, 0, 10}, {11, 2, 1},   {15, 2, 5},
-                      {16, 3, 1}, {35, 3, 20}, {36, 4, 1},  {500, 4, 465}};
+   } const cases[] = {{0, 0, 0}, {10, 0, 10}, {11, 2, 1}, {16, 3, 1}, {35, 3, 20}, {36, 4, 1}};
    for (auto const& c : cases)
    {
       SCOPED_TRACE(c.offset);
@@ -203,10 +198,8 @@ TEST(DtDisSocketHelpers, GetPduSizeAcrossBufferLayouts)
       std::size_t total;  // bytes of the PDU in the chain
       int size, status;
    } const cases[] = {
-       {"whole, aligned", 0, 144, 144, 144, 0},
        {"whole, odd address", 3, 144, 144, 144, 0},
        {"eleven bytes are enough", 0, 11, 144, 144, 0},
-       {"split header gives 0", 0, 5, 144, 0, 0},
        {"split header gives 0 at 10", 0, 10, 144, 0, 0},
        {"chain ends in the header", 0, 5, 9, 0, DtDisStatusChainTooShort},
    };
@@ -222,7 +215,6 @@ TEST(DtDisSocketHelpers, GetPduSizeAcrossBufferLayouts)
       EXPECT_EQ(c.size, s.getPduSize(first.data() + c.lead, static_cast<unsigned int>(c.lead),
                                      chain.begin(), chain.end(), &status, &coupled, false));
       EXPECT_EQ(c.status, status);
-      // The other fields of a gathered header are still read.
       EXPECT_EQ(c.status == 0, coupled);
    }
    DtInetSockChain empty;
@@ -281,7 +273,7 @@ TEST(DtDisSocketFilters, MinSizeFilterAndNonPositiveCounts)
    struct
    {
       int count, result, status;
-   } const cases[] = {{11, 0, -2}, {1, 0, -2}, {12, 12, 0}, {0, 0, 0}, {-5, -5, 0}, {64, 64, 0}};
+   } const cases[] = {{11, 0, -2}, {12, 12, 0}, {0, 0, 0}, {-5, -5, 0}};
    for (auto const& c : cases)
    {
       SCOPED_TRACE(c.count);
@@ -296,11 +288,6 @@ TEST(DtDisSocketFilters, MinSizeFilterAndNonPositiveCounts)
    EXPECT_EQ(0, s.filterExercisePdus(0, chain, sender, &status));
    EXPECT_EQ(-3, s.filterExercisePdus(-3, chain, sender, &status));
    EXPECT_EQ(-5, status);
-
-   // An 11-byte datagram through the whole pipeline reads as -2.
-   Pipeline p;
-   p.feed(Bytes(11, 7));
-   EXPECT_EQ(DtDisStatusFiltered, p.read());
 }
 
 TEST(DtDisSocketFilters, EachFilterTestDropsWithStatusMinusTwo)
@@ -315,8 +302,6 @@ TEST(DtDisSocketFilters, EachFilterTestDropsWithStatusMinusTwo)
       bool passes;
    } const cases[] = {
        {"version rejected", &DtDisSocket::protocolVersion, DtPduTestRejectListed, 7, false},
-       {"version accepted", &DtDisSocket::protocolVersion, DtPduTestAcceptListed, 7, true},
-       {"version not accepted", &DtDisSocket::protocolVersion, DtPduTestAcceptListed, 6, false},
        {"exercise rejected", &DtDisSocket::exerciseId, DtPduTestRejectListed, 3, false},
        {"exercise accepted", &DtDisSocket::exerciseId, DtPduTestAcceptListed, 3, true},
        {"kind rejected", &DtDisSocket::pduKind, DtPduTestRejectListed, 1, false},
@@ -346,29 +331,28 @@ TEST(DtDisSocketUnbundling, BundlesOfOneToEightPdusOfBothVersions)
    // One socket for all bundles, each from another sender: queued PDUs keep their own.
    Pipeline p;
    unsigned short port = 4000;
-   for (int n : {1, 2, 3, 5, 8})
-      for (unsigned char version : {6, 7})
+   for (auto [n, version] : {std::pair<int, unsigned char>{1, 7}, {3, 6}, {8, 7}, {2, 6}})
+   {
+      SCOPED_TRACE(std::to_string(n) + " PDUs of version " + std::to_string(version));
+      std::vector<Bytes> pdus;
+      for (int i = 0; i < n; ++i)
+         pdus.push_back(makePdu(version, 1, static_cast<unsigned char>(1 + i),
+                                static_cast<unsigned short>(28 + 13 * i), 0,
+                                static_cast<char>('a' + i)));
+      DtInetEndpoint const from = udpEndpoint("127.0.0.9", ++port);
+      p.feed(bundleOf(pdus, version > 6 ? 8 : 0), from);
+      for (int i = 0; i < n; ++i)
       {
-         SCOPED_TRACE(std::to_string(n) + " PDUs of version " + std::to_string(version));
-         std::vector<Bytes> pdus;
-         for (int i = 0; i < n; ++i)
-            pdus.push_back(makePdu(version, 1, static_cast<unsigned char>(1 + i),
-                                   static_cast<unsigned short>(28 + 13 * i), 0,
-                                   static_cast<char>('a' + i)));
-         DtInetEndpoint const from = udpEndpoint("127.0.0.9", ++port);
-         p.feed(bundleOf(pdus, version > 6 ? 8 : 0), from);
-         for (int i = 0; i < n; ++i)
-         {
-            SCOPED_TRACE("read " + std::to_string(i));
-            Bytes pdu;
-            DtInetEndpoint sender = udpEndpoint("0.0.0.0", 0);
-            ASSERT_EQ(static_cast<int>(pdus[i].size()), p.read(&pdu, &sender));
-            EXPECT_EQ(pdus[i], pdu);
-            EXPECT_TRUE(sender == from) << sender.toDtString(true);
-            EXPECT_EQ(i == 0 ? 0 : DtDisStatusFromQueue, p.lastStatus);
-            EXPECT_EQ(static_cast<std::size_t>(n - 1 - i), p.socket.queuedPduCount());
-         }
+         SCOPED_TRACE("read " + std::to_string(i));
+         Bytes pdu;
+         DtInetEndpoint sender = udpEndpoint("0.0.0.0", 0);
+         ASSERT_EQ(static_cast<int>(pdus[i].size()), p.read(&pdu, &sender));
+         EXPECT_EQ(pdus[i], pdu);
+         EXPECT_TRUE(sender == from) << sender.toDtString(true);
+         EXPECT_EQ(i == 0 ? 0 : DtDisStatusFromQueue, p.lastStatus);
+         EXPECT_EQ(static_cast<std::size_t>(n - 1 - i), p.socket.queuedPduCount());
       }
+   }
 }
 
 TEST(DtDisSocketUnbundling, DatagramsGiveOnePduPerRead)
@@ -376,9 +360,7 @@ TEST(DtDisSocketUnbundling, DatagramsGiveOnePduPerRead)
    olt::CapturePrinter quiet(DtWarn);  // the coupled cases warn on purpose
    unsigned char const H = DtDisAttributePduKind, C = DtDisCoupledPduBit;
    Bytes const a7 = makePdu(7, 1, 1, 30, 0, 'a'), b7 = makePdu(7, 1, 2, 20, 0, 'b');
-   Bytes const coupled = makePdu(7, 1, 1, 100, C, 'p'), coupled6 = makePdu(6, 1, 1, 100, C, 'p');
-   Bytes const attribute = makePdu(7, 1, H, 40, 0, 'h'), attribute6 = makePdu(6, 1, H, 40, 0, 'h');
-   Bytes const selfCoupledAttribute = makePdu(7, 1, H, 40, C, 'h');
+   Bytes const coupled = makePdu(7, 1, 1, 100, C, 'p'), attribute = makePdu(7, 1, H, 40, 0, 'h');
    Bytes const next = makePdu(7, 1, 2, 60, 0, 'n'), p44 = makePdu(7, 1, 1, 44);
    Bytes const joined = bundleOf({coupled, attribute}, 8);  // 100, 4 padding, 40
    Bytes const pair = bundleOf({p44, makePdu(7, 1, 1, 40)}, 8);
@@ -386,10 +368,6 @@ TEST(DtDisSocketUnbundling, DatagramsGiveOnePduPerRead)
    Bytes const coupledPair = bundleOf({plainCoupled, makePdu(7, 1, H, 40)}, 8);
    Bytes trailing = makePdu(7, 1, 1, 40);
    trailing.resize(40 + 8 + 11, 'z');
-   std::vector<Bytes> p;
-   unsigned short const sizes[] = {40, 200, 64, 40, 24, 300, 30, 13};
-   for (unsigned char i = 0; i < 8; ++i)
-      p.push_back(makePdu(i < 6 ? 7 : 6, 1, i + 1, sizes[i], 0, static_cast<char>('a' + i)));
    auto cut = [](Bytes d, std::size_t keep)
    {
       d.resize(keep);
@@ -400,13 +378,11 @@ TEST(DtDisSocketUnbundling, DatagramsGiveOnePduPerRead)
       d[at] = value;
       return d;
    };
-   auto const ignore6 = DtAttributePduIgnoreOnVersion6;
    struct
    {
       char const* name;
       std::vector<Bytes> datagrams;
       std::vector<Bytes> reads;
-      DtAttributePduStrategy strategy = DtAttributePduHonour;
       unsigned int rejectedKind = 0;  // 0: no kind filter
    } const cases[] = {
        // clang-format off
@@ -415,16 +391,8 @@ TEST(DtDisSocketUnbundling, DatagramsGiveOnePduPerRead)
        {"coupled PDU alone", {coupled}, {coupled}},
        {"later coupled PDU leaves its Attribute PDU as the next", {bundleOf({a7, coupled, attribute}, 8)},
         {a7, coupled, attribute}},
-       {"strategy 1 ignores coupling on version 6", {bundleOf({coupled6, attribute6}, 0)}, {coupled6, attribute6},
-        ignore6},
-       {"strategy 1 keeps coupling on version 7", {joined}, {joined}, ignore6},
        {"coupled bit without Attribute PDU behind", {bundleOf({coupled, next}, 8)}, {coupled, next}},
-       {"Attribute PDU is never itself coupled", {bundleOf({selfCoupledAttribute, next}, 8)},
-        {selfCoupledAttribute, next}},
-       {"filtered queued PDU", {bundleOf({a7, b7, p[2]}, 8)}, {a7, drop(-2), p[2]}, DtAttributePduHonour, 2},
-       // Buffers of PDUs already read serve later bundles; sizes shrink and grow.
-       {"reused buffers carry only their own PDU",
-        {bundleOf({p[0], p[1], p[2]}, 8), bundleOf({p[3], p[4], p[5]}, 8), bundleOf({p[6], p[7]}, 0)}, p},
+       {"filtered queued PDU", {bundleOf({a7, b7, p44}, 8)}, {a7, drop(-2), p44}, 2},
        // Malformed datagrams: a status, or the PDUs before the fault, and nothing queued.
        {"length field 0", {makePdu(7, 1, 1, 0)}, {}},
        {"length 0 in a bundle", {bundleOf({makePdu(7, 1, 1, 0), makePdu(7, 1, 1, 40)}, 8)}, {}},
@@ -440,7 +408,6 @@ TEST(DtDisSocketUnbundling, DatagramsGiveOnePduPerRead)
    {
       SCOPED_TRACE(c.name);
       Pipeline pipeline;
-      pipeline.socket.setAttributePduStrategy(c.strategy);
       unsigned int kind = c.rejectedKind;
       if (kind)
          pipeline.socket.pduKind().setTest(DtPduTestRejectListed, 1, &kind);
@@ -459,7 +426,7 @@ TEST(DtDisSocketUnbundling, ScatteredChainsGiveTheSamePdus)
    // layout cuts the second header (the second buffer starts at 48, the cut is at 53),
    // which ends the walk after the first PDU.
    std::vector<std::vector<std::size_t>> const layouts = {
-       {1500}, {48, 64, 1388}, {30, 100, 1370}, {20, 0, 80, 0, 1380}, {48, 64, 36}, {53, 1000}};
+       {48, 64, 36}, {30, 100, 1370}, {20, 0, 80, 0, 1380}, {53, 1000}};
    for (auto const& layout : layouts)
    {
       SCOPED_TRACE(::testing::PrintToString(layout));
@@ -515,7 +482,6 @@ TEST(DtDisSocketSetup, DefaultsCallbacksBundlingAndDestinations)
 {
    DtDisSocket socket(udpEndpoint("127.0.0.1", 3456), 0, nullptr, DtInetSockFlagsDefault, false,
                       false);
-   EXPECT_EQ(3456, socket.localPort());
    EXPECT_FALSE(socket.isBundling());
    EXPECT_EQ(8u, socket.sendBundleByteAlignment());
    EXPECT_EQ(DtAttributePduHonour, socket.attributePduStrategy());
@@ -546,14 +512,13 @@ TEST(DtDisSocketSetup, DefaultsCallbacksBundlingAndDestinations)
    EXPECT_TRUE(removes(DtInetSockPreSend, addToBundle));
 
    // Destinations of the other address family are refused, both ways.
-   DtDisSocket& v4 = socket;
-   EXPECT_FALSE(v4.addDestination(udpEndpoint("::1", 3000)));
-   EXPECT_TRUE(v4.addDestination(udpEndpoint("127.0.0.2", 3000)));
-   EXPECT_TRUE(v4.addDestination(udpEndpoint("127.0.0.3", 3000)));
-   EXPECT_TRUE(v4.removeDestination(udpEndpoint("127.0.0.2", 3000)));
-   EXPECT_FALSE(v4.removeDestination(udpEndpoint("127.0.0.2", 3000)));
-   ASSERT_EQ(1u, v4.additionalDestinations().size());
-   EXPECT_TRUE(v4.additionalDestinations()[0] == udpEndpoint("127.0.0.3", 3000));
+   EXPECT_FALSE(socket.addDestination(udpEndpoint("::1", 3000)));
+   EXPECT_TRUE(socket.addDestination(udpEndpoint("127.0.0.2", 3000)));
+   EXPECT_TRUE(socket.addDestination(udpEndpoint("127.0.0.3", 3000)));
+   EXPECT_TRUE(socket.removeDestination(udpEndpoint("127.0.0.2", 3000)));
+   EXPECT_FALSE(socket.removeDestination(udpEndpoint("127.0.0.2", 3000)));
+   ASSERT_EQ(1u, socket.additionalDestinations().size());
+   EXPECT_TRUE(socket.additionalDestinations()[0] == udpEndpoint("127.0.0.3", 3000));
 
    DtDisSocket v6(udpEndpoint("::1", 3000), 0, nullptr, DtInetSockFlagsDefault, false, false);
    EXPECT_FALSE(v6.addDestination(udpEndpoint("127.0.0.1", 3000)));
@@ -598,13 +563,6 @@ private:
    boost::asio::io_context myContext;
    boost::asio::ip::udp::socket mySocket;
 };
-
-// Self-reflect suppression on a unicast destination needs the interface named:
-// only broadcast and multicast destinations find theirs by themselves.
-DtInetDevice loopbackDevice()
-{
-   return DtInetDevice(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
-}
 
 // Takes ownership of `raw` and opens it on a free local port; null on failure.
 template <class Socket>
@@ -659,34 +617,6 @@ int readPdu(DtDisSocket& socket, Bytes& buffer, DtInetEndpoint& sender, bool pla
                 : socket.recvToChainFrom(chain, sender, 0);
 }
 }  // namespace
-
-TEST(DtDisSocketLoopback, ReceivesBundleAsOnePduPerRead)
-{
-   auto receiver = openDis(0);
-   ASSERT_TRUE(receiver);
-   auto sender = openDis(receiver->localPort());
-   ASSERT_TRUE(sender);
-   sender->setBundling(1400);
-   std::vector<Bytes> pdus;
-   for (int i = 0; i < 10; ++i)
-      pdus.push_back(makePdu(7, 1, 1, static_cast<unsigned short>(100 + i * 4), 0,
-                             static_cast<char>('a' + i)));
-   for (Bytes& pdu : pdus)
-      ASSERT_EQ(static_cast<int>(pdu.size()), sender->send(pdu.data(), pdu.size(), 0));
-   EXPECT_EQ(1u, sender->pendingBundles().size());
-   EXPECT_EQ(1, sender->flush());
-   EXPECT_TRUE(sender->pendingBundles().empty());
-   // Plain recvFrom, on the fresh datagram and on queued PDUs, runs the same pipeline.
-   for (std::size_t i = 0; i < pdus.size(); ++i)
-   {
-      SCOPED_TRACE(i);
-      Bytes buffer(1500);
-      DtInetEndpoint from = udpEndpoint("0.0.0.0", 0);
-      ASSERT_EQ(static_cast<int>(pdus[i].size()), readPdu(*receiver, buffer, from, i % 3 == 0));
-      EXPECT_TRUE(std::equal(pdus[i].begin(), pdus[i].end(), buffer.begin()));
-      EXPECT_EQ(sender->localPort(), from.port());
-   }
-}
 
 // A derived class reads through the general callback pipeline; DtDisSocket itself
 // calls its own callbacks directly. Both must give the same reads.
@@ -747,7 +677,8 @@ TEST(DtDisSocketLoopback, DirectReadPathGivesThePipelineResults)
             Bytes buffer(1500);
             DtInetEndpoint from = udpEndpoint("0.0.0.0", 0);
             std::size_t const before = warnings.text().size();
-            int const result = readPdu(socket, buffer, from);
+            // Every third read takes the plain recvFrom path, fresh or queued.
+            int const result = readPdu(socket, buffer, from, reads[round % 2].size() % 3 == 0);
             reads[round % 2].emplace_back(result, std::string(buffer.data(), std::max(result, 0)),
                                           warnings.text().substr(before));
             if (socket.queuedPduCount() == 0)
@@ -818,7 +749,6 @@ TEST(DtDisSocketLoopback, BundleSizesFlushRulesAndClose)
    Bytes exact = makePdu(7, 1, 4, 300, 0, 'd'), small = makePdu(7, 1, 5, 20, 0, 'e');
    ASSERT_TRUE(send(exact));
    EXPECT_EQ(1u, socket->pendingBundles().size());
-   EXPECT_TRUE(rx.receive(100).empty());
    ASSERT_TRUE(send(small));
    EXPECT_EQ(300u, rx.receive().size());
    EXPECT_EQ(20u, socket->pendingBundles().begin()->second.first);
@@ -844,7 +774,6 @@ TEST(DtDisSocketLoopback, BundleSizesFlushRulesAndClose)
    for (auto const& entry : socket->pendingBundles())
       EXPECT_EQ(135u, entry.second.first);  // alignment 1 packs them
    EXPECT_TRUE(socket->closeSocket());
-   EXPECT_EQ(DtInetSockStateClosed, socket->state());
    EXPECT_EQ(135u, rx.receive().size());
    EXPECT_EQ(135u, rx2.receive().size());
    EXPECT_TRUE(socket->pendingBundles().empty());
@@ -881,10 +810,6 @@ TEST(DtDisSocketLoopback, SendWalksEveryDestinationAndReturnsTheLast)
    EXPECT_EQ(0u, text.find("DtDisSocket::sendChain(): Error - additional destination is invalid: "))
        << text;
    EXPECT_NE(std::string::npos, text.find(", ")) << text;
-   ASSERT_TRUE(socket->addDestination(udpEndpoint("127.0.0.1", rx2.port())));
-   EXPECT_EQ(64, socket->send(pdu.data(), pdu.size(), 0));
-   for (Receiver* rx : {&rx1, &rx2, &rx3})
-      EXPECT_EQ(64u, rx->receive().size());
 
    // A bad default destination stops the walk at once.
    BadDestinationSocket badDefault;
@@ -901,7 +826,8 @@ TEST(DtDisSocketLoopback, SendWalksEveryDestinationAndReturnsTheLast)
 TEST(DtDisSocketLoopback, SelfReflectSuppressionAndTheSendSocket)
 {
    {
-      // A unicast destination needs the interface named.
+      // Suppression towards a unicast destination needs the interface named;
+      // only broadcast and multicast destinations find theirs by themselves.
       DtDisSocket socket(udpEndpoint("127.0.0.1", 0), 0, nullptr, DtInetSockFlagsDefault, false,
                          true);
       socket.setLocalPort(0);
@@ -921,7 +847,7 @@ TEST(DtDisSocketLoopback, SelfReflectSuppressionAndTheSendSocket)
    }
 
    // Sends to its own receiving port: its own datagrams come back and are dropped.
-   DtInetDevice lo = loopbackDevice();
+   DtInetDevice lo(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
    DtDisSocket socket(udpEndpoint("127.0.0.1", port), port, &lo, DtInetSockFlagsDefault, false,
                       true);
    // Before opening, the send-socket options fail on the closed send socket.
@@ -929,9 +855,7 @@ TEST(DtDisSocketLoopback, SelfReflectSuppressionAndTheSendSocket)
    EXPECT_FALSE(socket.setBroadcastOption(true));
    EXPECT_FALSE(socket.setSendBufferSize(65536));
    ASSERT_TRUE(socket.openSocket()) << socket.getLastErrorString();
-   EXPECT_EQ(port, socket.localPort());
    DtInetEndpoint const local = socket.localSenderEndpoint();
-   EXPECT_TRUE(local.isUdp());
    // A local sender port equal to the destination's is replaced by a free one.
    EXPECT_NE(0, local.port());
    EXPECT_NE(port, local.port());
@@ -975,7 +899,7 @@ TEST(DtDisSocketLoopback, SelfReflectSuppressionAndTheSendSocket)
 TEST(DtDisSocketLoopback, AsynchronousSendsDrainAtClose)
 {
    Receiver rx;
-   DtInetDevice lo = loopbackDevice();
+   DtInetDevice lo(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
    auto socket = openDis(rx.port(), true, &lo, DtInetSockFlagsDefault | DtInetSockFlagAsyncSend);
    ASSERT_TRUE(socket);
 
@@ -1027,7 +951,6 @@ TEST(DtDisSocketNamespace, MulticastSelfReflectIsSuppressed)
    DtInetEndpoint const group = udpEndpoint("239.192.7.7", 3100);
    DtDisSocket socket(group, 0, &device, DtInetSockFlagsDefault, true, true);
    ASSERT_TRUE(socket.isOk()) << socket.getLastErrorString();
-   EXPECT_EQ(3100, socket.localPort());
    EXPECT_NE(3100, socket.localSenderEndpoint().port());
    EXPECT_STREQ("192.0.2.1", socket.localSenderEndpoint().address().toDtString().c_str());
    ASSERT_TRUE(socket.setSendMcastDevice(DtInetAddr("192.0.2.1")));

@@ -1,5 +1,4 @@
-// Tests of the socket base: records, callback lists and the chain pipelines, driven
-// through a socket whose transmit and read steps are scripted by the test.
+// Tests of the socket base: records, callback lists and the chain pipelines.
 #include <olutil/olInetSocket.h>
 #include <olutil/olInetUdpSocket.h>
 
@@ -14,8 +13,8 @@
 namespace
 {
 
-// A socket whose chain operations run the base's pipelines with a transmit and a read
-// step that the test scripts. It borrows the rest, never opened, from the datagram socket.
+// Runs the base's pipelines with a scripted transmit and read step; the rest, never
+// opened, comes from the datagram socket.
 class ScriptedSocket : public DtInetUdpSocket
 {
 public:
@@ -58,11 +57,6 @@ public:
          return readResult;
       };
       return runReceivePipeline(chain, endpoint, flags, read);
-   }
-   int recvToChain(DtInetSockChain& chain, unsigned int flags) override
-   {
-      DtInetEndpoint scratch;
-      return recvToChainFrom(chain, scratch, flags);
    }
 
 private:
@@ -133,10 +127,16 @@ class InetSocketTest : public ::testing::Test
 protected:
    void SetUp() override { calls().clear(); }
 
-   // Registers a scripted send callback.
    void add(DtInetSockProcessingType type, Script& script, int priority)
    {
       ASSERT_TRUE(socket.addProcessingCallback(type, scripted, &script, priority));
+   }
+
+   // Every read gives `length` bytes of 'y', or that result if it is not above 0.
+   static void readGives(ScriptedSocket& s, int length)
+   {
+      s.readData.assign(length > 0 ? length : 0, 'y');
+      s.readResult = length;
    }
 
    ScriptedSocket socket;
@@ -156,26 +156,21 @@ TEST_F(InetSocketTest, NewSocketRecordsAndTheirClearing)
    EXPECT_EQ(socket.getLastError() + socket.getTerminationCode(), 0);
    EXPECT_EQ(socket.hostIf(), nullptr);
    // The booleans are derived only when flags are given, although the default has bit 7.
-   EXPECT_FALSE(socket.isNonBlocking());
    EXPECT_FALSE(socket.isNoDelay());
    EXPECT_EQ(socket.totalBytesSent() + socket.totalPacketsReceived(), 0u);
-   EXPECT_EQ(socket.receiveTime(), 0.0);
    EXPECT_EQ(socket.protocol(), DtInetProtocolUnspecified);
    socket.setFlags(DtInetSockFlagsDefault);
    EXPECT_TRUE(socket.isNoDelay());
 
-   for (int state : {-1, 0, 1, 2, 6, 8, 9})
+   for (int state : {-1, 0, 1, 9})
    {
-      SCOPED_TRACE(state);
       socket.setState(state);
-      EXPECT_EQ(socket.DtInetSocket::isOk(), state > 0);
+      EXPECT_EQ(socket.DtInetSocket::isOk(), state > 0) << state;
    }
-
-   for (int number : {0, 4, 11, 35, 115})
+   for (int number : {4, 11, 115})
    {
-      SCOPED_TRACE(number);
       socket.recordFailure(number, "x");
-      EXPECT_EQ(socket.isErrorWouldBlockOrTryAgain(), number == 11);
+      EXPECT_EQ(socket.isErrorWouldBlockOrTryAgain(), number == 11) << number;
    }
    // Clearing the error leaves the error state.
    socket.clearError();
@@ -186,7 +181,6 @@ TEST_F(InetSocketTest, NewSocketRecordsAndTheirClearing)
    // Clearing the statistics leaves the receive time.
    socket.sendChainTo(chain, target, 0);
    socket.myReceiveTime = 12.5;
-   ASSERT_EQ(socket.totalPacketsSent(), 1u);
    socket.clearStats();
    EXPECT_EQ(socket.totalPacketsSent() + socket.totalBytesSent(), 0u);
    EXPECT_EQ(socket.receiveTime(), 12.5);
@@ -194,31 +188,24 @@ TEST_F(InetSocketTest, NewSocketRecordsAndTheirClearing)
 
 // ------------------------------------------------------------------ callback lists
 
-TEST_F(InetSocketTest, CallbacksRunInKeyOrderAndEqualKeysInOrderOfAddition)
+TEST_F(InetSocketTest, CallbacksRunInKeyOrderAndNegativePriorityGoesLast)
 {
-   Script a{"a", 10}, b{"b", 10}, c{"c", 10}, d{"d", 10};
-   add(DtInetSockPostSend, c, 5);
-   add(DtInetSockPostSend, a, 1);
-   add(DtInetSockPostSend, d, 5);
-   add(DtInetSockPostSend, b, 1);
-   socket.sendChainTo(chain, target, 0);
-   EXPECT_EQ(names(), (std::vector<std::string>{"a", "b", "c", "d"}));
-}
-
-TEST_F(InetSocketTest, NegativePriorityGoesAfterTheGreatestKey)
-{
-   Script a{"a", 0}, b{"b", 0};
+   Script a{"a", 10}, b{"b", 10}, c{"c", 10}, d{"d", 10}, e{"e", 10};
    // On an empty list there is no greatest key; the entry takes key 0.
    add(DtInetSockPreReceive, a, -5);
    EXPECT_EQ(socket.callbackList(DtInetSockPreReceive)->begin()->first, 0);
 
-   add(DtInetSockPreSend, a, 7);
-   add(DtInetSockPreSend, b, -1);
-   DtInetSockCallbackList const& list = *socket.callbackList(DtInetSockPreSend);
-   ASSERT_EQ(list.size(), 2u);
-   EXPECT_EQ(list.rbegin()->first, 8);
-   EXPECT_EQ(list.rbegin()->second->priority, 8);
-   EXPECT_EQ(list.rbegin()->second->userData, &b);
+   // Equal keys run in order of addition; -1 means the greatest key plus 1.
+   add(DtInetSockPostSend, c, 5);
+   add(DtInetSockPostSend, a, 1);
+   add(DtInetSockPostSend, d, 5);
+   add(DtInetSockPostSend, e, -1);
+   add(DtInetSockPostSend, b, 1);
+   socket.sendChainTo(chain, target, 0);
+   EXPECT_EQ(names(), (std::vector<std::string>{"a", "b", "c", "d", "e"}));
+   DtInetSockCallbackList const& list = *socket.callbackList(DtInetSockPostSend);
+   EXPECT_EQ(list.rbegin()->first, 6);
+   EXPECT_EQ(list.rbegin()->second->priority, 6);
 }
 
 TEST_F(InetSocketTest, RemoveTakesTheFirstEntryOfTheFunctionOnly)
@@ -227,8 +214,6 @@ TEST_F(InetSocketTest, RemoveTakesTheFirstEntryOfTheFunctionOnly)
    auto const unknown = static_cast<DtInetSockProcessingType>(7);
    EXPECT_FALSE(socket.addProcessingCallback(unknown, scripted, &low, 1));
    EXPECT_FALSE(socket.removeProcessingCallback(unknown, scripted));
-   for (int type = 0; type < 4; ++type)
-      EXPECT_TRUE(socket.callbackList(static_cast<DtInetSockProcessingType>(type))->empty());
 
    add(DtInetSockPostSend, high, 9);
    add(DtInetSockPostSend, low, 2);
@@ -236,8 +221,6 @@ TEST_F(InetSocketTest, RemoveTakesTheFirstEntryOfTheFunctionOnly)
    EXPECT_FALSE(socket.removeProcessingCallback(DtInetSockPostSend, receiveReturnsLength));
    EXPECT_FALSE(socket.removeProcessingCallback(DtInetSockPreSend, scripted));
    DtInetSockCallbackList const& list = *socket.callbackList(DtInetSockPostSend);
-   ASSERT_EQ(list.size(), 2u);
-
    EXPECT_TRUE(socket.removeProcessingCallback(DtInetSockPostSend, scripted));
    ASSERT_EQ(list.size(), 1u);
    EXPECT_EQ(list.begin()->second->userData, &high);
@@ -273,44 +256,31 @@ TEST_F(InetSocketTest, WithoutPreSendCallbacksOnlyANonEmptyChainIsTransmitted)
    }
 }
 
-TEST_F(InetSocketTest, DatagramPreSendAbsorbingThePacketStopsTheSend)
+TEST_F(InetSocketTest, PreSendAbsorbingStopsADatagramButNotAStream)
 {
-   Script absorb{"absorb", 0}, later{"later", 5}, post{"post", 0};
-   add(DtInetSockPreSend, absorb, 1);
-   add(DtInetSockPreSend, later, 2);
+   Script keep{"keep", 10}, absorb{"absorb", 0}, later{"later", 5}, post{"post", 0};
+   add(DtInetSockPreSend, keep, 1);  // returning the length passes the packet on
+   add(DtInetSockPreSend, absorb, 2);
+   add(DtInetSockPreSend, later, 3);
    add(DtInetSockPostSend, post, 1);
 
    EXPECT_EQ(socket.sendChainTo(chain, target, 0), 10);
-   EXPECT_EQ(names(), (std::vector<std::string>{"absorb", "post"}));
-   EXPECT_EQ(calls()[0].length, 10);  // the chain's byte count
-   EXPECT_EQ(calls()[1].length, 10);  // handled bytes count as sent
+   EXPECT_EQ(names(), (std::vector<std::string>{"keep", "absorb", "post"}));
+   EXPECT_EQ(calls()[1].length, 10);  // the chain's byte count
+   EXPECT_EQ(calls()[2].length, 10);  // handled bytes count as sent
    EXPECT_EQ(socket.transmitCalls, 0);
    EXPECT_EQ(socket.totalPacketsSent(), 1u);
    EXPECT_EQ(socket.totalBytesSent(), 10u);
 
-   // A callback that returns the length lets the packet through to the next one.
+   // On a stream every pre-send callback runs, with length 0, and nothing counts as sent.
    calls().clear();
-   ScriptedSocket passing;
-   Script keep{"keep", 10};
-   passing.addProcessingCallback(DtInetSockPreSend, scripted, &keep, 1);
-   passing.addProcessingCallback(DtInetSockPreSend, scripted, &keep, 2);
-   EXPECT_EQ(passing.sendChainTo(chain, target, 0), 10);
-   EXPECT_EQ(names(), (std::vector<std::string>{"keep", "keep"}));
-   EXPECT_EQ(passing.transmitCalls, 1);
-}
-
-TEST_F(InetSocketTest, StreamPreSendCallbacksAllRunWithLengthZero)
-{
    ScriptedSocket stream(DtInetProtocolTcp);
-   Script absorb{"absorb", 0}, later{"later", 0};
    stream.addProcessingCallback(DtInetSockPreSend, scripted, &absorb, 1);
-   stream.addProcessingCallback(DtInetSockPreSend, scripted, &later, 2);
+   stream.addProcessingCallback(DtInetSockPreSend, scripted, &post, 2);
    EXPECT_EQ(stream.sendChainTo(empty, target, 0), 0);
-   ASSERT_EQ(names(), (std::vector<std::string>{"absorb", "later"}));
-   EXPECT_EQ(calls()[0].length, 0);
-   EXPECT_EQ(calls()[1].length, 0);
+   ASSERT_EQ(names(), (std::vector<std::string>{"absorb", "post"}));
+   EXPECT_EQ(calls()[0].length + calls()[1].length, 0);
    EXPECT_EQ(stream.transmitCalls, 0);
-   // A stream counts only what was sent.
    EXPECT_EQ(stream.totalPacketsSent() + stream.totalBytesSent(), 0u);
 }
 
@@ -353,10 +323,10 @@ TEST_F(InetSocketTest, PostSendResultsAddUpAndCallFlagsSkipTheirLists)
    calls().clear();
    socket.addProcessingCallback(DtInetSockPreReceive, receiveServesFromQueue, nullptr, 1);
    socket.addProcessingCallback(DtInetSockPostReceive, receiveDrops, nullptr, 1);
-   socket.readData.assign(5, 'y');
-   socket.readResult = 5;
-   EXPECT_EQ(
-       socket.recvToChain(chain, DtInetSockCallNoPreCallbacks | DtInetSockCallNoPostCallbacks), 5);
+   readGives(socket, 5);
+   EXPECT_EQ(socket.recvToChainFrom(chain, target,
+                                    DtInetSockCallNoPreCallbacks | DtInetSockCallNoPostCallbacks),
+             5);
    EXPECT_TRUE(calls().empty());
    EXPECT_EQ(socket.readCalls, 1);
 }
@@ -372,7 +342,6 @@ TEST_F(InetSocketTest, ReadFillsTheChainUnlessTheSkipMarkerIsSet)
    socket.readResult = 8;
    socket.readPort = 3000;
    EXPECT_EQ(socket.recvToChainFrom(chain, target, 0), 8);
-   EXPECT_EQ(socket.readCalls, 1);
    EXPECT_EQ(target.port(), 3000);
    EXPECT_EQ(std::string(first.begin(), first.end()) + std::string(second.begin(), second.end()),
              "xxxxxxxxbb");
@@ -390,32 +359,11 @@ TEST_F(InetSocketTest, ReadFillsTheChainUnlessTheSkipMarkerIsSet)
    EXPECT_EQ(socket.totalBytesReceived(), 14u);
 }
 
-TEST_F(InetSocketTest, DroppedPacketGivesZeroOrTheCarriedMarker)
-{
-   // What was dropped, pre-receive and post-receive callbacks, result.
-   std::tuple<char const*, DtInetSockProcessingCb, DtInetSockProcessingCb, int> const cases[] = {
-       {"packet from the network", nullptr, receiveDrops, 0},
-       {"packet from the pre-receive stage", receiveServesFromQueue, receiveDrops, -5},
-       {"filter writes its own status", receiveServesFromQueue, receiveDropsWithStatus, -2}};
-   for (auto const& [what, pre, post, result] : cases)
-   {
-      SCOPED_TRACE(what);
-      ScriptedSocket s;
-      if (pre)
-         s.addProcessingCallback(DtInetSockPreReceive, pre, nullptr, 1);
-      s.addProcessingCallback(DtInetSockPostReceive, post, nullptr, 1);
-      s.readData.assign(5, 'y');
-      s.readResult = 5;
-      EXPECT_EQ(s.recvToChainFrom(chain, target, 0), result);
-   }
-}
-
 TEST_F(InetSocketTest, EveryPostReceiveCallbackRunsAndSeesTheLastLength)
 {
    socket.addProcessingCallback(DtInetSockPostReceive, receiveDrops, nullptr, 1);
    socket.addProcessingCallback(DtInetSockPostReceive, receiveReturnsLength, nullptr, 2);
-   socket.readData.assign(5, 'y');
-   socket.readResult = 5;
+   readGives(socket, 5);
    EXPECT_EQ(socket.recvToChainFrom(chain, target, 0), 0);
    ASSERT_EQ(names(), (std::vector<std::string>{"drop", "keep"}));
    EXPECT_EQ(calls()[0].length, 5);
@@ -424,26 +372,38 @@ TEST_F(InetSocketTest, EveryPostReceiveCallbackRunsAndSeesTheLastLength)
    EXPECT_NE(calls()[0].data, nullptr);
 }
 
-TEST_F(InetSocketTest, EmptyChainsAndFailedReadsSkipThePostReceiveCallbacks)
+TEST_F(InetSocketTest, ReceiveResultsOfDropsAndReads)
 {
+   // Case, pre-receive and post-receive callbacks, read result, result, post-receive
+   // calls: a dropped packet gives 0 or the carried marker; nothing read is no failure.
+   using Cb = DtInetSockProcessingCb;
+   std::tuple<char const*, Cb, Cb, int, int, std::size_t> const cases[] = {
+       {"network packet dropped", nullptr, receiveDrops, 5, 0, 1},
+       {"queued packet dropped", receiveServesFromQueue, receiveDrops, 5, -5, 1},
+       {"filter writes its own status", receiveServesFromQueue, receiveDropsWithStatus, 5, -2, 1},
+       {"failed read", nullptr, receiveReturnsLength, -1, -1, 0},
+       {"nothing read", nullptr, receiveReturnsLength, 0, 0, 1}};
+   for (auto const& [what, pre, post, read, result, postCalls] : cases)
+   {
+      SCOPED_TRACE(what);
+      calls().clear();
+      ScriptedSocket s;
+      if (pre)
+         s.addProcessingCallback(DtInetSockPreReceive, pre, nullptr, 1);
+      s.addProcessingCallback(DtInetSockPostReceive, post, nullptr, 1);
+      readGives(s, read);
+      EXPECT_EQ(s.recvToChainFrom(chain, target, 0), result);
+      EXPECT_EQ(calls().size() - (pre ? 1 : 0), postCalls);
+      EXPECT_EQ(s.totalPacketsReceived(), read > 0 ? 1u : 0u);
+   }
+
+   // An empty chain is refused before any callback or read.
    socket.addProcessingCallback(DtInetSockPreReceive, receiveReturnsLength, nullptr, 1);
    socket.addProcessingCallback(DtInetSockPostReceive, receiveReturnsLength, nullptr, 1);
+   calls().clear();
    EXPECT_EQ(socket.recvToChainFrom(empty, target, 0), -4);
    EXPECT_TRUE(calls().empty());
    EXPECT_EQ(socket.readCalls, 0);
-
-   // Nothing read is no failure: the post-receive callbacks still run.
-   for (int read : {-1, -4, 0})
-   {
-      SCOPED_TRACE(read);
-      calls().clear();
-      ScriptedSocket s;
-      s.addProcessingCallback(DtInetSockPostReceive, receiveReturnsLength, nullptr, 1);
-      s.readResult = read;
-      EXPECT_EQ(s.recvToChainFrom(chain, target, 0), read);
-      EXPECT_EQ(calls().size(), read == 0 ? 1u : 0u);
-      EXPECT_EQ(s.totalPacketsReceived(), 0u);
-   }
 }
 
 // ------------------------------------------------------------------ chain helpers
@@ -451,10 +411,8 @@ TEST_F(InetSocketTest, EmptyChainsAndFailedReadsSkipThePostReceiveCallbacks)
 TEST(InetSockChain, CopyScattersAndReportsWhatDidNotFit)
 {
    // Data, whether it fitted, then the buffers' contents.
-   std::tuple<std::string, bool, char const*> const cases[] = {{"", true, "...|.."},
-                                                               {"ab", true, "ab.|.."},
-                                                               {"abcde", true, "abc|de"},
-                                                               {"abcdef", false, "abc|de"}};
+   std::tuple<std::string, bool, char const*> const cases[] = {
+       {"ab", true, "ab.|.."}, {"abcde", true, "abc|de"}, {"abcdef", false, "abc|de"}};
    for (auto const& [data, fits, contents] : cases)
    {
       SCOPED_TRACE(data);

@@ -1,5 +1,5 @@
-// Tests of the datagram socket with real traffic: loopback (127.0.0.1 and ::1) for the
-// send and receive paths, and private network namespaces for multicast and broadcast.
+// Datagram socket tests with real traffic: loopback for send and receive, private
+// network namespaces for multicast and broadcast.
 #include <olutil/olInetUdpSocket.h>
 
 #include <algorithm>
@@ -96,8 +96,7 @@ void expectSendsRefused(DtInetUdpSocket& socket, int error)
    EXPECT_EQ(socket.getLastError(), error);
 }
 
-// Sockets bound to the loopback address of one family on a system-chosen port, through
-// the loopback device as host interface.
+// Sockets on the loopback address of one family and device, on system-chosen ports.
 class UdpLoopbackTest : public ::testing::TestWithParam<char const*>
 {
 protected:
@@ -143,15 +142,12 @@ INSTANTIATE_TEST_SUITE_P(Loopback, UdpLoopbackTest, ::testing::Values("127.0.0.1
 TEST_P(UdpLoopbackTest, OpenBindsTheDeviceAddressAndCloseIsFinal)
 {
    auto socket = open(theSyncFlags);
-   EXPECT_TRUE(socket->isOk());
    EXPECT_TRUE(socket->isUdp());
-   EXPECT_TRUE(socket->isNonBlocking());
    EXPECT_STREQ(socket->localEndpoint().address().toDtString().c_str(), address());
    EXPECT_EQ(socket->udpSocket(), socket->secondUdpSocket());
 
    // Opening again changes nothing.
    unsigned short const port = socket->localPort();
-   EXPECT_NE(port, 0);
    EXPECT_TRUE(socket->openSocket());
    EXPECT_EQ(socket->localPort(), port);
 
@@ -162,13 +158,11 @@ TEST_P(UdpLoopbackTest, OpenBindsTheDeviceAddressAndCloseIsFinal)
    EXPECT_TRUE(recorded(*socket, 22, refusal, DtInetSockStateOpen));
    std::vector<char> buffer(16);
    EXPECT_EQ(socket->recv(buffer.data(), buffer.size(), 0), 0);
-   DtInetSockChain chain{&buffer}, empty;
+   DtInetSockChain chain{&buffer};
    EXPECT_EQ(socket->recvToChain(chain, 0), 0);
-   EXPECT_EQ(socket->recvToChain(empty, 0), -4);
    EXPECT_TRUE(recorded(*socket, 22, refusal, DtInetSockStateOpen));
 
    EXPECT_TRUE(socket->closeSocket());
-   EXPECT_EQ(socket->state(), DtInetSockStateClosed);
    EXPECT_FALSE(socket->isOk());
    EXPECT_FALSE(socket->openSocket());
    EXPECT_TRUE(recorded(*socket, 131, "DtInetUdpSocket::openSocket(): Invalid state 9"));
@@ -176,22 +170,14 @@ TEST_P(UdpLoopbackTest, OpenBindsTheDeviceAddressAndCloseIsFinal)
 
 TEST_P(UdpLoopbackTest, OptionsReadBackWhatWasSet)
 {
-   openPair(theSyncFlags, theSyncFlags);
-   auto& socket = receiver;
+   auto socket = open(theSyncFlags);
    EXPECT_TRUE(socket->getReuseAddressOption());  // DtInetSockFlagReuseAddress is default
    EXPECT_TRUE(socket->getBroadcastOption());     // set on every open
-   EXPECT_TRUE(socket->setReuseAddressOption(false));
-   EXPECT_FALSE(socket->getReuseAddressOption());
-   EXPECT_TRUE(socket->setReceiveLowWatermark(1));
-   EXPECT_EQ(socket->getReceiveLowWatermark(), 1);
    EXPECT_EQ(socket->getBytesAvailable(), 0);
-   ASSERT_EQ(sendText(*sender, "twelve bytes"), 12);
-   EXPECT_EQ(waitFor([&] { return socket->getBytesAvailable(); }), 12);
    EXPECT_TRUE(socket->setNonBlockingOption(false));
    EXPECT_FALSE(socket->isNonBlocking());
    EXPECT_TRUE(recorded(*socket, 0, "", DtInetSockStateOpen));
 
-   // The system does not let the send low watermark change.
    EXPECT_FALSE(socket->setSendLowWatermark(100));
    EXPECT_TRUE(
        recorded(*socket, theAnyError,
@@ -199,9 +185,7 @@ TEST_P(UdpLoopbackTest, OptionsReadBackWhatWasSet)
                 -1, true));
 
    // A hop limit beyond one byte is a refused option, never an exception.
-   bool ttlSet = true;
-   EXPECT_NO_THROW(ttlSet = socket->setMcastTtlOption(300));
-   EXPECT_FALSE(ttlSet);
+   EXPECT_FALSE(socket->setMcastTtlOption(300));
    EXPECT_TRUE(recorded(*socket, EINVAL,
                         "DtInetUdpSocket::setMcastTtl(): Error setting multicast TTL to  300\n", -1,
                         true));
@@ -213,10 +197,10 @@ TEST_P(UdpLoopbackTest, DatagramsArriveWithTheirSender)
 {
    openPair(theSyncFlags, theSyncFlags);
    EXPECT_EQ(sendText(*sender, "hello"), 5);
+   EXPECT_EQ(waitFor([&] { return receiver->getBytesAvailable(); }), 5);
    EXPECT_EQ(next(*receiver, from), "hello");
    EXPECT_EQ(from.port(), sender->localPort());
    EXPECT_STREQ(from.address().toDtString().c_str(), address());
-   EXPECT_EQ(receiver->receiveTime(), 0.0);  // a plain read takes no time stamp
 
    // A chain is gathered on send and scattered on receive.
    std::vector<char> a{'a', 'b', 'c'}, b{'d'}, c{'e', 'f'};
@@ -226,11 +210,8 @@ TEST_P(UdpLoopbackTest, DatagramsArriveWithTheirSender)
    EXPECT_EQ(nextChain(*receiver, from, 4, 4), "6:abcdef");
    EXPECT_EQ(from.port(), sender->localPort());
    EXPECT_GT(receiver->receiveTime(), 0.0);
-
-   EXPECT_EQ(sender->totalPacketsSent(), 2u);
-   EXPECT_EQ(sender->totalBytesSent(), 11u);
-   EXPECT_EQ(receiver->totalPacketsReceived(), 2u);
-   EXPECT_EQ(receiver->totalBytesReceived(), 11u);
+   EXPECT_EQ(sender->totalBytesSent() + receiver->totalBytesReceived(), 22u);
+   EXPECT_EQ(sender->totalPacketsSent() + receiver->totalPacketsReceived(), 4u);
 }
 
 TEST_P(UdpLoopbackTest, TooBigDatagramIsLostAndTheNextOneReadable)
@@ -260,28 +241,21 @@ TEST_P(UdpLoopbackTest, ProcessingCallbacksRunOnTheChainPathsOnly)
       seen = length;
       return 0;
    };
-   auto absorb = [](DtInetSocket*, int, DtInetSockChain&, DtInetEndpoint&, void*) { return 0; };
    receiver->addProcessingCallback(DtInetSockPostReceive, dropAll, nullptr, 1);
-   sender->addProcessingCallback(DtInetSockPreSend, absorb, nullptr, 1);
-
+   sender->addProcessingCallback(DtInetSockPreSend, dropAll, nullptr, 1);
    ASSERT_EQ(sendText(*sender, "plain"), 5);
    EXPECT_EQ(next(*receiver, from), "plain");
    EXPECT_EQ(seen, 0);
 
-   // The pre-send callback absorbs a chain: it counts as sent, and nothing leaves. The
-   // next one skips the pre-send list and goes; the post-receive filter drops it after
-   // the read counted it, and its length shows that it was the first to arrive.
+   // The absorbed chain counts as sent but never leaves: the first to arrive, dropped
+   // after the read counted it, is the one that skipped the pre-send list.
    std::vector<char> absorbed(8, 'a'), sent(5, 's'), buffer(16);
    DtInetSockChain first{&absorbed}, second{&sent}, in{&buffer};
    EXPECT_EQ(sender->sendChain(first, 0), 8);
    EXPECT_EQ(sender->totalPacketsSent(), 2u);
    EXPECT_EQ(sender->sendChain(second, DtInetSockCallNoPreCallbacks), 5);
-   auto readSeen = [&]
-   {
-      EXPECT_EQ(receiver->recvToChainFrom(in, from, 0), 0);
-      return seen;
-   };
-   EXPECT_EQ(waitFor(readSeen), 5);
+   seen = 0;
+   EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(in, from, 0) + seen; }), 5);
    EXPECT_EQ(receiver->totalPacketsReceived(), 2u);
 }
 
@@ -305,8 +279,6 @@ TEST_P(UdpLoopbackTest, ConnectedSocketSendsToItsDestinationOnly)
       EXPECT_EQ(next(*receiver, from), text);
       EXPECT_EQ(other->recv(buffer, sizeof buffer, 0), 0);
    }
-   EXPECT_TRUE(sender->closeSocket());
-   EXPECT_EQ(sender->state(), DtInetSockStateClosed);
 
    // Connecting an initialized socket opens it; the system chose address and port.
    DtInetUdpSocket socket(endpoint(address(), receiver->localPort()), 0, nullptr, theSyncFlags,
@@ -322,16 +294,15 @@ TEST_P(UdpLoopbackTest, ConnectedSocketSendsToItsDestinationOnly)
 TEST_P(UdpLoopbackTest, BackgroundQueuesKeepTheOrderAndStampTimes)
 {
    openPair(theAsyncRecvFlags, theAsyncSendFlags);
-   for (int i = 0; i < 30; ++i)
-      ASSERT_EQ(sendText(*sender, "packet " + std::to_string(i)), i < 10 ? 8 : 9);
+   for (int i = 0; i < 10; ++i)
+      ASSERT_EQ(sendText(*sender, "packet " + std::to_string(i)), 8);
    std::vector<char> part(3, '-'), rest(3, '-');
    DtInetSockChain out{&part, &rest};
    ASSERT_EQ(sender->sendChain(out, 0), 6);
 
    double lastTime = 0.0;
-   for (int i = 0; i < 30; ++i)
+   for (int i = 0; i < 10; ++i)
    {
-      SCOPED_TRACE(i);
       ASSERT_EQ(next(*receiver, from), "packet " + std::to_string(i));
       EXPECT_GE(receiver->receiveTime(), lastTime);
       lastTime = receiver->receiveTime();
@@ -340,8 +311,8 @@ TEST_P(UdpLoopbackTest, BackgroundQueuesKeepTheOrderAndStampTimes)
    EXPECT_EQ(from.port(), sender->localPort());
    EXPECT_EQ(nextChain(*receiver, from, 4, 4), "6:------");
    EXPECT_EQ(receiver->recv(&part[0], part.size(), 0), 0);
-   EXPECT_EQ(receiver->totalPacketsReceived(), 31u);
-   EXPECT_EQ(sender->totalPacketsSent(), 31u);
+   EXPECT_EQ(receiver->totalPacketsReceived(), 11u);
+   EXPECT_EQ(sender->totalPacketsSent(), 11u);
 
    // Packets nobody reads are freed by closing (the sanitizer build checks).
    for (int i = 0; i < 5; ++i)
@@ -359,8 +330,6 @@ TEST_P(UdpLoopbackTest, ClosingDeliversQueuedSendsFirst)
    for (int i = 0; i < 300; ++i)
       ASSERT_EQ(sendText(*sender, payload(i)), static_cast<int>(payload(i).size()));
    EXPECT_TRUE(sender->closeSocket());
-   EXPECT_EQ(sender->state(), DtInetSockStateClosed);
-
    for (int i = 0; i < 300; ++i)
       ASSERT_EQ(next(*receiver, from, 256), payload(i));
    // Closed, the socket refuses what no I/O thread would send.
@@ -377,9 +346,7 @@ TEST_P(UdpLoopbackTest, BackgroundSendFailureIsSticky)
    EXPECT_EQ(sender->getLastError(), 90);
    sender->clearError();
    expectSendsRefused(*sender, 90);
-   // Transmit failures leave the socket open; closing still works.
    EXPECT_EQ(sender->state(), DtInetSockStateOpen);
-   EXPECT_TRUE(sender->closeSocket());
 }
 
 // ------------------------------------------------------------------ refusals and failures
@@ -418,12 +385,11 @@ TEST(UdpSocketErrors, SendRefusalsInvalidateTheSocket)
 
 TEST(UdpSocketErrors, TransmitFailureKeepsTheState)
 {
-   DtInetUdpSocket receiver(endpoint("127.0.0.1", 9), 0, nullptr, theSyncFlags, true);
    DtInetUdpSocket socket(endpoint("127.0.0.1", 9), 0, nullptr, theSyncFlags, true);
    ASSERT_EQ(socket.state(), DtInetSockStateOpen);
    // An endpoint of no protocol is taken as UDP, and the caller's endpoint says so.
    char data[3] = {'a', 'b', 'c'};
-   DtInetEndpoint target = endpoint("127.0.0.1", receiver.localPort(), DtInetProtocolUnspecified);
+   DtInetEndpoint target = endpoint("127.0.0.1", 9, DtInetProtocolUnspecified);
    EXPECT_EQ(socket.sendTo(data, sizeof data, target, 0), 3);
    EXPECT_EQ(target.protocol(), DtInetProtocolUdp);
 
@@ -432,8 +398,7 @@ TEST(UdpSocketErrors, TransmitFailureKeepsTheState)
    EXPECT_EQ(socket.sendTo(huge.data(), huge.size(), target, 0), -1);
    EXPECT_TRUE(recorded(socket, 90, "DtInetUdpSocket::send()/sendTo() failed from ",
                         DtInetSockStateOpen, true));
-   EXPECT_NE(std::string(socket.getLastErrorString().c_str())
-                 .find(" to 127.0.0.1:" + std::to_string(receiver.localPort()) + "\n"),
+   EXPECT_NE(std::string(socket.getLastErrorString().c_str()).find(" to 127.0.0.1:9\n"),
              std::string::npos);
    EXPECT_EQ(socket.totalPacketsSent(), 1u);
 
@@ -474,12 +439,8 @@ TEST(UdpSocketErrors, OpenRefusesTcpEndpointsAndBadDevices)
 TEST(UdpSocketSetup, UnopenedSocketRules)
 {
    DtInetUdpSocket socket;
-   // Options on the closed system socket are refused without a record; the setters
-   // share one path, so a few stand for all.
+   // Options on the closed system socket are refused without a record.
    EXPECT_FALSE(socket.setBroadcastOption(true));
-   EXPECT_FALSE(socket.setNonBlockingOption(true));
-   EXPECT_FALSE(socket.setMcastTtlOption(1));
-   EXPECT_FALSE(socket.setMcastDevice(DtInetAddr("127.0.0.1")));
    EXPECT_EQ(socket.getSendBufferSize(), -1);
    EXPECT_EQ(socket.getLastError(), 0);
 
@@ -488,12 +449,10 @@ TEST(UdpSocketSetup, UnopenedSocketRules)
    EXPECT_EQ(socket.destination().protocol(), DtInetProtocolUdp);
    EXPECT_EQ(unspecified.protocol(), DtInetProtocolUnspecified);
    EXPECT_FALSE(socket.setDestination(endpoint("127.0.0.1", 1, DtInetProtocolTcp)));
-   EXPECT_EQ(socket.getLastError(), 22);
    EXPECT_EQ(socket.destination().port(), 4000);
    EXPECT_EQ(socket.state(), DtInetSockStateInitialized);
 
    EXPECT_TRUE(socket.setSocket(endpoint("127.0.0.1", 9), 0, nullptr, theSyncFlags));
-   EXPECT_TRUE(socket.isNonBlocking());
    ASSERT_TRUE(socket.openSocket());
    EXPECT_FALSE(socket.setSocket(endpoint("127.0.0.1", 10), 0, nullptr, 0));
    EXPECT_EQ(socket.destination().port(), 9);
@@ -501,11 +460,9 @@ TEST(UdpSocketSetup, UnopenedSocketRules)
 
 // ------------------------------------------------------------------ namespaces
 
-// A private namespace, so groups and broadcasts have a real interface and nothing
-// leaves the machine: by default with a veth pair (oltu0 192.0.2.1 and 2001:db8::1,
-// oltu1 192.0.2.2) carrying the multicast route out of oltu0. The guard moves the
-// test's (main) thread inside, which also makes the interface scans read the
-// namespace's /proc/net; it is declared last, so it ends first.
+// A private namespace entered by the test's thread, by default with a veth pair (oltu0
+// 192.0.2.1 and 2001:db8::1, oltu1 192.0.2.2) carrying the multicast route out of oltu0.
+// The guard is declared last, so it ends first.
 class UdpNamespaceTest : public ::testing::Test
 {
 protected:
@@ -542,7 +499,7 @@ protected:
    void SetUp() override { enter(false); }
 };
 
-TEST_F(UdpNamespaceTest, MulticastDestinationBindsItsPortAndJoins)
+TEST_F(UdpNamespaceTest, MulticastDestinationBindsItsPortAndJoinsGroups)
 {
    DtInetUdpSocket receiver(endpoint("239.1.2.3", 40001), 0, nullptr, theSyncFlags, true);
    ASSERT_EQ(receiver.state(), DtInetSockStateOpen) << receiver.getLastErrorString();
@@ -551,8 +508,7 @@ TEST_F(UdpNamespaceTest, MulticastDestinationBindsItsPortAndJoins)
    ASSERT_EQ(receiver.joinedGroups().size(), 1u);
    EXPECT_STREQ(receiver.joinedGroups()[0].first.toDtString().c_str(), "239.1.2.3");
 
-   // The same pair again is already there.
-   EXPECT_TRUE(receiver.joinMulticastGroup(DtInetAddr("239.1.2.3")));
+   EXPECT_TRUE(receiver.joinMulticastGroup(DtInetAddr("239.1.2.3")));  // already there
    EXPECT_EQ(receiver.joinedGroups().size(), 1u);
 
    DtInetUdpSocket sender(endpoint("239.1.2.3", 40001), 40002, nullptr, theSyncFlags, true);
@@ -573,14 +529,11 @@ TEST_F(UdpNamespaceTest, MulticastDestinationBindsItsPortAndJoins)
                         "/ broadcast destination",
                         DtInetSockStateOpen));
 
-   // Dropping the group removes the pair.
    EXPECT_TRUE(receiver.dropMulticastGroup(endpoint("239.1.2.3", 40001)));
    EXPECT_TRUE(receiver.joinedGroups().empty());
    EXPECT_EQ(receiver.state(), DtInetSockStateOpen);
-}
 
-TEST_F(UdpNamespaceTest, ChosenDeviceCarriesTheGroup)
-{
+   // A group joined on a chosen device is carried by its address.
    DtInetDevice device(DtString("oltu1"), DtInetUtils::DtInetFamilyIPv4);
    ASSERT_TRUE(device.isOk()) << device.getLastErrorString();
    DtInetUdpSocket socket(endpoint("192.0.2.1", 40004), 40005, nullptr, theSyncFlags, true);
@@ -601,9 +554,8 @@ TEST_F(UdpNamespaceTest, ChosenDeviceCarriesTheGroup)
 
 TEST_F(UdpNamespaceTest, SecondaryDeviceSendsFromItsAddressAndReceivesOnASecondSocket)
 {
-   // The host interface is not the primary device (the first active one that is not the
-   // loopback), so the socket sends from the device's address and listens on a second
-   // socket bound to the any-address.
+   // A host interface other than the primary device (the first active non-loopback one)
+   // sends from its address and listens on a second socket bound to the any-address.
    DtInetDeviceList const devices = DtInetUtils::scanInetDevices(true, false);
    ASSERT_GE(devices.size(), 3u);
    bool const useFirst =
@@ -617,8 +569,7 @@ TEST_F(UdpNamespaceTest, SecondaryDeviceSendsFromItsAddressAndReceivesOnASecondS
                 useFirst ? "192.0.2.1" : "192.0.2.2");
    EXPECT_EQ(socket.localPort(), 40010);
 
-   // Broadcasts reach the any-bound receiving socket. Without a device, a broadcast
-   // socket is bound to the any-address and joins nothing.
+   // Without a device, a broadcast socket binds the any-address and joins nothing.
    DtInetUdpSocket peer(endpoint("192.0.2.255", 40010), 40011, nullptr, theSyncFlags, true);
    ASSERT_EQ(peer.state(), DtInetSockStateOpen) << peer.getLastErrorString();
    EXPECT_TRUE(peer.localEndpoint().address().isAnyAddr());
@@ -626,9 +577,7 @@ TEST_F(UdpNamespaceTest, SecondaryDeviceSendsFromItsAddressAndReceivesOnASecondS
    ASSERT_EQ(sendText(peer, "to the device"), 13) << peer.getLastErrorString();
    EXPECT_EQ(next(socket, from), "to the device");
    EXPECT_EQ(from.port(), 40011);
-
    EXPECT_TRUE(socket.closeSocket());
-   EXPECT_EQ(socket.state(), DtInetSockStateClosed);
 }
 
 TEST_F(UdpBareNamespaceTest, JoinWithoutMulticastDeviceKeepsTheState)

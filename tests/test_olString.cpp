@@ -1,11 +1,9 @@
-// Tests of DtString: layout, storage and capacities, comparison, editing,
-// splitting, numeric conversions and stream extraction.
+// Tests of DtString.
 #include <olutil/olString.h>
 
 #include <cerrno>
 #include <climits>
 #include <cmath>
-#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -27,7 +25,7 @@ public:
    using DtString::operator=;
 
    void release() { clear(); }
-   // Where the text lives, its capacity, whether the block is owned, and the text.
+   // "where capacity [owned]|text"
    std::string state() const
    {
       std::string where = !text ? "released" : text == inlineBuffer ? "inline" : "heap";
@@ -43,7 +41,7 @@ public:
    }
 };
 
-// Compares without regard to case, to show that the free operators dispatch.
+// Shows which operand's virtual member the free operators use.
 class CaselessString : public DtString
 {
 public:
@@ -113,12 +111,10 @@ TEST(DtStringConstruct, Texts)
    char const* const none = nullptr;
    // clang-format off
    std::pair<DtString, char const*> const rows[] = {
-       {DtString(none), ""},               {DtString("abc", 2), "ab"},  {DtString(none, 5), ""},
-       {DtString("abc", -1), ""},          {DtString(std::string("std")), "std"},
-       {DtString(0.1), "0.1"},             {DtString(1.0), "1"},        {DtString(1e20), "1e+20"},
-       {DtString('x'), "x"},               {DtString('\0'), ""},
-       {DtString(INT_MIN), "-2147483648"}, {DtString(LONG_MIN), "-9223372036854775808"},
-       {DtString(UINT_MAX), "4294967295"}, {DtString(ULONG_MAX), "18446744073709551615"}};
+       {DtString(none), ""}, {DtString("abc", 2), "ab"}, {DtString(none, 5), ""}, {DtString("abc", -1), ""},
+       {DtString(std::string("std")), "std"}, {DtString(0.1), "0.1"}, {DtString(1e20), "1e+20"},
+       {DtString('\0'), ""}, {DtString(LONG_MIN), "-9223372036854775808"},
+       {DtString(ULONG_MAX), "18446744073709551615"}};
    // clang-format on
    for (auto const& [value, expected] : rows)
       EXPECT_STREQ(value.c_str(), expected);
@@ -129,7 +125,6 @@ TEST(DtStringStorage, InlineUpTo63CharactersThenExactHeapBlock)
    std::string const s63(63, 'a'), s64(64, 'a');
    EXPECT_EQ(Probe(s63.c_str()).state(), "inline 64|" + s63);
    EXPECT_EQ(Probe(s64.c_str()).state(), "heap 65 owned|" + s64);
-   EXPECT_EQ(Probe(s64).state(), "heap 65 owned|" + s64);
    EXPECT_EQ(Probe((s64 + "bc").c_str(), 64).state(), "heap 65 owned|" + s64);
    // A counted copy does not stop at a NUL, but every operation does.
    Probe nul("a\0bc", 4);
@@ -153,16 +148,12 @@ TEST(DtStringStorage, GrowsToExactSizesAndNeverReturnsInline)
    a += "bbb";
    EXPECT_EQ(a.state(), "inline 64|" + sixty + "bbb");
    a += "c";
-   a += "";
    a += static_cast<char const*>(nullptr);
    EXPECT_EQ(a.state(), "heap 65 owned|" + sixty + "bbbc");
    a += DtString("de");
    EXPECT_EQ(a.state(), "heap 67 owned|" + sixty + "bbbcde");
 
-   // Appending its own text, in place and through a new block.
-   Probe small("abc");
-   small += small.c_str();
-   EXPECT_EQ(small.state(), "inline 64|abcabc");
+   // Appending its own text through a new block.
    std::string const forty(40, 'q');
    Probe grows(forty.c_str());
    grows += grows.c_str();
@@ -174,10 +165,8 @@ TEST(DtStringStorage, CopiesByCapacity)
    Probe big(theLong.c_str());
    big = "x";
    EXPECT_EQ(Probe(big).state(), "heap 100 owned|x");
-   EXPECT_EQ(Probe(Probe("in")).state(), "inline 64|in");
    std::unique_ptr<DtString> cloned(big.clone());
    EXPECT_STREQ(cloned->c_str(), "x");
-   EXPECT_NE(cloned->c_str(), big.c_str());
 
    // A smaller target takes the source's capacity, a larger one keeps its own.
    Probe target("t");
@@ -207,14 +196,11 @@ TEST(DtStringStorage, ClearReleasesOnlyAHeapBlock)
    heap.release();
    EXPECT_EQ(heap.state(), "released 0 owned|");
    // The measuring, comparing, searching and converting operations tolerate it.
-   DtString const x("x");
    EXPECT_EQ(heap.length(), 0);
    EXPECT_FALSE(heap == "" || heap != "");
-   EXPECT_EQ(
-       heap.findChar('x') + heap.findLastChar('x') + heap.findString(x) + heap.findLastString(x),
-       -4);
+   EXPECT_EQ(heap.findChar('x') + heap.findLastString(DtString("x")), -2);
    bool ok = true;
-   EXPECT_EQ(heap.toInt(&ok) + heap.toUInt(&ok) + heap.toFloat(&ok) + heap.toDouble(&ok), 0.0);
+   EXPECT_EQ(heap.toInt(&ok) + heap.toDouble(&ok), 0.0);
    EXPECT_TRUE(ok);
    heap = "again";
    EXPECT_EQ(heap.state(), "heap 6 owned|again");
@@ -224,13 +210,11 @@ TEST(DtStringCompare, OperatorsNullArgumentsAndDispatch)
 {
    DtString const b("b");
    EXPECT_TRUE(b < "c" && b > "a" && b == "b" && b != "B" && b <= "b" && b >= "b");
-   EXPECT_TRUE(DtString("B") < b && DtString("abc") == DtString("abc"));
    char const* none = nullptr;
    EXPECT_FALSE(b < none || b > none || b == none || b != none || b <= none || b >= none);
 
    DtString const hello("Hello");
-   EXPECT_TRUE(hello.caseCompare("hELLO") && hello.caseCompare(DtString("HELLO")));
-   EXPECT_FALSE(hello.caseCompare("Help"));
+   EXPECT_TRUE(hello.caseCompare("hELLO") && !hello.caseCompare(DtString("Help")));
 
    // The left operand's virtual member decides.
    CaselessString const caseless("ABC");
@@ -248,10 +232,7 @@ TEST(DtStringAccess, ConcatenationSubscriptsCaseSearchAndSharedEmpties)
 
    DtString s("abc");
    s[0] = 'A';
-   s[std::size_t{1}] = 'B';
-   s[2L] = 'C';
-   EXPECT_STREQ(s.c_str(), "ABC");
-   EXPECT_EQ(static_cast<DtString const&>(s)[1u], 'B');
+   EXPECT_EQ(static_cast<DtString const&>(s)[0], 'A');
    s = "aB1-z";
    s.toUpper();
    std::string const upper = s.stdString();
@@ -276,17 +257,14 @@ TEST(DtStringAccess, ConcatenationSubscriptsCaseSearchAndSharedEmpties)
 
 TEST(DtStringEdit, SnipsAndChomps)
 {
-   // Operations: f snipFront, F greedy snipFront, b snipBack, B greedy snipBack,
-   // < chompFront, > chompBack.
+   // f/F snipFront (F greedy), b/B snipBack (B greedy), < chompFront, > chompBack.
    // clang-format off
    std::tuple<char const*, char, char, bool, char const*> const rows[] = {
-       {"a/b/c", 'F', '/', true, "c"},   {"a/b/c", 'f', '/', true, "b/c"},
-       {"a/b/c", 'B', '/', true, "a"},   {"a/b/c", 'b', '/', true, "a/b"},
-       {"a/b/c", 'f', ':', false, "a/b/c"}, {"a/b/c", 'b', '\0', false, "a/b/c"},
-       {"a/", 'f', '/', true, ""},       {"/a", 'B', '/', true, ""},
+       {"a/b/c", 'F', '/', true, "c"}, {"a/b/c", 'f', '/', true, "b/c"}, {"a/b/c", 'B', '/', true, "a"},
+       {"a/b/c", 'b', '/', true, "a/b"}, {"a/b/c", 'f', ':', false, "a/b/c"},
+       {"a/b/c", 'b', '\0', false, "a/b/c"}, {"a/", 'f', '/', true, ""}, {"/a", 'B', '/', true, ""},
        {" \t\n x y \r\n", '<', 0, true, "x y \r\n"}, {"x y ", '<', 0, false, "x y "},
-       {" x y \r\n", '>', 0, true, " x y"},          {" x y", '>', 0, false, " x y"},
-       {"   ", '<', 0, true, ""},                    {" \t ", '>', 0, true, ""}};
+       {" x y \r\n", '>', 0, true, " x y"}, {" x y", '>', 0, false, " x y"}, {" \t ", '>', 0, true, ""}};
    // clang-format on
    for (auto const& [text, op, c, result, expected] : rows)
    {
@@ -305,10 +283,11 @@ TEST(DtStringEdit, SnipsAndChomps)
 TEST(DtStringSplit, TokenizeAndSection)
 {
    std::string const big(100, 'L');
-   std::pair<std::string, std::vector<std::string>> const rows[] = {
-       {"a,,b,", {"a", "", "b"}}, {",", {""}},       {"", {}},
-       {"abc", {"abc"}},          {",a", {"", "a"}}, {",,", {"", ""}},
-       {big + ",s", {big, "s"}}};
+   std::pair<std::string, std::vector<std::string>> const rows[] = {{"a,,b,", {"a", "", "b"}},
+                                                                    {",", {""}},
+                                                                    {"", {}},
+                                                                    {",,", {"", ""}},
+                                                                    {big + ",s", {big, "s"}}};
    // tokenize keeps leading and inner empty fields, not a trailing one.
    for (auto const& [text, expected] : rows)
    {
@@ -323,10 +302,8 @@ TEST(DtStringSplit, TokenizeAndSection)
 
    // section counts non-empty fields, but a negative index counts all of them.
    std::tuple<char const*, int, int, char const*> const sections[] = {
-       {"a,,b", 1, 1, "b"},    {"a,,b", 0, 1, "a,,b"}, {"a,,b", -1, -1, ""},
-       {"a,b,c", 1, 2, "b,c"}, {"a,b,c", -1, -1, "c"}, {"a,b,c", 0, -1, "a,b,c"},
-       {"a,b,c", 2, 1, ""},    {"", 0, 0, ""},         {",a,b", 0, 0, "a"},
-       {"a,b", 5, 9, ""}};
+       {"a,,b", 1, 1, "b"},    {"a,,b", 0, 1, "a,,b"}, {"a,,b", -1, -1, ""}, {"a,b,c", 1, 2, "b,c"},
+       {"a,b,c", -1, -1, "c"}, {"a,b,c", 2, 1, ""},    {",a,b", 0, 0, "a"},  {"a,b", 5, 9, ""}};
    for (auto const& [text, first, last, expected] : sections)
    {
       SCOPED_TRACE(::testing::Message() << text << " " << first << ".." << last);
@@ -340,8 +317,7 @@ namespace
 using Ok = int;
 constexpr Ok F = 0, T = 1, G = 2;
 
-// Checks one conversion's value (NaN matching NaN), then its flag with the
-// caller's preset both ways. errno is cleared first, since a stale value counts.
+// Checks the value (NaN matches NaN), then the flag with either preset.
 template <typename V>
 void expectConversion(char const* what, DtString const& s, V value, Ok ok,
                       V (DtString::*convert)(bool*) const)
@@ -363,26 +339,20 @@ void expectConversion(char const* what, DtString const& s, V value, Ok ok,
 TEST(DtStringConvert, Numbers)
 {
    double const nan = std::nan("");
-   // text, toInt and its flag, toUInt and its flag, toDouble and its flag
-   // (toFloat gives the same, narrowed, with the same flag).
+   // text, toInt, toUInt, toDouble (toFloat the same, narrowed), each with its flag.
    // clang-format off
    std::tuple<char const*, int, Ok, unsigned int, Ok, double, Ok> const rows[] = {
        {"",                      0,       F, 0u,          F, 0.0,          F},
-       {"   ",                   0,       F, 0u,          F, 0.0,          F},
-       {"+",                     0,       F, 0u,          F, 0.0,          F},
        {" x10",                  0,       F, 0u,          F, 0.0,          F},
        {"0",                     0,       T, 0u,          T, 0.0,          T},
-       {"007",                   7,       T, 7u,          T, 7.0,          T},
        {"010",                   10,      T, 10u,         T, 10.0,         T},
        {"-010",                  -8,      T, 0u,          T, -10.0,        T},
        {"+ 05",                  5,       T, 5u,          T, 5.0,          T},
        {"12abc",                 12,      T, 12u,         T, 12.0,         T},
        {"1.5",                   1,       T, 1u,          T, 1.5,          T},
        {"-1",                    -1,      T, 0u,          T, -1.0,         T},
-       {"3000000000",            INT_MIN, T, 3000000000u, T, 3e9,          T},
        {"4294967295",            INT_MIN, T, UINT_MAX,    T, 4294967295.0, T},
        {"4294967296",            INT_MIN, T, 0u,          T, 4294967296.0, T},
-       {"-99999999999999999999", INT_MIN, F, 0u,          F, -1e20,        T},
        {"18446744073709551616",  INT_MIN, F, 0u,          F, 0x1p64,       T},
        {"1e999",                 1,       T, 1u,          T, HUGE_VAL,     F},
        {"-1e999",                -1,      T, 0u,          T, -HUGE_VAL,    T},
@@ -390,7 +360,6 @@ TEST(DtStringConvert, Numbers)
        // Hexadecimal text is the bit pattern of a double.
        {"0x10",                  0,       T, 0u,          G, 0x10p-1074,   G},
        {"-0x10",                 -16,     T, 0u,          T, -16.0,        T},
-       {"0x4059000000000000",    100,     T, 100u,        G, 100.0,        G},
        {"0XC059000000000000",    -100,    T, 4294967196u, G, -100.0,       G},
        {"0x7ff8000000000000",    INT_MIN, T, 0u,          G, nan,          G}};
    // clang-format on
@@ -415,9 +384,8 @@ TEST(DtStringConvert, Numbers)
 TEST(DtStringConvert, ToBoolean)
 {
    std::tuple<char const*, bool, Ok> const rows[] = {
-       {"1", true, T},    {"0", false, T},   {"-1", true, T},
-       {"true", true, T}, {"TRUE", true, T}, {"False", false, T},
-       {"yes", false, F}, {"", false, F},    {"0x1", false, T}};
+       {"0", false, T},   {"-1", true, T}, {"TRUE", true, T}, {"False", false, T},
+       {"yes", false, F}, {"", false, F},  {"0x1", false, T}};
    for (auto const& [text, value, ok] : rows)
    {
       SCOPED_TRACE(text);
@@ -441,14 +409,13 @@ std::vector<std::string> extractAll(std::string const& input)
 
 TEST(DtStringStream, WordsQuotedPhrasesAndEndOfInput)
 {
-   // clang-format off
    std::pair<char const*, std::vector<std::string>> const rows[] = {
-       {"hello  world", {"hello", "world"}},      {"\"a   b\" c", {"a b", "c"}},
-       {"\"quoted\"", {"quoted"}},                {"\"", {""}},
-       {"\"\" x", {"", "x"}},                     {"\"a b \"", {"a b "}},
-       {"mid\"dle\"", {"mid\"dle\""}},            {"", {}},
+       {"hello  world", {"hello", "world"}},
+       {"\"\" x", {"", "x"}},
+       {"\"a b \"", {"a b "}},
+       {"mid\"dle\"", {"mid\"dle\""}},
+       {"", {}},
        {" \"one\ttwo\nthree\" x", {"one two three", "x"}}};
-   // clang-format on
    for (auto const& [input, expected] : rows)
    {
       SCOPED_TRACE(input);
@@ -458,13 +425,12 @@ TEST(DtStringStream, WordsQuotedPhrasesAndEndOfInput)
    out << DtString("shown") << '|';
    EXPECT_EQ(out.str(), "shown|");
 
-   std::istringstream in("   ");
-   DtString s("old");
-   EXPECT_FALSE(in >> s);
-   EXPECT_TRUE(s.isEmpty());
-
    // An unclosed phrase gives what was read, then the stream is done.
    std::istringstream open("x \"never   closed  ");
+   DtString s("old");
+   std::istringstream blank("   ");
+   EXPECT_FALSE(blank >> s);
+   EXPECT_TRUE(s.isEmpty());
    EXPECT_TRUE(open >> s && open >> s);
    EXPECT_TRUE(open.eof());
    EXPECT_STREQ(s.c_str(), "never closed");
@@ -474,7 +440,7 @@ TEST(DtStringStream, WordsQuotedPhrasesAndEndOfInput)
 TEST(DtStringStream, WordsLongerThanTheBufferArriveWhole)
 {
    int const size = DtString::theMaxInsertionStringSize;
-   for (int length : {size - 2, size - 1, size, size + 1, 2 * size - 2, 2 * size - 1, 3 * size})
+   for (int length : {size - 1, size, 2 * size - 1, 3 * size})
    {
       SCOPED_TRACE(length);
       std::string const word(static_cast<std::size_t>(length), 'w');
