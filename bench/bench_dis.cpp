@@ -148,33 +148,24 @@ Udp::socket openSender(asio::io_context& context)
 
 // ---------------------------------------------------------------- case 1
 
-void BM_PlainAsioReceive(benchmark::State& state)
+// Rounds that send with the timer paused and then time theBatch reads, each done
+// by `readOne`, which answers whether a PDU came.
+template <class Send, class ReadOne>
+void timedReads(benchmark::State& state, Send send, ReadOne readOne)
 {
-   asio::io_context context;
-   Udp::socket receiver(context, loopback(0));
-   receiver.set_option(asio::socket_base::receive_buffer_size(8 << 20));
-   receiver.non_blocking(true);
-   unsigned short const port = receiver.local_endpoint().port();
-   Udp::socket sender = openSender(context);
-   std::vector<char> const pdu = makePdu();
-   std::vector<char> buffer(65536);
-   Udp::endpoint from;
    long pdus = 0, misses = 0;
    for (auto _ : state)
    {
       state.PauseTiming();
-      sendBatch(sender, port, pdu, theBatch);
+      send();
       state.ResumeTiming();
       for (int i = 0; i < theBatch; ++i)
       {
-         boost::system::error_code error;
-         std::size_t const n = receiver.receive_from(asio::buffer(buffer), from, 0, error);
-         if (error)
+         if (!readOne())
          {
             ++misses;
             break;
          }
-         benchmark::DoNotOptimize(n);
          ++pdus;
       }
    }
@@ -182,35 +173,38 @@ void BM_PlainAsioReceive(benchmark::State& state)
    state.counters["misses"] = static_cast<double>(misses);
 }
 
+void BM_PlainAsioReceive(benchmark::State& state)
+{
+   asio::io_context context;
+   Udp::socket receiver(context, loopback(0));
+   receiver.set_option(asio::socket_base::receive_buffer_size(8 << 20));
+   receiver.non_blocking(true);
+   Udp::socket sender = openSender(context);
+   std::vector<char> const pdu = makePdu();
+   std::vector<char> buffer(65536);
+   Udp::endpoint from;
+   timedReads(
+       state, [&] { sendBatch(sender, receiver.local_endpoint().port(), pdu, theBatch); },
+       [&]
+       {
+          boost::system::error_code error;
+          benchmark::DoNotOptimize(receiver.receive_from(asio::buffer(buffer), from, 0, error));
+          return !error;
+       });
+}
+
 void BM_DisReceiveSinglePdu(benchmark::State& state)
 {
    DisReceiver rx;
    asio::io_context context;
    Udp::socket sender = openSender(context);
-   unsigned short const port = rx.socket.localPort();
    std::vector<char> const pdu = makePdu();
    std::vector<char> buffer(65536);
    DtInetSockChain chain(1, &buffer);
    DtInetEndpoint from(DtInetAddr("127.0.0.1"), 0, DtInetProtocolUdp);
-   long pdus = 0, misses = 0;
-   for (auto _ : state)
-   {
-      state.PauseTiming();
-      sendBatch(sender, port, pdu, theBatch);
-      state.ResumeTiming();
-      for (int i = 0; i < theBatch; ++i)
-      {
-         int const n = rx.socket.recvToChainFrom(chain, from, 0);
-         if (n <= 0)
-         {
-            ++misses;
-            break;
-         }
-         ++pdus;
-      }
-   }
-   state.SetItemsProcessed(pdus);
-   state.counters["misses"] = static_cast<double>(misses);
+   timedReads(
+       state, [&] { sendBatch(sender, rx.socket.localPort(), pdu, theBatch); },
+       [&] { return rx.socket.recvToChainFrom(chain, from, 0) > 0; });
 }
 
 // CPU time of the calling thread, system calls included.
@@ -342,29 +336,13 @@ void BM_UdpReceiveSinglePdu(benchmark::State& state)
    }
    asio::io_context context;
    Udp::socket sender = openSender(context);
-   unsigned short const port = rx.localPort();
    std::vector<char> const pdu = makePdu();
    std::vector<char> buffer(65536);
    DtInetSockChain chain(1, &buffer);
    DtInetEndpoint from(DtInetAddr("127.0.0.1"), 0, DtInetProtocolUdp);
-   long pdus = 0, misses = 0;
-   for (auto _ : state)
-   {
-      state.PauseTiming();
-      sendBatch(sender, port, pdu, theBatch);
-      state.ResumeTiming();
-      for (int i = 0; i < theBatch; ++i)
-      {
-         if (rx.recvToChainFrom(chain, from, 0) <= 0)
-         {
-            ++misses;
-            break;
-         }
-         ++pdus;
-      }
-   }
-   state.SetItemsProcessed(pdus);
-   state.counters["misses"] = static_cast<double>(misses);
+   timedReads(
+       state, [&] { sendBatch(sender, rx.localPort(), pdu, theBatch); },
+       [&] { return rx.recvToChainFrom(chain, from, 0) > 0; });
 }
 
 // ---------------------------------------------------------------- case 2
@@ -374,7 +352,6 @@ void BM_DisReceiveBundlesOf10(benchmark::State& state)
    DisReceiver rx;
    asio::io_context context;
    Udp::socket sender = openSender(context);
-   unsigned short const port = rx.socket.localPort();
    std::vector<char> bundle;
    for (int i = 0; i < theBundle; ++i)
    {
@@ -384,26 +361,9 @@ void BM_DisReceiveBundlesOf10(benchmark::State& state)
    std::vector<char> buffer(65536);
    DtInetSockChain chain(1, &buffer);
    DtInetEndpoint from(DtInetAddr("127.0.0.1"), 0, DtInetProtocolUdp);
-   int const datagrams = theBatch / theBundle;
-   long pdus = 0, misses = 0;
-   for (auto _ : state)
-   {
-      state.PauseTiming();
-      sendBatch(sender, port, bundle, datagrams);
-      state.ResumeTiming();
-      for (int i = 0; i < datagrams * theBundle; ++i)
-      {
-         int const n = rx.socket.recvToChainFrom(chain, from, 0);
-         if (n <= 0)
-         {
-            ++misses;
-            break;
-         }
-         ++pdus;
-      }
-   }
-   state.SetItemsProcessed(pdus);
-   state.counters["misses"] = static_cast<double>(misses);
+   timedReads(
+       state, [&] { sendBatch(sender, rx.socket.localPort(), bundle, theBatch / theBundle); },
+       [&] { return rx.socket.recvToChainFrom(chain, from, 0) > 0; });
 }
 
 // ---------------------------------------------------------------- case 3

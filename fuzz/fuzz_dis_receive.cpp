@@ -23,6 +23,7 @@ typedef std::vector<std::unique_ptr<std::vector<char>>> Buffers;
 struct ProbedSocket : DtDisSocket
 {
    using DtDisSocket::DtDisSocket;
+   using DtDisSocket::isPlainPdu;
    using DtDisSocket::isPlainSinglePdu;
 };
 
@@ -31,7 +32,7 @@ ProbedSocket& theSocket()
    // The warnings a malformed coupled PDU provokes would drown the fuzzer's output.
    DtNotifyLevel = -1;
    static ProbedSocket socket(DtInetEndpoint(DtInetAddr("127.0.0.1"), 3000, DtInetProtocolUdp), 0,
-                             nullptr, DtInetSockFlagsDefault, false, false);
+                              nullptr, DtInetSockFlagsDefault, false, false);
    return socket;
 }
 
@@ -130,9 +131,13 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, std::size_t size)
       int got = socket.getNextBundle(0, readChain, sender, &marker);
       if (marker == DtDisStatusFromQueue)
       {
+         bool const plainQueued = got > 0 && socket.isPlainPdu(readChain, got);
+         int const before = got;
          got = postReceive(socket, got, readChain, sender, marker);
          if (got > static_cast<int>(capacityOf(readChain)))
             __builtin_trap();
+         if (plainQueued && got != before)
+            __builtin_trap();  // the direct read would have handed it on whole
       }
    }
    return 0;

@@ -309,9 +309,12 @@ protected:
    int sendToAll(char const* operation, SendOne const& sendOne);
    // Whether a chain read may take the direct path (see recvToChainFrom).
    bool hasOwnReceivePipeline(unsigned int flags);
-   // True when the first buffer holds the whole datagram as one uncoupled PDU, no
-   // earlier PDU waits and every filter test passes everything: the walk and the
-   // tests would hand the datagram on unchanged.
+   // True when the first buffer holds `count` bytes that are one whole uncoupled PDU
+   // of at least the minimum size, and every filter test passes everything: the
+   // filter tests would hand it on unchanged.
+   bool isPlainPdu(DtInetSockChain const& chain, int count) const;
+   // The same for a datagram just read, with no earlier PDU waiting and no lock in
+   // use: the walk would not split it either.
    bool isPlainSinglePdu(DtInetSockChain const& chain, int count) const;
 
    DtDisSockPimpl* myDisPimpl;

@@ -643,10 +643,9 @@ bool DtDisSocket::hasOwnReceivePipeline(unsigned int flags)
           (flags & (DtInetSockCallNoPreCallbacks | DtInetSockCallNoPostCallbacks)) == 0;
 }
 
-bool DtDisSocket::isPlainSinglePdu(DtInetSockChain const& chain, int count) const
+bool DtDisSocket::isPlainPdu(DtInetSockChain const& chain, int count) const
 {
-   if (count < myMinPacketSize || count < DtDisPduHeaderSize || *myLockNeeded ||
-       !myUnbundledQueue.empty())
+   if (count < myMinPacketSize || count < DtDisPduHeaderSize)
       return false;
    std::vector<char> const* first = chain.front();
    if (!first || first->size() < static_cast<std::size_t>(count))
@@ -657,6 +656,11 @@ bool DtDisSocket::isPlainSinglePdu(DtInetSockChain const& chain, int count) cons
    return length == count && !coupled && myProtocolVersionTest.passesEverything() &&
           myExerciseIdTest.passesEverything() && myPduKindTest.passesEverything() &&
           myIpAddrTest.passesEverything();
+}
+
+bool DtDisSocket::isPlainSinglePdu(DtInetSockChain const& chain, int count) const
+{
+   return !*myLockNeeded && myUnbundledQueue.empty() && isPlainPdu(chain, count);
 }
 
 int DtDisSocket::recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& endpoint,
@@ -684,9 +688,12 @@ int DtDisSocket::recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& endpoin
    }
    countReceived(length);
 
-   // The common datagram: one PDU that every callback would hand on unchanged.
-   if (skipMarker == 0 && length > 0 && isPlainSinglePdu(chain, length) &&
-       !(mySuppressSelfReflect && endpoint == myLocalSenderEndpoint))
+   // The common cases: a datagram of one PDU, or a queued PDU, that every callback
+   // would hand on unchanged.
+   bool const plain = skipMarker == 0
+                          ? isPlainSinglePdu(chain, length)
+                          : skipMarker == DtInetSockResultFromQueue && isPlainPdu(chain, length);
+   if (length > 0 && plain && !(mySuppressSelfReflect && endpoint == myLocalSenderEndpoint))
       return length;
 
    int carry = skipMarker;
