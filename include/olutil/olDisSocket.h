@@ -128,8 +128,8 @@ public:
    // The inherited chain read through the receive callbacks. While the socket is
    // exactly a DtDisSocket and its receive lists hold only what the constructor
    // registered, the callbacks are called directly in their priority order, and a
-   // datagram of one PDU that every test passes skips the walk: same results, at
-   // close to the cost of a bare UDP read.
+   // datagram of one PDU, or a queued PDU, that every test passes skips the walk:
+   // same results, at close to the cost of a bare UDP read.
    int recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& endpoint,
                        unsigned int flags) override;
    // As inherited; a change to a receive list sends later reads the general way.
