@@ -291,9 +291,13 @@ protected:
    // Applies one option to the send socket after the base setter; see the setters.
    template <class Apply>
    bool applySendSockOption(bool baseResult, Apply const& apply, DtString const& text);
-   // The synchronous or asynchronous datagram send on the send socket.
-   int sendOnSendSocket(char const* data, std::size_t length, DtInetEndpoint& endpoint,
-                        char const* failurePrefix);
+   // Sends to the connected destination or `endpoint`: sendNow(udp, error) on the
+   // send socket, or sendLater(heap endpoint, error) through the background sender
+   // with DtInetSockFlagAsyncSend; failures are recorded with `failurePrefix`.
+   template <class SendNow, class SendLater>
+   int sendOnSendSocket(DtInetEndpoint& endpoint, char const* failurePrefix, SendNow const& sendNow,
+                        SendLater const& sendLater);
+   // The transmit step of the send pipeline on the send socket.
    int transmitOnSendSocket(DtInetSockChain& chain, DtInetEndpoint& endpoint);
    bool changeSendSockGroup(bool join, DtInetAddr const& group, DtInetDevice* device);
    // Sends one pending bundle without touching the map.

@@ -4,7 +4,8 @@
 //
 // Small operations on chains (vectors of pointers to caller-owned byte vectors) that
 // the sockets, their background queues and the DIS callbacks share: the byte count of
-// a chain, scattering bytes across its buffers, and gathering it into one vector.
+// a chain, scattering bytes across its buffers, gathering it into one vector, and its
+// buffers as one sequence for a gathered or scattered system call.
 //
 //===----------------------------------------------------------------------===//
 #ifndef OLUTIL_OLINETSOCKETUTILS_H
@@ -12,6 +13,9 @@
 
 #include <cstddef>
 #include <vector>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/container/small_vector.hpp>
 
 #include <olutil/olInetSocket.h>
 
@@ -25,5 +29,19 @@ bool DtInetSockCopyToChain(char const* data, std::size_t length, DtInetSockChain
 
 // Replaces `target` with the chain's bytes, in order, as one datagram.
 void DtInetSockGatherChain(DtInetSockChain const& chain, std::vector<char>& target);
+
+// The chain's non-empty buffers as a sequence of Buffer (boost::asio::const_buffer to
+// send, mutable_buffer to receive) for one system call; short chains need no heap.
+template <class Buffer>
+boost::container::small_vector<Buffer, 16> DtInetSockChainBuffers(DtInetSockChain const& chain)
+{
+   boost::container::small_vector<Buffer, 16> buffers;
+   for (std::vector<char>* buffer : chain)
+   {
+      if (buffer && !buffer->empty())
+         buffers.emplace_back(buffer->data(), buffer->size());
+   }
+   return buffers;
+}
 
 #endif  // OLUTIL_OLINETSOCKETUTILS_H

@@ -144,6 +144,10 @@ protected:
    // False, with nothing recorded, when the socket is closed.
    template <class Apply>
    bool applyToSocket(DtInetBoostUdpSocket* socket, Apply const& apply, DtString const& text);
+   // Reads one option of the main socket: its value, or `failed` after a recorded
+   // failure or on a closed socket.
+   template <class Option, class Value>
+   Value readOption(char const* failureText, Value failed);
    // The interface for joining or dropping `group`, as the group operations choose it.
    bool findGroupInterface(DtInetAddr const& group, DtInetDevice* device,
                            DtInetAddr& interfaceAddress, unsigned int& interfaceIndex);

@@ -1,6 +1,8 @@
 // The asynchronous sender of DtDisSocket.
 #include "olDisSockPimpl.h"
 
+#include <olutil/olInetSocketUtils.h>
+
 #include <boost/asio/post.hpp>
 #include <boost/thread/barrier.hpp>
 
@@ -71,16 +73,8 @@ int DtDisSockPimpl::asyncSendTo(std::vector<char>* buffer, Endpoint* endpoint,
 int DtDisSockPimpl::asyncSendChainTo(DtInetSockChain const& chain, Endpoint* endpoint,
                                      boost::system::error_code& error)
 {
-   std::size_t total = 0;
-   for (std::vector<char> const* buffer : chain)
-      total += buffer ? buffer->size() : 0;
    std::vector<char>* joined = new std::vector<char>();
-   joined->reserve(total);
-   for (std::vector<char> const* buffer : chain)
-   {
-      if (buffer)
-         joined->insert(joined->end(), buffer->begin(), buffer->end());
-   }
+   DtInetSockGatherChain(chain, *joined);
    return asyncSendTo(joined, endpoint, error);
 }
 

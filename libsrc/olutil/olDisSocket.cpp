@@ -2,7 +2,6 @@
 #include <olutil/olDisSocket.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <typeinfo>
 
@@ -14,6 +13,7 @@
 
 #include <olutil/olInetAddr.h>
 #include <olutil/olInetDevice.h>
+#include <olutil/olInetSocketUtils.h>
 #include <olutil/olPrint.h>
 
 #include "olDisSockPimpl.h"
@@ -31,14 +31,6 @@ unsigned int const theSendFlags = DtInetSockFlagSend | DtInetSockFlagAsyncSend;
 std::size_t bufferSize(std::vector<char> const* buffer)
 {
    return buffer ? buffer->size() : 0;
-}
-
-std::size_t chainSize(DtInetSockChain const& chain)
-{
-   std::size_t total = 0;
-   for (std::vector<char> const* buffer : chain)
-      total += bufferSize(buffer);
-   return total;
 }
 
 // Copies up to 12 header bytes starting `offset` bytes into *it, across the
@@ -452,8 +444,9 @@ int DtDisSocket::sendChain(DtInetSockChain& chain, unsigned int flags)
 
 // ---------------------------------------------------------------- send paths
 
-int DtDisSocket::sendOnSendSocket(char const* data, std::size_t length, DtInetEndpoint& endpoint,
-                                  char const* failurePrefix)
+template <class SendNow, class SendLater>
+int DtDisSocket::sendOnSendSocket(DtInetEndpoint& endpoint, char const* failurePrefix,
+                                  SendNow const& sendNow, SendLater const& sendLater)
 {
    DtInetEndpoint& target = (myState == DtInetSockStateConnected) ? myDestination : endpoint;
    if (target.protocol() == DtInetProtocolUnspecified)
@@ -462,22 +455,13 @@ int DtDisSocket::sendOnSendSocket(char const* data, std::size_t length, DtInetEn
    boost::system::error_code error;
    int result = -1;
    if (!udp)
-   {
       error = boost::asio::error::invalid_argument;
-   }
-   else if (myFlags & DtInetSockFlagAsyncSend)
-   {
-      if (myDisPimpl && myDisPimpl->running())
-         result = myDisPimpl->asyncSendTo(new std::vector<char>(data, data + length),
-                                          new boost::asio::ip::udp::endpoint(*udp), error);
-      else
-         error = boost::asio::error::not_connected;
-   }
+   else if (!(myFlags & DtInetSockFlagAsyncSend))
+      result = static_cast<int>(sendNow(*udp, error));
+   else if (myDisPimpl && myDisPimpl->running())
+      result = sendLater(new boost::asio::ip::udp::endpoint(*udp), error);
    else
-   {
-      result = static_cast<int>(
-          mySendSocket->send_to(boost::asio::buffer(data, length), *udp, 0, error));
-   }
+      error = boost::asio::error::not_connected;
    if (error)
    {
       DtScopedLock lock(mySocketMutex, *myLockNeeded);
@@ -511,8 +495,14 @@ int DtDisSocket::sendTo(char* buffer, unsigned long length, DtInetEndpoint& endp
       recordLockedFailure(95, theSendSockNotInitialized);
       return -1;
    }
-   int const sent =
-       sendOnSendSocket(buffer, length, endpoint, "DtDisSocket::send()/sendTo() failed from ");
+   int const sent = sendOnSendSocket(
+       endpoint, "DtDisSocket::send()/sendTo() failed from ",
+       [&](boost::asio::ip::udp::endpoint const& udp, boost::system::error_code& error)
+       { return mySendSocket->send_to(boost::asio::buffer(buffer, length), udp, 0, error); },
+       [&](boost::asio::ip::udp::endpoint* udp, boost::system::error_code& error) {
+          return myDisPimpl->asyncSendTo(new std::vector<char>(buffer, buffer + length), udp,
+                                         error);
+       });
    if (sent > 0)
    {
       ++myTotalPacketsSent;
@@ -523,65 +513,15 @@ int DtDisSocket::sendTo(char* buffer, unsigned long length, DtInetEndpoint& endp
 
 int DtDisSocket::transmitOnSendSocket(DtInetSockChain& chain, DtInetEndpoint& endpoint)
 {
-   static char const* const failurePrefix = "DtDisSocket::sendChain()/sendChainTo() failed from ";
-   if (chain.size() == 1 && chain.front())
-      return sendOnSendSocket(chain.front()->data(), chain.front()->size(), endpoint,
-                              failurePrefix);
-
-   DtInetEndpoint& target = (myState == DtInetSockStateConnected) ? myDestination : endpoint;
-   if (target.protocol() == DtInetProtocolUnspecified)
-      target.setProtocol(DtInetProtocolUdp);
-   boost::asio::ip::udp::endpoint const* udp = target.udpEndpoint();
-   boost::system::error_code error;
-   int result = -1;
-   if (!udp)
-   {
-      error = boost::asio::error::invalid_argument;
-   }
-   else if (myFlags & DtInetSockFlagAsyncSend)
-   {
-      if (myDisPimpl && myDisPimpl->running())
-         result =
-             myDisPimpl->asyncSendChainTo(chain, new boost::asio::ip::udp::endpoint(*udp), error);
-      else
-         error = boost::asio::error::not_connected;
-   }
-   else
-   {
-      // One gathered send; short chains need no heap for the buffer list.
-      std::array<boost::asio::const_buffer, 16> small;
-      std::vector<boost::asio::const_buffer> large;
-      if (chain.size() <= small.size())
-      {
-         std::size_t i = 0;
-         for (std::vector<char> const* buffer : chain)
-         {
-            if (buffer)
-               small[i++] = boost::asio::buffer(*buffer);
-         }
-         for (; i < small.size(); ++i)
-            small[i] = boost::asio::const_buffer();
-         result = static_cast<int>(mySendSocket->send_to(small, *udp, 0, error));
-      }
-      else
-      {
-         for (std::vector<char> const* buffer : chain)
-         {
-            if (buffer)
-               large.push_back(boost::asio::buffer(*buffer));
-         }
-         result = static_cast<int>(mySendSocket->send_to(large, *udp, 0, error));
-      }
-   }
-   if (error)
-   {
-      DtScopedLock lock(mySocketMutex, *myLockNeeded);
-      recordError(error.value(), DtString(failurePrefix) + myLocalSenderEndpoint.toDtString() +
-                                     " to " + target.toDtString() + "\n" +
-                                     DtString(error.message()));
-      return (myNonBlocking && error.value() == 11) ? 0 : -1;
-   }
-   return result;
+   return sendOnSendSocket(
+       endpoint, "DtDisSocket::sendChain()/sendChainTo() failed from ",
+       [&](boost::asio::ip::udp::endpoint const& udp, boost::system::error_code& error)
+       {
+          return mySendSocket->send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain),
+                                       udp, 0, error);
+       },
+       [&](boost::asio::ip::udp::endpoint* udp, boost::system::error_code& error)
+       { return myDisPimpl->asyncSendChainTo(chain, udp, error); });
 }
 
 int DtDisSocket::sendChainTo(DtInetSockChain& chain, DtInetEndpoint& endpoint, unsigned int flags)
@@ -1161,20 +1101,8 @@ int DtDisSocket::getNextBundle(int count, DtInetSockChain& chain, DtInetEndpoint
 
    PduQueue::value_type& front = myUnbundledQueue.front();
    std::vector<char> const& pdu = *front.second;
-   std::size_t copied = 0;
-   for (std::vector<char>* buffer : chain)
-   {
-      if (copied == pdu.size())
-         break;
-      std::size_t const piece = std::min(bufferSize(buffer), pdu.size() - copied);
-      if (piece == 0)
-         continue;
-      std::memcpy(buffer->data(), pdu.data() + copied, piece);
-      copied += piece;
-   }
-
    int result = 0;
-   if (copied < pdu.size())
+   if (!DtInetSockCopyToChain(pdu.data(), pdu.size(), chain))
    {
       // Like a datagram too big for the caller's buffer, the PDU is lost; keeping
       // it would stall every later read on the same chain.
@@ -1463,7 +1391,7 @@ int DtDisSocket::flushBundle(DtInetSocket* socket, int count, DtInetSockChain& c
       return count;
    if (dis->flushBundle(endpoint) == -1)
       return -1;
-   return count > 0 ? static_cast<int>(chainSize(chain)) : count;
+   return count > 0 ? static_cast<int>(DtInetSockChainSize(chain)) : count;
 }
 
 // ---------------------------------------------------------------- bundling
@@ -1493,7 +1421,7 @@ int DtDisSocket::sendBundle(DtInetEndpoint const& endpoint, DtInetSockChain& bun
 int DtDisSocket::addToBundle(int, DtInetSockChain& chain, DtInetEndpoint& endpoint)
 {
    DtScopedLock lock(mySocketMutex, *myLockNeeded);
-   std::size_t const total = chainSize(chain);
+   std::size_t const total = DtInetSockChainSize(chain);
    long const maximum = myMaxBundleSize;
 
    BundleMap::iterator found = myPendingBundles.find(endpoint);
@@ -1519,16 +1447,8 @@ int DtDisSocket::addToBundle(int, DtInetSockChain& chain, DtInetEndpoint& endpoi
       return 0;
    }
 
-   std::vector<char>* copy = takePduBuffer(total);
-   std::size_t at = 0;
-   for (std::vector<char> const* buffer : chain)
-   {
-      if (buffer && !buffer->empty())
-      {
-         std::memcpy(copy->data() + at, buffer->data(), buffer->size());
-         at += buffer->size();
-      }
-   }
+   std::vector<char>* copy = takePduBuffer(0);
+   DtInetSockGatherChain(chain, *copy);
 
    if (found != myPendingBundles.end())
    {

@@ -296,8 +296,9 @@ bool DtInetUdpSockPimpl::popReceived(Entry& entry, double& time)
    return true;
 }
 
-int DtInetUdpSockPimpl::getFromReceiveQueue(char* buffer, unsigned long length, Endpoint& sender,
-                                            boost::system::error_code& error, double& time)
+template <class Copy>
+int DtInetUdpSockPimpl::takeReceived(Endpoint& sender, boost::system::error_code& error,
+                                     double& time, Copy const& copy)
 {
    if (hasStoredError())
    {
@@ -308,14 +309,12 @@ int DtInetUdpSockPimpl::getFromReceiveQueue(char* buffer, unsigned long length, 
    if (!popReceived(entry, time))
       return 0;
 
-   // The entry is gone either way: a datagram too big for the caller's buffer is lost,
-   // and the next call gets the next one.
+   // The entry is gone either way: a datagram too big for the caller's buffers is
+   // lost, and the next call gets the next one.
    int result = DtInetSockResultNoFit;
    std::vector<char> const& data = *entry.second;
-   if (data.size() <= length)
+   if (copy(data))
    {
-      if (!data.empty())
-         std::memcpy(buffer, data.data(), data.size());
       sender = *static_cast<Endpoint*>(entry.first);
       result = static_cast<int>(data.size());
    }
@@ -323,27 +322,26 @@ int DtInetUdpSockPimpl::getFromReceiveQueue(char* buffer, unsigned long length, 
    return result;
 }
 
+int DtInetUdpSockPimpl::getFromReceiveQueue(char* buffer, unsigned long length, Endpoint& sender,
+                                            boost::system::error_code& error, double& time)
+{
+   return takeReceived(sender, error, time,
+                       [buffer, length](std::vector<char> const& data)
+                       {
+                          if (data.size() > length)
+                             return false;
+                          if (!data.empty())
+                             std::memcpy(buffer, data.data(), data.size());
+                          return true;
+                       });
+}
+
 int DtInetUdpSockPimpl::getFromReceiveQueue(DtInetSockChain& chain, Endpoint& sender,
                                             boost::system::error_code& error, double& time)
 {
-   if (hasStoredError())
-   {
-      error = myStoredError;
-      return DtInetSockResultFailed;
-   }
-   Entry entry;
-   if (!popReceived(entry, time))
-      return 0;
-
-   int result = DtInetSockResultNoFit;
-   std::vector<char> const& data = *entry.second;
-   if (DtInetSockCopyToChain(data.data(), data.size(), chain))
-   {
-      sender = *static_cast<Endpoint*>(entry.first);
-      result = static_cast<int>(data.size());
-   }
-   freeEntry(entry);
-   return result;
+   return takeReceived(sender, error, time,
+                       [&chain](std::vector<char> const& data)
+                       { return DtInetSockCopyToChain(data.data(), data.size(), chain); });
 }
 
 void DtInetUdpSockPimpl::freeEntry(Entry const& entry)

@@ -99,6 +99,11 @@ private:
    void storeError(boost::system::error_code const& error);
    // Pops the oldest received entry and its time in one step; false when none waits.
    bool popReceived(Entry& entry, double& time);
+   // The two receive-queue reads: the stored error, else the oldest entry handed to
+   // copy(data), which answers whether it fitted.
+   template <class Copy>
+   int takeReceived(Endpoint& sender, boost::system::error_code& error, double& time,
+                    Copy const& copy);
    void drainSends();
    static void freeEntry(Entry const& entry);
    static void clearQueue(DtThreadSafe<Queue>& queue);

@@ -112,21 +112,6 @@ bool isBroadcastOrMulticast(DtInetEndpoint const& endpoint)
    return address.isBroadcast() || address.isMulticast();
 }
 
-// The gathered or scattered form of a chain for one system call. A single buffer is
-// passed as it is; longer chains go through a small vector.
-template <class Buffer, class Chain>
-std::vector<Buffer> chainBuffers(Chain& chain)
-{
-   std::vector<Buffer> buffers;
-   buffers.reserve(chain.size());
-   for (auto* buffer : chain)
-   {
-      if (buffer && !buffer->empty())
-         buffers.emplace_back(buffer->data(), buffer->size());
-   }
-   return buffers;
-}
-
 }  // namespace
 
 // ------------------------------------------------------------------ construction
@@ -653,7 +638,7 @@ int DtInetUdpSocket::transmitChain(DtInetSockChain& chain, DtInetEndpoint& targe
    }
    else
    {
-      result = static_cast<int>(myUdpSocket->send_to(chainBuffers<boost::asio::const_buffer>(chain),
+      result = static_cast<int>(myUdpSocket->send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain),
                                                      boostEndpoint(target), 0, error));
    }
    if (error)
@@ -794,7 +779,7 @@ int DtInetUdpSocket::readChain(DtInetSockChain& chain, DtInetEndpoint& sender,
       else
       {
          capacity = DtInetSockChainSize(chain);
-         bytes = mySecondUdpSocket->receive_from(chainBuffers<boost::asio::mutable_buffer>(chain),
+         bytes = mySecondUdpSocket->receive_from(DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain),
                                                  from, MSG_TRUNC, error);
       }
       if (!error)
@@ -852,19 +837,24 @@ auto setter(DtInetBoostUdpSocket* socket, Option const& option)
    return [socket, option](ErrorCode& error) { socket->set_option(option, error); };
 }
 
-// Reads a Boost socket option through the error-code form.
-template <class Option>
-auto getter(DtInetBoostUdpSocket* socket, Option& option)
-{
-   return [socket, &option](ErrorCode& error) { socket->get_option(option, error); };
-}
-
 std::string sizeText(char const* what, unsigned int value)
 {
    return std::string(what) + std::to_string(value);
 }
 
 }  // namespace
+
+template <class Option, class Value>
+Value DtInetUdpSocket::readOption(char const* failureText, Value failed)
+{
+   Option option;
+   DtInetBoostUdpSocket* socket = myUdpSocket;
+   return applyToSocket(
+              socket, [socket, &option](ErrorCode& error) { socket->get_option(option, error); },
+              failureText)
+              ? static_cast<Value>(option.value())
+              : failed;
+}
 
 bool DtInetUdpSocket::setBroadcastOption(bool enable)
 {
@@ -956,64 +946,44 @@ bool DtInetUdpSocket::setMcastTtlOption(unsigned int ttl)
 
 bool DtInetUdpSocket::getBroadcastOption()
 {
-   boost::asio::socket_base::broadcast option;
-   return applyToSocket(myUdpSocket, getter(myUdpSocket, option),
-                        "DtInetUdpSocket::getBroadcastOption(): Error reading broadcast") &&
-          option.value();
+   return readOption<boost::asio::socket_base::broadcast>(
+       "DtInetUdpSocket::getBroadcastOption(): Error reading broadcast", false);
 }
 
 bool DtInetUdpSocket::getReuseAddressOption()
 {
-   boost::asio::socket_base::reuse_address option;
-   return applyToSocket(myUdpSocket, getter(myUdpSocket, option),
-                        "DtInetUdpSocket::getReuseAddressOption(): Error reading address reuse") &&
-          option.value();
+   return readOption<boost::asio::socket_base::reuse_address>(
+       "DtInetUdpSocket::getReuseAddressOption(): Error reading address reuse", false);
 }
 
 bool DtInetUdpSocket::getDoNotRouteOption()
 {
-   boost::asio::socket_base::do_not_route option;
-   return applyToSocket(myUdpSocket, getter(myUdpSocket, option),
-                        "DtInetUdpSocket::getDoNotRouteOption(): Error reading do-not-route") &&
-          option.value();
+   return readOption<boost::asio::socket_base::do_not_route>(
+       "DtInetUdpSocket::getDoNotRouteOption(): Error reading do-not-route", false);
 }
 
 int DtInetUdpSocket::getSendBufferSize()
 {
-   boost::asio::socket_base::send_buffer_size option;
-   return applyToSocket(myUdpSocket, getter(myUdpSocket, option),
-                        "DtInetUdpSocket::getSendBufferSize(): Error reading send buffer size")
-              ? option.value()
-              : -1;
+   return readOption<boost::asio::socket_base::send_buffer_size>(
+       "DtInetUdpSocket::getSendBufferSize(): Error reading send buffer size", -1);
 }
 
 int DtInetUdpSocket::getReceiveBufferSize()
 {
-   boost::asio::socket_base::receive_buffer_size option;
-   return applyToSocket(
-              myUdpSocket, getter(myUdpSocket, option),
-              "DtInetUdpSocket::getReceiveBufferSize(): Error reading receive buffer size")
-              ? option.value()
-              : -1;
+   return readOption<boost::asio::socket_base::receive_buffer_size>(
+       "DtInetUdpSocket::getReceiveBufferSize(): Error reading receive buffer size", -1);
 }
 
 int DtInetUdpSocket::getSendLowWatermark()
 {
-   boost::asio::socket_base::send_low_watermark option;
-   return applyToSocket(myUdpSocket, getter(myUdpSocket, option),
-                        "DtInetUdpSocket::getSendLowWatermark(): Error reading send low watermark")
-              ? option.value()
-              : -1;
+   return readOption<boost::asio::socket_base::send_low_watermark>(
+       "DtInetUdpSocket::getSendLowWatermark(): Error reading send low watermark", -1);
 }
 
 int DtInetUdpSocket::getReceiveLowWatermark()
 {
-   boost::asio::socket_base::receive_low_watermark option;
-   return applyToSocket(
-              myUdpSocket, getter(myUdpSocket, option),
-              "DtInetUdpSocket::getReceiveLowWatermark(): Error reading receive low watermark")
-              ? option.value()
-              : -1;
+   return readOption<boost::asio::socket_base::receive_low_watermark>(
+       "DtInetUdpSocket::getReceiveLowWatermark(): Error reading receive low watermark", -1);
 }
 
 int DtInetUdpSocket::getBytesAvailable()
