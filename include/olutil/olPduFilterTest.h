@@ -65,7 +65,7 @@ public:
    // empty. Lets a caller skip the call on the common path.
    bool passesEverything() const
    {
-      return myOperator == DtPduTestRejectListed && myValues.first() == nullptr;
+      return myOperator == DtPduTestRejectListed && myValues.isEmpty();
    }
 
    DtPduTestOperator getOperator() const { return myOperator; }

@@ -149,27 +149,29 @@ DtDisSocket::DtDisSocket(DtInetEndpoint const& destination, unsigned short local
       myAttributePduStrategy(DtAttributePduHonour),
       myReceivePath(ReceivePathUnknown)
 {
+   // Registered on the base lists directly: these are the lists the direct read path
+   // stands for.
    if (mySuppressSelfReflect)
    {
       myDisIoContext = new boost::asio::io_context();
       mySendSocket = new DtInetBoostUdpSocket(*myDisIoContext);
       myDisPimpl = new DtDisSockPimpl(myDisIoContext, this);
       myLocalSenderEndpoint.setPort(localPort);
-      addProcessingCallback(DtInetSockPostReceive,
-                            static_cast<DtInetSockProcessingCb>(&DtDisSocket::suppressSelfReflect),
-                            this, 2);
+      DtInetUdpSocket::addProcessingCallback(
+          DtInetSockPostReceive,
+          static_cast<DtInetSockProcessingCb>(&DtDisSocket::suppressSelfReflect), this, 2);
    }
-   addProcessingCallback(DtInetSockPostReceive,
-                         static_cast<DtInetSockProcessingCb>(&DtDisSocket::unbundle), this, 5);
-   addProcessingCallback(DtInetSockPreReceive,
-                         static_cast<DtInetSockProcessingCb>(&DtDisSocket::getNextBundle), this, 1);
-   addProcessingCallback(DtInetSockPostReceive,
-                         static_cast<DtInetSockProcessingCb>(&DtDisSocket::minSizeFilter), this, 1);
-   addProcessingCallback(DtInetSockPostReceive,
-                         static_cast<DtInetSockProcessingCb>(&DtDisSocket::filterExercisePdus),
-                         this, 7);
-   // The registrations above are the lists the direct read path stands for.
-   myReceivePath = ReceivePathUnknown;
+   DtInetUdpSocket::addProcessingCallback(
+       DtInetSockPostReceive, static_cast<DtInetSockProcessingCb>(&DtDisSocket::unbundle), this, 5);
+   DtInetUdpSocket::addProcessingCallback(
+       DtInetSockPreReceive, static_cast<DtInetSockProcessingCb>(&DtDisSocket::getNextBundle), this,
+       1);
+   DtInetUdpSocket::addProcessingCallback(
+       DtInetSockPostReceive, static_cast<DtInetSockProcessingCb>(&DtDisSocket::minSizeFilter),
+       this, 1);
+   DtInetUdpSocket::addProcessingCallback(
+       DtInetSockPostReceive, static_cast<DtInetSockProcessingCb>(&DtDisSocket::filterExercisePdus),
+       this, 7);
    myOpenOnConstruction = openNow;
    if (openNow)
       openSocket();
@@ -758,17 +760,7 @@ bool DtDisSocket::setReceiveLowWatermark(unsigned int size)
 
 bool DtDisSocket::setMcastTtlOption(unsigned int ttl)
 {
-   bool base = false;
-   try
-   {
-      base = DtInetUdpSocket::setMcastTtlOption(ttl);
-   }
-   catch (std::exception const& e)
-   {
-      // The receiving socket's setter can let Boost's range check escape for a hop
-      // count beyond 255; a socket reports that as a failure instead.
-      recordLockedFailure(22, DtString("DtDisSocket::setMcastTtlOption(): ") + e.what());
-   }
+   bool const base = DtInetUdpSocket::setMcastTtlOption(ttl);
    return applySendSockOption(
        base,
        [ttl](DtInetBoostUdpSocket& s, boost::system::error_code& e)
@@ -1142,15 +1134,9 @@ int DtDisSocket::unbundle(int count, DtInetSockChain& chain, DtInetEndpoint& end
       int size = getPduSize(positionOf(it, offset, end), offset, it, end, status, &coupled, false);
       if (size == count)
          return result;  // a datagram of one PDU: nothing to split, nothing to copy
-      unsigned int const alignment = receiveBundleByteAlignment(byteAt(it, offset, end));
       if (size == 0)
       {
          result = count = 0;
-      }
-      else if (size == count)
-      {
-         // A datagram of one PDU: nothing to split, nothing to copy.
-         count = 0;
       }
       else if (size > count)
       {
@@ -1160,6 +1146,7 @@ int DtDisSocket::unbundle(int count, DtInetSockChain& chain, DtInetEndpoint& end
       }
       else
       {
+         unsigned int const alignment = receiveBundleByteAlignment(byteAt(it, offset, end));
          unsigned int padding = alignedPadding(static_cast<unsigned int>(size), alignment);
          if (coupled)
          {

@@ -332,15 +332,10 @@ int DtInetSocket::runSendPipeline(DtInetProtocol rules, DtInetSockChain& chain,
          return sent;
    }
 
-   if (datagram)
-   {
-      // Every datagram call that gets here counts as one packet, also when a callback
-      // absorbed it and nothing went out: bundling statistics depend on it.
-      ++myTotalPacketsSent;
-      if (sent > 0)
-         myTotalBytesSent += static_cast<std::uint64_t>(sent);
-   }
-   else if (sent != 0)
+   // Every datagram call that gets here counts as one packet, also when a callback
+   // absorbed it and nothing went out: bundling statistics depend on it. A stream
+   // counts only what moved.
+   if (datagram || sent != 0)
    {
       ++myTotalPacketsSent;
       if (sent > 0)

@@ -638,8 +638,9 @@ int DtInetUdpSocket::transmitChain(DtInetSockChain& chain, DtInetEndpoint& targe
    }
    else
    {
-      result = static_cast<int>(myUdpSocket->send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain),
-                                                     boostEndpoint(target), 0, error));
+      result = static_cast<int>(
+          myUdpSocket->send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain),
+                               boostEndpoint(target), 0, error));
    }
    if (error)
    {
@@ -700,13 +701,9 @@ int DtInetUdpSocket::readBuffer(char* buffer, unsigned long length, DtInetEndpoi
    }
    if (result < 0)
       return result;
-   if (result > 0)
-   {
-      if (sender)
-         storeSender(from, *sender);
-      ++myTotalPacketsReceived;
-      myTotalBytesReceived += static_cast<std::uint64_t>(result);
-   }
+   if (result > 0 && sender)
+      storeSender(from, *sender);
+   countReceived(result);
    return result;
 }
 
@@ -718,10 +715,7 @@ int DtInetUdpSocket::readChainWithoutCallbacks(DtInetSockChain& chain, DtInetEnd
       return DtInetSockResultNoFit;
    int const length = readChain(chain, sender, failureText);
    if (length > 0)
-   {
-      ++myTotalPacketsReceived;
-      myTotalBytesReceived += static_cast<std::uint64_t>(length);
-   }
+      countReceived(length);
    return length;
 }
 
@@ -779,8 +773,8 @@ int DtInetUdpSocket::readChain(DtInetSockChain& chain, DtInetEndpoint& sender,
       else
       {
          capacity = DtInetSockChainSize(chain);
-         bytes = mySecondUdpSocket->receive_from(DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain),
-                                                 from, MSG_TRUNC, error);
+         bytes = mySecondUdpSocket->receive_from(
+             DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain), from, MSG_TRUNC, error);
       }
       if (!error)
       {
