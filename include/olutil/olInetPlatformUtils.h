@@ -34,8 +34,7 @@ public:
    {
       DtProcReadOk = 0,
       DtProcReadCannotOpen = 1,
-      DtProcReadParseError = 2,  ///< a line did not give every field
-      DtProcReadNoMemory = 3
+      DtProcReadParseError = 2  ///< a line did not give every field
    };
 
    /// Runs one SIOCGIF* request for interface `name` on `socket`, `out`
@@ -63,6 +62,28 @@ public:
 
 private:
    DtInetPlatformUtils() = delete;
+};
+
+/// The two query sockets (IPv4, IPv6) and both interface tables of one lookup or
+/// scan, fetched on construction and released together. A socket that could not
+/// be made is -1; hasIpv4/hasIpv6 say whether a table was fetched.
+class DtInetInterfaceTables
+{
+public:
+   /// `recordSize` and `multiplier` start the IPv4 table's trial growth; the IPv6
+   /// table starts at one record with the same multiplier.
+   explicit DtInetInterfaceTables(unsigned int recordSize = sizeof(ifreq),
+                                  unsigned int multiplier = 3);
+   ~DtInetInterfaceTables();
+   DtInetInterfaceTables(DtInetInterfaceTables const&) = delete;
+   DtInetInterfaceTables& operator=(DtInetInterfaceTables const&) = delete;
+
+   int ipv4Socket;
+   int ipv6Socket;
+   ifconf ipv4Table;
+   ifconf ipv6Table;
+   bool hasIpv4;
+   bool hasIpv6;
 };
 
 #endif  // OLUTIL_OLINETPLATFORMUTILS_H

@@ -65,27 +65,6 @@ int scopeLevelOf(DtInetAddr const& address)
    return DtInetIpv6ScopeGlobal;
 }
 
-class DtQuerySockets
-{
-public:
-   DtQuerySockets()
-       : ipv4(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
-         ipv6(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-   {
-   }
-   ~DtQuerySockets()
-   {
-      if (ipv4 >= 0)
-         close(ipv4);
-      if (ipv6 >= 0)
-         close(ipv6);
-   }
-   DtQuerySockets(DtQuerySockets const&) = delete;
-   DtQuerySockets& operator=(DtQuerySockets const&) = delete;
-   int ipv4;
-   int ipv6;
-};
-
 }  // namespace
 
 // ------------------------------------------------------------------ construction
@@ -356,19 +335,7 @@ void DtInetDevice::readIpv6Groups()
 
 void DtInetDevice::scanDeviceByName(DtString const& text)
 {
-   DtQuerySockets sockets;
-   ifconf ipv4Table, ipv6Table;
-   memset(&ipv4Table, 0, sizeof ipv4Table);
-   memset(&ipv6Table, 0, sizeof ipv6Table);
-   DtString ignored;
-   unsigned int size = myRecordSize, multiplier = mySizeMultiplier;
-   bool hasIpv4 = sockets.ipv4 >= 0 &&
-                  DtInetUtils::fetchDeviceInfo(DtInetUtils::DtInetFamilyIPv4, sockets.ipv4,
-                                               &ipv4Table, size, multiplier, ignored) == 0;
-   size = sizeof(ifreq_in6);
-   multiplier = mySizeMultiplier;
-   bool hasIpv6 =
-       DtInetUtils::fetchIpv6DeviceInfo(sockets.ipv6, &ipv6Table, size, multiplier, ignored) == 0;
+   DtInetInterfaceTables tables(myRecordSize, mySizeMultiplier);
 
    DtString host, portOrMask;
    int kind = 0;
@@ -379,12 +346,12 @@ void DtInetDevice::scanDeviceByName(DtString const& text)
       ifreq* record = nullptr;
       if (inet_pton(AF_INET, host.c_str(), &address) != 1)
          setError("Invalid IPv4 address syntax - ", host + " in " + text);
-      else if (hasIpv4 &&
-               (record = DtInetUtils::findInterfaceByAddress(&address, sockets.ipv4, &ipv4Table)))
-         init(sockets.ipv4, record,
-              hasIpv6
-                  ? DtInetUtils::findIpv6InterfaceByName(record->ifr_name, sockets.ipv6, &ipv6Table)
-                  : nullptr);
+      else if (tables.hasIpv4 && (record = DtInetUtils::findInterfaceByAddress(
+                                      &address, tables.ipv4Socket, &tables.ipv4Table)))
+         init(tables.ipv4Socket, record,
+              tables.hasIpv6 ? DtInetUtils::findIpv6InterfaceByName(
+                                   record->ifr_name, tables.ipv6Socket, &tables.ipv6Table)
+                             : nullptr);
       else
          setError("Could not locate interface device with IPv4 address ",
                   host + " (original: " + text);
@@ -399,12 +366,12 @@ void DtInetDevice::scanDeviceByName(DtString const& text)
       ifreq_in6* record = nullptr;
       if (inet_pton(AF_INET6, bare.c_str(), &address) != 1)
          setError("Invalid IPv6 address syntax - ", host + " in " + text);
-      else if (hasIpv6 && (record = DtInetUtils::findIpv6InterfaceByAddress(&address, sockets.ipv6,
-                                                                            &ipv6Table)))
-         init(sockets.ipv4,
-              hasIpv4
-                  ? DtInetUtils::findInterfaceByName(record->ifr6_name, sockets.ipv4, &ipv4Table)
-                  : nullptr,
+      else if (tables.hasIpv6 && (record = DtInetUtils::findIpv6InterfaceByAddress(
+                                      &address, tables.ipv6Socket, &tables.ipv6Table)))
+         init(tables.ipv4Socket,
+              tables.hasIpv4 ? DtInetUtils::findInterfaceByName(
+                                   record->ifr6_name, tables.ipv4Socket, &tables.ipv4Table)
+                             : nullptr,
               record);
       else
          setError("Could not locate interface device with IPv6 address ",
@@ -412,19 +379,18 @@ void DtInetDevice::scanDeviceByName(DtString const& text)
    }
    else
    {
-      ifreq* ipv4Record =
-          hasIpv4 ? DtInetUtils::findInterfaceByName(text.c_str(), sockets.ipv4, &ipv4Table)
-                  : nullptr;
-      ifreq_in6* ipv6Record =
-          hasIpv6 ? DtInetUtils::findIpv6InterfaceByName(text.c_str(), sockets.ipv6, &ipv6Table)
-                  : nullptr;
+      ifreq* ipv4Record = tables.hasIpv4 ? DtInetUtils::findInterfaceByName(
+                                               text.c_str(), tables.ipv4Socket, &tables.ipv4Table)
+                                         : nullptr;
+      ifreq_in6* ipv6Record = tables.hasIpv6
+                                  ? DtInetUtils::findIpv6InterfaceByName(
+                                        text.c_str(), tables.ipv6Socket, &tables.ipv6Table)
+                                  : nullptr;
       if (ipv4Record || ipv6Record)
-         init(sockets.ipv4, ipv4Record, ipv6Record);
+         init(tables.ipv4Socket, ipv4Record, ipv6Record);
       else
          setError("Could not locate interface ", text);
    }
-   DtInetUtils::freeDeviceInfo(&ipv4Table);
-   DtInetUtils::freeDeviceInfo(&ipv6Table);
 }
 
 // ------------------------------------------------------------------ accessors

@@ -32,48 +32,6 @@ unsigned int recordCount(ifconf const* table, unsigned int recordSize)
    return table->ifc_len > 0 ? static_cast<unsigned int>(table->ifc_len) / recordSize : 0;
 }
 
-// The two query sockets and both interface tables of one scan, released together.
-class DtInterfaceTables
-{
-public:
-   DtInterfaceTables()
-       : ipv4Socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
-         ipv6Socket(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-   {
-      memset(&ipv4Table, 0, sizeof ipv4Table);
-      memset(&ipv6Table, 0, sizeof ipv6Table);
-      unsigned int size = theIfreqSize, multiplier = theSizeMultiplier;
-      DtString error;
-      hasIpv4 =
-          ipv4Socket >= 0 && DtInetUtils::fetchDeviceInfo(DtInetUtils::DtInetFamilyIPv4, ipv4Socket,
-                                                          &ipv4Table, size, multiplier, error) == 0;
-      size = theIfreqIn6Size;
-      multiplier = theSizeMultiplier;
-      hasIpv6 =
-          DtInetUtils::fetchIpv6DeviceInfo(ipv6Socket, &ipv6Table, size, multiplier, error) == 0;
-   }
-
-   ~DtInterfaceTables()
-   {
-      DtInetUtils::freeDeviceInfo(&ipv4Table);
-      DtInetUtils::freeDeviceInfo(&ipv6Table);
-      if (ipv4Socket >= 0)
-         close(ipv4Socket);
-      if (ipv6Socket >= 0)
-         close(ipv6Socket);
-   }
-
-   DtInterfaceTables(DtInterfaceTables const&) = delete;
-   DtInterfaceTables& operator=(DtInterfaceTables const&) = delete;
-
-   int ipv4Socket;
-   int ipv6Socket;
-   ifconf ipv4Table;
-   ifconf ipv6Table;
-   bool hasIpv4;
-   bool hasIpv6;
-};
-
 template <typename Keep>
 DtInetDeviceList filterDevices(DtInetDeviceList devices, Keep keep)
 {
@@ -91,7 +49,7 @@ DtInetDeviceList filterDevices(DtInetDeviceList devices, Keep keep)
 DtInetDeviceList DtInetUtils::scanInetDevices(bool activeOnly, bool ipv6)
 {
    DtInetAddrFamily family = ipv6 ? DtInetFamilyIPv6 : DtInetFamilyIPv4;
-   DtInterfaceTables tables;
+   DtInetInterfaceTables tables;
    DtInetDeviceList devices;
    auto keep = [&](std::shared_ptr<DtInetDevice> const& device)
    {

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -12,6 +13,32 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+
+DtInetInterfaceTables::DtInetInterfaceTables(unsigned int recordSize, unsigned int multiplier)
+    : ipv4Socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+      ipv6Socket(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+{
+   memset(&ipv4Table, 0, sizeof ipv4Table);
+   memset(&ipv6Table, 0, sizeof ipv6Table);
+   unsigned int size = recordSize, growth = multiplier;
+   DtString error;
+   hasIpv4 =
+       ipv4Socket >= 0 && DtInetUtils::fetchDeviceInfo(DtInetUtils::DtInetFamilyIPv4, ipv4Socket,
+                                                       &ipv4Table, size, growth, error) == 0;
+   size = sizeof(ifreq_in6);
+   growth = multiplier;
+   hasIpv6 = DtInetUtils::fetchIpv6DeviceInfo(ipv6Socket, &ipv6Table, size, growth, error) == 0;
+}
+
+DtInetInterfaceTables::~DtInetInterfaceTables()
+{
+   DtInetUtils::freeDeviceInfo(&ipv4Table);
+   DtInetUtils::freeDeviceInfo(&ipv6Table);
+   if (ipv4Socket >= 0)
+      close(ipv4Socket);
+   if (ipv6Socket >= 0)
+      close(ipv6Socket);
+}
 
 char const* const DtInetPlatformUtils::theIfInet6Path = "/proc/net/if_inet6";
 char const* const DtInetPlatformUtils::theIgmpPath = "/proc/net/igmp";

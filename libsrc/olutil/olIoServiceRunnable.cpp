@@ -81,13 +81,12 @@ void DtIoServiceRunnable::run()
       {
          DtWarn << "DtIoServiceRunnable::run(): handler failed: " << exception.what() << std::endl;
       }
+      catch (abi::__forced_unwind&)
+      {
+         throw;  // a cancellation of this thread unwinds on
+      }
       catch (...)
       {
-         // A cancellation of this thread (no C++ type) must unwind on.
-         if (!abi::__cxa_current_exception_type())
-         {
-            throw;
-         }
          DtWarn << "DtIoServiceRunnable::run(): handler failed with an unknown exception"
                 << std::endl;
       }

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ostream>
 
+#include <olutil/olFilename.h>
 #include <olutil/olPrint.h>
 
 extern char** environ;
@@ -50,13 +51,6 @@ private:
 void ignoreSignal(int number)
 {
    signal(number, SIG_IGN);
-}
-
-// The name a program sees as argv[0]: the text behind its last separator.
-char const* programBaseName(char const* path)
-{
-   char const* const slash = std::strrchr(path, '/');
-   return slash ? slash + 1 : path;
 }
 
 // Turns the child into a daemon: a new session, no terminal signals, no inherited
@@ -148,7 +142,10 @@ bool DtCreateProcess(DtFilename const& program, std::vector<char const*> const& 
    // threaded program must not allocate.
    std::vector<char*> argv;
    argv.reserve(arguments.size() + 2);
-   argv.push_back(const_cast<char*>(programBaseName(path)));
+   // The name a program sees as argv[0]: its file name without the directory.
+   DtFilename baseName(path);
+   baseName.stripPath();
+   argv.push_back(const_cast<char*>(baseName.c_str()));
    for (char const* argument : arguments)
    {
       argv.push_back(const_cast<char*>(argument));

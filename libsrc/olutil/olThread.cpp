@@ -77,15 +77,15 @@ void* threadRunHelper(void* argument)
    {
       static_cast<DtThread*>(argument)->run();
    }
+   catch (abi::__forced_unwind&)
+   {
+      // Cancellation and pthread_exit unwind the stack; that must go on.
+      throw;
+   }
    catch (...)
    {
-      // Cancellation and pthread_exit unwind the stack with a foreign exception (no
-      // C++ type), which must go on. Any other exception must not leave a thread's
-      // start routine, where it would end the process; the body is over either way.
-      if (!abi::__cxa_current_exception_type())
-      {
-         throw;
-      }
+      // Any other exception must not leave a thread's start routine, where it would
+      // end the process; the body is over either way.
    }
    DtThreadExit(nullptr);
 }

@@ -72,13 +72,12 @@ void DtThreadedObject::start()
          throw ThreadNotCreated();
       }
    }
+   catch (abi::__forced_unwind&)
+   {
+      throw;  // a cancellation of the calling thread unwinds on
+   }
    catch (...)
    {
-      // A cancellation of the calling thread (no C++ type) must unwind on.
-      if (!abi::__cxa_current_exception_type())
-      {
-         throw;
-      }
       setRunning(false);
       delete thread_;
       thread_ = nullptr;
