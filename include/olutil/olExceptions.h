@@ -48,6 +48,8 @@ public:
    virtual DtString where() const;
 
 private:
+   void copyTexts(DtException const& other);
+
    DtString whereText;
    DtString whatText;
    DtException* last;
@@ -80,11 +82,11 @@ enum DtExceptionCode
    DtThreadWouldDeadlockCode = 1004
 };
 
-typedef DtTemplatedException<-1> DtInvalidInput;
-typedef DtTemplatedException<1001> DtThreadAlreadyRunning;
-typedef DtTemplatedException<1002> DtThreadNotStarted;
-typedef DtTemplatedException<1003> DtThreadCreationError;
-typedef DtTemplatedException<1004> DtThreadWouldDeadlock;
+typedef DtTemplatedException<DtInvalidInputCode> DtInvalidInput;
+typedef DtTemplatedException<DtThreadAlreadyRunningCode> DtThreadAlreadyRunning;
+typedef DtTemplatedException<DtThreadNotStartedCode> DtThreadNotStarted;
+typedef DtTemplatedException<DtThreadCreationErrorCode> DtThreadCreationError;
+typedef DtTemplatedException<DtThreadWouldDeadlockCode> DtThreadWouldDeadlock;
 
 // The prefix put before the message of a DtTemplatedException<code>: its name and ": ".
 // Codes without a name get no prefix.
@@ -94,27 +96,27 @@ struct DtExceptionPrefix
    static constexpr char const* text = "";
 };
 template <>
-struct DtExceptionPrefix<-1>
+struct DtExceptionPrefix<DtInvalidInputCode>
 {
    static constexpr char const* text = "DtInvalidInput: ";
 };
 template <>
-struct DtExceptionPrefix<1001>
+struct DtExceptionPrefix<DtThreadAlreadyRunningCode>
 {
    static constexpr char const* text = "DtThreadAlreadyRunning: ";
 };
 template <>
-struct DtExceptionPrefix<1002>
+struct DtExceptionPrefix<DtThreadNotStartedCode>
 {
    static constexpr char const* text = "DtThreadNotStarted: ";
 };
 template <>
-struct DtExceptionPrefix<1003>
+struct DtExceptionPrefix<DtThreadCreationErrorCode>
 {
    static constexpr char const* text = "DtThreadCreationError: ";
 };
 template <>
-struct DtExceptionPrefix<1004>
+struct DtExceptionPrefix<DtThreadWouldDeadlockCode>
 {
    static constexpr char const* text = "DtThreadWouldDeadlock: ";
 };

@@ -6,7 +6,6 @@
 #include <olutil/olExceptions.h>
 
 #include <iostream>
-#include <string>
 
 namespace
 {
@@ -25,60 +24,59 @@ DtException* copyChain(DtException const* cause)
       return nullptr;
    }
 }
-}  // namespace
 
-DtException::DtException(char const* what, DtException const* cause) : last(copyChain(cause))
+// Building an exception's texts must not turn into a different failure, so nothing
+// escapes; the report goes straight to std::cerr, past the notification streams.
+template <class Build>
+void buildTexts(Build const& build, char const* file = nullptr)
 {
    try
    {
-      if (what)
-         whatText = what;
+      build();
    }
    catch (...)
    {
       std::cerr << "Error Creating DtException, could not produce valid error string: "
-                << std::endl;
+                << (file ? file : "") << std::endl;
    }
+}
+}  // namespace
+
+DtException::DtException(char const* what, DtException const* cause) : last(copyChain(cause))
+{
+   buildTexts(
+       [&]
+       {
+          if (what)
+             whatText = what;
+       });
 }
 
 DtException::DtException(char const* what, char const* function, char const* file,
                          unsigned int line, DtException const* cause)
     : last(copyChain(cause))
 {
-   try
-   {
-      if (what)
-         whatText = what;
-      if (function)
-         whereText = function;
-      whereText += " [";
-      if (file)
-         whereText += file;
-      whereText += ":";
-      // The final blank is part of the location text; readers rely on it.
-      whereText += (std::to_string(line) + "] ").c_str();
-   }
-   catch (...)
-   {
-      // Raising an exception must not turn into a different failure, so nothing
-      // escapes; the report goes straight to std::cerr, past the notification streams.
-      std::cerr << "Error Creating DtException, could not produce valid error string: "
-                << (file ? file : "") << std::endl;
-   }
+   buildTexts(
+       [&]
+       {
+          if (what)
+             whatText = what;
+          if (function)
+             whereText = function;
+          whereText += " [";
+          if (file)
+             whereText += file;
+          whereText += ":";
+          whereText += DtString(line);
+          // The final blank is part of the location text; readers rely on it.
+          whereText += "] ";
+       },
+       file);
 }
 
 DtException::DtException(DtException const& other) : last(copyChain(other.last))
 {
-   try
-   {
-      whereText = other.whereText;
-      whatText = other.whatText;
-   }
-   catch (...)
-   {
-      std::cerr << "Error Creating DtException, could not produce valid error string: "
-                << std::endl;
-   }
+   buildTexts([&] { copyTexts(other); });
 }
 
 DtException& DtException::operator=(DtException const& other)
@@ -87,19 +85,16 @@ DtException& DtException::operator=(DtException const& other)
       return *this;
    // Copy the chain before letting go of ours: `other` may belong to our own chain.
    DtException* chain = copyChain(other.last);
-   try
-   {
-      whereText = other.whereText;
-      whatText = other.whatText;
-   }
-   catch (...)
-   {
-      std::cerr << "Error Creating DtException, could not produce valid error string: "
-                << std::endl;
-   }
+   buildTexts([&] { copyTexts(other); });
    delete last;
    last = chain;
    return *this;
+}
+
+void DtException::copyTexts(DtException const& other)
+{
+   whereText = other.whereText;
+   whatText = other.whatText;
 }
 
 DtException::~DtException()

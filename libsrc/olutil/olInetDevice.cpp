@@ -52,6 +52,14 @@ sockaddr_in const& inetOf(sockaddr const& address)
    return reinterpret_cast<sockaddr_in const&>(address);
 }
 
+// The link state that an interface's flags give.
+int linkStateOf(int flags)
+{
+   return (flags & IFF_RUNNING) ? DtInetDevice::DtInetLinkRunning
+          : (flags & IFF_UP)    ? DtInetDevice::DtInetLinkUp
+                                : DtInetDevice::DtInetLinkDown;
+}
+
 // The scope level of an interface address, for linkScope().
 int scopeLevelOf(DtInetAddr const& address)
 {
@@ -201,9 +209,7 @@ void DtInetDevice::initIpv4(int socket, ifreq* record)
    if (!DtInetPlatformUtils::queryInterface(socket, SIOCGIFFLAGS, name, answer))
       return setError("Could not query IPv4 flags on interface ", myDeviceName);
    int flags = answer.ifr_flags;
-   myLinkState = (flags & IFF_RUNNING) ? DtInetLinkRunning
-                 : (flags & IFF_UP)    ? DtInetLinkUp
-                                       : DtInetLinkDown;
+   myLinkState = linkStateOf(flags);
    if (DtInetPlatformUtils::queryInterface(socket, SIOCGIFMTU, name, answer))
       myMtu = answer.ifr_mtu;
 
@@ -247,9 +253,7 @@ void DtInetDevice::initLink(int socket)
    if (!DtInetPlatformUtils::queryInterface(socket, SIOCGIFFLAGS, name, answer))
       return setError("Could not query flags on interface ", myDeviceName);
    int flags = answer.ifr_flags;
-   myLinkState = (flags & IFF_RUNNING) ? DtInetLinkRunning
-                 : (flags & IFF_UP)    ? DtInetLinkUp
-                                       : DtInetLinkDown;
+   myLinkState = linkStateOf(flags);
    myBroadcastCapable = !(flags & IFF_LOOPBACK) && (flags & IFF_BROADCAST);
    myMulticastCapable = (flags & IFF_MULTICAST) != 0;
    if (DtInetPlatformUtils::queryInterface(socket, SIOCGIFMTU, name, answer))

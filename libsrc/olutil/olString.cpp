@@ -605,16 +605,9 @@ int DtString::findLastString(DtString const& other)
    char const* wanted = other.c_str();
    if (!wanted || wanted[0] == '\0')
       return 0;
-   std::size_t const wantedLen = std::strlen(wanted);
-   // The walk goes on to the first byte after a match, so the occurrence
-   // nearest the start is the one returned; callers depend on that.
-   int found = -1;
-   for (int at = static_cast<int>(std::strlen(text)); at >= 0; --at)
-   {
-      if (std::strncmp(text + at, wanted, wantedLen) == 0)
-         found = at;
-   }
-   return found;
+   // The search ends at the occurrence nearest the start, as findString's does;
+   // callers depend on that.
+   return findString(other);
 }
 
 int DtString::count(char c) const

@@ -26,47 +26,39 @@ bool storedInNetworkOrder()
    return DtNetworkByteOrdering() == DtByteOrderNetwork;
 }
 
-std::uint16_t toStored16(std::uint16_t value)
+// Between a value and its stored form; the swap is its own inverse, so one function
+// serves both directions.
+std::uint16_t stored16(std::uint16_t value)
 {
    return storedInNetworkOrder() ? htons(value) : value;
 }
 
-std::uint16_t fromStored16(std::uint16_t stored)
-{
-   return storedInNetworkOrder() ? ntohs(stored) : stored;
-}
-
-std::uint32_t toStored32(std::uint32_t value)
+std::uint32_t stored32(std::uint32_t value)
 {
    return storedInNetworkOrder() ? htonl(value) : value;
-}
-
-std::uint32_t fromStored32(std::uint32_t stored)
-{
-   return storedInNetworkOrder() ? ntohl(stored) : stored;
 }
 }  // namespace
 
 DtNetU16& DtNetU16::operator=(unsigned short const& value)
 {
-   myStored = toStored16(value);
+   myStored = stored16(value);
    return *this;
 }
 
 DtNetU16::operator unsigned short() const
 {
-   return fromStored16(myStored);
+   return stored16(myStored);
 }
 
 DtNetU32& DtNetU32::operator=(unsigned int const& value)
 {
-   myStored = toStored32(value);
+   myStored = stored32(value);
    return *this;
 }
 
 DtNetU32::operator unsigned int() const
 {
-   return fromStored32(myStored);
+   return stored32(myStored);
 }
 
 DtNetU64& DtNetU64::operator=(unsigned long const& value)
@@ -99,22 +91,22 @@ DtNetU64::operator unsigned long() const
 
 DtNetInt16& DtNetInt16::operator=(short const& value)
 {
-   myStored = toStored16(static_cast<std::uint16_t>(value));
+   myStored = stored16(static_cast<std::uint16_t>(value));
    return *this;
 }
 
 DtNetInt16::operator short() const
 {
-   return static_cast<short>(fromStored16(myStored));
+   return static_cast<short>(stored16(myStored));
 }
 
 DtNetInt32& DtNetInt32::operator=(int const& value)
 {
-   myStored = toStored32(static_cast<std::uint32_t>(value));
+   myStored = stored32(static_cast<std::uint32_t>(value));
    return *this;
 }
 
 DtNetInt32::operator int() const
 {
-   return static_cast<int>(fromStored32(myStored));
+   return static_cast<int>(stored32(myStored));
 }
