@@ -131,16 +131,16 @@ protected:
    void init();
 
 private:
-   boost::asio::ip::address* myAddress;
-   unsigned int myNetmask;
-   unsigned long myPrefixLen;
-   DtInetAddr* myBroadcastAddr;
-   DtInetAddr* myLoopbackAddr;
-   bool myIsBroadcast;
-   bool myIsMulticast;
-   bool myIsLoopback;
-   bool myIsAnyAddr;
-   DtInetIpv6Scope myScope;
+   boost::asio::ip::address* myAddress = nullptr;
+   unsigned int myNetmask = 0;
+   unsigned long myPrefixLen = 0;
+   DtInetAddr* myBroadcastAddr = nullptr;
+   DtInetAddr* myLoopbackAddr = nullptr;
+   bool myIsBroadcast = false;
+   bool myIsMulticast = false;
+   bool myIsLoopback = false;
+   bool myIsAnyAddr = false;
+   DtInetIpv6Scope myScope = DtInetIpv6ScopeNone;
 };
 
 /// Comparison of the addresses only. Between two IPv6 addresses a scope id of 0

@@ -122,28 +122,28 @@ private:
    void release();
 
    DtString myDeviceName;
-   unsigned char myMacAddr[8];
-   unsigned int myMacLength;
+   unsigned char myMacAddr[8] = {};
+   unsigned int myMacLength = 0;
    DtString myMacAddrString;
-   DtInetAddr* myIpv4Addr;
-   DtInetAddr* myIpv4Netmask;
-   DtInetAddr* myIpv4BroadcastAddr;
-   int myLinkScope;
-   bool myBroadcastCapable;
-   DtInetAddr* myIpv6Addr;
-   DtInetAddr* myIpv6BroadcastAddr;
+   DtInetAddr* myIpv4Addr = nullptr;
+   DtInetAddr* myIpv4Netmask = nullptr;
+   DtInetAddr* myIpv4BroadcastAddr = nullptr;
+   int myLinkScope = DtInetIpv6ScopeLinkLocal;
+   bool myBroadcastCapable = false;
+   DtInetAddr* myIpv6Addr = nullptr;
+   DtInetAddr* myIpv6BroadcastAddr = nullptr;
    DtInetUtils::DtInetAddrFamily myFamily;
-   bool myMulticastCapable;
+   bool myMulticastCapable = false;
    std::vector<DtInetAddr*> myIpv4Groups;
    std::vector<DtInetAddr*> myIpv6Groups;
-   int myMtu;
-   int myLinkState;
-   int myType;
-   int myInterfaceIndex;
-   bool myError;
+   int myMtu = 1500;
+   int myLinkState = DtInetLinkDown;
+   int myType = DtInetDeviceEthernet;
+   int myInterfaceIndex = 0;
+   bool myError = false;
    DtString myLastError;
-   unsigned int myRecordSize;
-   unsigned int mySizeMultiplier;
+   unsigned int myRecordSize = 40;  // an ifreq record; the IPv4 table grows from it
+   unsigned int mySizeMultiplier = 3;
 };
 
 /// Devices are equal when their names are; nothing else is compared.

@@ -125,14 +125,14 @@ private:
    void initEndpoint();
    void setError(DtString const& message);
 
-   TcpEndpoint* myTcpEndpoint;
-   UdpEndpoint* myUdpEndpoint;
-   DtInetAddr myAddress;
-   unsigned short myPort;
-   DtInetProtocol myProtocol;
-   bool myError;
+   TcpEndpoint* myTcpEndpoint = nullptr;
+   UdpEndpoint* myUdpEndpoint = nullptr;
+   DtInetAddr myAddress{DtInetUtils::DtInetFamilyIPv4};
+   unsigned short myPort = 0;
+   DtInetProtocol myProtocol = DtInetProtocolUnspecified;
+   bool myError = false;
    DtString myLastError;
-   mutable bool myTextValid;
+   mutable bool myTextValid = false;
    mutable DtString myShortText;
    mutable DtString myLongText;
 };

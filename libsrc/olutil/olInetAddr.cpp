@@ -74,55 +74,50 @@ DtInetAddr::DtInetAddr(DtInetUtils::DtInetAddrFamily family)
    }
 }
 
-#define DT_INETADDR_CLEAR_FIELDS                                                                 \
-   myAddress(nullptr), myNetmask(0), myPrefixLen(0), myBroadcastAddr(nullptr),                   \
-       myLoopbackAddr(nullptr), myIsBroadcast(false), myIsMulticast(false), myIsLoopback(false), \
-       myIsAnyAddr(false), myScope(DtInetIpv6ScopeNone)
-
-DtInetAddr::DtInetAddr(DtString const& addr, DtString const& mask) : DT_INETADDR_CLEAR_FIELDS
+DtInetAddr::DtInetAddr(DtString const& addr, DtString const& mask)
 {
    initFromStrings(addr.c_str(), mask.c_str());
 }
 
-DtInetAddr::DtInetAddr(char const* addr, char const* mask) : DT_INETADDR_CLEAR_FIELDS
+DtInetAddr::DtInetAddr(char const* addr, char const* mask)
 {
    initFromStrings(addr, mask);
 }
 
-DtInetAddr::DtInetAddr(DtString const& addr, char const* mask) : DT_INETADDR_CLEAR_FIELDS
+DtInetAddr::DtInetAddr(DtString const& addr, char const* mask)
 {
    initFromStrings(addr.c_str(), mask);
 }
 
-DtInetAddr::DtInetAddr(char const* addr, DtString const& mask) : DT_INETADDR_CLEAR_FIELDS
+DtInetAddr::DtInetAddr(char const* addr, DtString const& mask)
 {
    initFromStrings(addr, mask.c_str());
 }
 
-DtInetAddr::DtInetAddr(DtString const& addr) : DT_INETADDR_CLEAR_FIELDS
+DtInetAddr::DtInetAddr(DtString const& addr)
 {
    initFromStrings(addr.c_str(), nullptr);
 }
 
-DtInetAddr::DtInetAddr(char const* addr) : DT_INETADDR_CLEAR_FIELDS
+DtInetAddr::DtInetAddr(char const* addr)
 {
    initFromStrings(addr, nullptr);
 }
 
-DtInetAddr::DtInetAddr(void* boostAddress) : DT_INETADDR_CLEAR_FIELDS
+DtInetAddr::DtInetAddr(void* boostAddress)
 {
    myAddress = new ip::address(*static_cast<ip::address*>(boostAddress));
    init();
 }
 
-DtInetAddr::DtInetAddr(sockaddr_in const& address, unsigned int netmask) : DT_INETADDR_CLEAR_FIELDS
+DtInetAddr::DtInetAddr(sockaddr_in const& address, unsigned int netmask)
 {
    myAddress = new ip::address(ip::address_v4(ntohl(address.sin_addr.s_addr)));
    myNetmask = netmask;
    init();
 }
 
-DtInetAddr::DtInetAddr(unsigned int address, unsigned int netmask) : DT_INETADDR_CLEAR_FIELDS
+DtInetAddr::DtInetAddr(unsigned int address, unsigned int netmask)
 {
    myAddress = new ip::address(ip::address_v4(address));
    myNetmask = netmask;
@@ -130,7 +125,6 @@ DtInetAddr::DtInetAddr(unsigned int address, unsigned int netmask) : DT_INETADDR
 }
 
 DtInetAddr::DtInetAddr(sockaddr_in6 const& address, unsigned int prefixLen)
-    : DT_INETADDR_CLEAR_FIELDS
 {
    ip::address_v6::bytes_type bytes;
    memcpy(bytes.data(), &address.sin6_addr, bytes.size());
@@ -141,7 +135,6 @@ DtInetAddr::DtInetAddr(sockaddr_in6 const& address, unsigned int prefixLen)
 }
 
 DtInetAddr::DtInetAddr(sockaddr_storage const& address, unsigned int prefixLen)
-    : DT_INETADDR_CLEAR_FIELDS
 {
    if (address.ss_family == AF_INET)
    {
@@ -163,7 +156,6 @@ DtInetAddr::DtInetAddr(sockaddr_storage const& address, unsigned int prefixLen)
 
 DtInetAddr::DtInetAddr(DtU128 const& value, DtInetUtils::DtInetAddrFamily family,
                        unsigned int prefixLen)
-    : DT_INETADDR_CLEAR_FIELDS
 {
    if (family == DtInetUtils::DtInetFamilyIPv4)
    {
@@ -191,8 +183,6 @@ DtInetAddr::DtInetAddr(DtInetAddr const& other)
       myScope(other.myScope)
 {
 }
-
-#undef DT_INETADDR_CLEAR_FIELDS
 
 DtInetAddr& DtInetAddr::operator=(DtInetAddr const& other)
 {

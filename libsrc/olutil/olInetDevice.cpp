@@ -18,9 +18,6 @@
 namespace
 {
 
-unsigned int const theIfreqSize = 40;
-unsigned int const theSizeMultiplier = 3;
-
 struct DtHardwareType
 {
    int family;
@@ -77,40 +74,28 @@ int scopeLevelOf(DtInetAddr const& address)
 
 // ------------------------------------------------------------------ construction
 
-#define DT_INETDEVICE_DEFAULTS(family)                                                         \
-   myMacLength(0), myIpv4Addr(nullptr), myIpv4Netmask(nullptr), myIpv4BroadcastAddr(nullptr),  \
-       myLinkScope(DtInetIpv6ScopeLinkLocal), myBroadcastCapable(false), myIpv6Addr(nullptr),  \
-       myIpv6BroadcastAddr(nullptr), myFamily(family), myMulticastCapable(false), myMtu(1500), \
-       myLinkState(DtInetLinkDown), myType(DtInetDeviceEthernet), myInterfaceIndex(0),         \
-       myError(false), myRecordSize(theIfreqSize), mySizeMultiplier(theSizeMultiplier)
-
-DtInetDevice::DtInetDevice(DtInetAddr const& address) : DT_INETDEVICE_DEFAULTS(address.family())
+DtInetDevice::DtInetDevice(DtInetAddr const& address) : myFamily(address.family())
 {
-   memset(myMacAddr, 0, sizeof myMacAddr);
    scanDeviceByName(address.toDtString());
 }
 
 DtInetDevice::DtInetDevice(DtString const& text, DtInetUtils::DtInetAddrFamily family)
-    : DT_INETDEVICE_DEFAULTS(family)
+    : myFamily(family)
 {
-   memset(myMacAddr, 0, sizeof myMacAddr);
    scanDeviceByName(text);
 }
 
 DtInetDevice::DtInetDevice(int socket, ifreq* ipv4Record, ifreq_in6* ipv6Record,
                            DtInetUtils::DtInetAddrFamily family)
-    : DT_INETDEVICE_DEFAULTS(family)
+    : myFamily(family)
 {
-   memset(myMacAddr, 0, sizeof myMacAddr);
    init(socket, ipv4Record, ipv6Record);
 }
 
-DtInetDevice::DtInetDevice(DtInetDevice const& other) : DT_INETDEVICE_DEFAULTS(other.myFamily)
+DtInetDevice::DtInetDevice(DtInetDevice const& other) : myFamily(other.myFamily)
 {
    copyFrom(other);
 }
-
-#undef DT_INETDEVICE_DEFAULTS
 
 DtInetDevice& DtInetDevice::operator=(DtInetDevice const& other)
 {

@@ -22,7 +22,7 @@ namespace
 
 bool isFamily6(DtInetUtils::DtInetAddrFamily family)
 {
-   return static_cast<int>(family) == 6;
+   return family == DtInetUtils::DtInetFamilyIPv6;
 }
 
 // A Boost endpoint for the address and port. The any address is built from the
@@ -57,12 +57,12 @@ bool resolveFirst(std::string const& host, std::string const& service,
                       boost::asio::ip::resolver_base::numeric_service;
    boost::system::error_code error;
    typename Protocol::resolver::results_type results;
-   switch (static_cast<int>(family))
+   switch (family)
    {
-      case 4:
+      case DtInetUtils::DtInetFamilyIPv4:
          results = resolver.resolve(Protocol::v4(), host, service, flags, error);
          break;
-      case 6:
+      case DtInetUtils::DtInetFamilyIPv6:
          results = resolver.resolve(Protocol::v6(), host, service, flags, error);
          break;
       default:
@@ -91,52 +91,25 @@ bool readUnconfirmed(DtString const& text, int& value)
 
 // ---------------------------------------------------------------- construction
 
-DtInetEndpoint::DtInetEndpoint()
-    : myTcpEndpoint(nullptr),
-      myUdpEndpoint(nullptr),
-      myAddress(DtInetUtils::DtInetFamilyIPv4),
-      myPort(0),
-      myProtocol(DtInetProtocolUnspecified),
-      myError(false),
-      myTextValid(false)
-{
-}
+DtInetEndpoint::DtInetEndpoint() {}
 
 DtInetEndpoint::DtInetEndpoint(DtInetAddr const& address, unsigned short port,
                                DtInetProtocol protocol)
-    : myTcpEndpoint(nullptr),
-      myUdpEndpoint(nullptr),
-      myAddress(address),
-      myPort(port),
-      myProtocol(protocol),
-      myError(false),
-      myTextValid(false)
+    : myAddress(address), myPort(port), myProtocol(protocol)
 {
    initEndpoint();
 }
 
 DtInetEndpoint::DtInetEndpoint(DtString& text, unsigned short port, DtInetProtocol protocol,
                                DtInetUtils::DtInetAddrFamily family)
-    : myTcpEndpoint(nullptr),
-      myUdpEndpoint(nullptr),
-      myAddress(DtInetUtils::DtInetFamilyIPv4),
-      myPort(port),
-      myProtocol(protocol),
-      myError(false),
-      myTextValid(false)
+    : myPort(port), myProtocol(protocol)
 {
    hostLookup(text, port, family);
 }
 
 DtInetEndpoint::DtInetEndpoint(DtString const& text, unsigned short port, DtInetProtocol protocol,
                                DtInetUtils::DtInetAddrFamily family)
-    : myTcpEndpoint(nullptr),
-      myUdpEndpoint(nullptr),
-      myAddress(DtInetUtils::DtInetFamilyIPv4),
-      myPort(port),
-      myProtocol(protocol),
-      myError(false),
-      myTextValid(false)
+    : myPort(port), myProtocol(protocol)
 {
    DtString copy(text);
    hostLookup(copy, port, family);
@@ -238,7 +211,7 @@ void DtInetEndpoint::hostLookup(DtString& text, unsigned short port,
          setError("Local interface device " + text + " is inactive");
       }
    }
-   else if (static_cast<int>(parsed) == 0)
+   else if (parsed == DtInetUtils::DtInetFamilyNone)
    {
       // A host name: the resolver gets the text as it was given, so a port or
       // mask written after a name makes the lookup fail. An empty text asks the
@@ -260,7 +233,7 @@ void DtInetEndpoint::hostLookup(DtString& text, unsigned short port,
       }
    }
 
-   if (static_cast<int>(parsed) == 4 || static_cast<int>(parsed) == 6)
+   if (parsed == DtInetUtils::DtInetFamilyIPv4 || parsed == DtInetUtils::DtInetFamilyIPv6)
    {
       if (kind == DtInetUtils::DtNetResLocNetmask)
       {
@@ -270,7 +243,7 @@ void DtInetEndpoint::hostLookup(DtString& text, unsigned short port,
       {
          myAddress = DtInetAddr(host, "");
          int prefix = 0;
-         int const bound = static_cast<int>(parsed) == 4 ? 32 : 128;
+         int const bound = parsed == DtInetUtils::DtInetFamilyIPv4 ? 32 : 128;
          if (kind == DtInetUtils::DtNetResLocPrefix && readUnconfirmed(portOrMask, prefix) &&
              prefix >= 1 && prefix < bound)
          {
