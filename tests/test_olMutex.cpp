@@ -7,103 +7,64 @@
 
 #include <gtest/gtest.h>
 
-namespace
+// True when another thread can take the mutex now.
+static bool freeForAnotherThread(DtMutex& mutex)
 {
-
-// True when another thread can take the mutex at this moment (it releases it again,
-// past CountingMutex's count).
-bool freeForAnotherThread(DtMutex& mutex)
-{
-   auto const probe = [&mutex] { return mutex.tryLock() && (mutex.DtMutex::unlock(), true); };
+   auto const probe = [&mutex] { return mutex.tryLock() && (mutex.unlock(), true); };
    return std::async(std::launch::async, probe).get();
 }
-
-// Counts the calls that reach the mutex through its virtual operations.
-class CountingMutex : public DtMutex
-{
-public:
-   void lock() override { ++locks, DtMutex::lock(); }
-   void unlock() override { ++unlocks, DtMutex::unlock(); }
-   int locks = 0;
-   int unlocks = 0;
-};
 
 TEST(DtMutexTest, RecursiveLockIsFreedOnlyByTheLastUnlockAndCopiesCarryNoLockState)
 {
    DtMutex mutex;
    mutex.lock();
    EXPECT_TRUE(mutex.tryLock()) << "the holder may take it again";
-   DtMutex copy(mutex);
-   DtMutex assigned;
+   DtMutex copy(mutex), assigned;
    assigned = mutex;
    EXPECT_TRUE(freeForAnotherThread(copy) && freeForAnotherThread(assigned));
    std::atomic<bool> acquired(false);
    std::thread waiter([&] { mutex.lock(), acquired = true, mutex.unlock(); });
    mutex.unlock();
-   EXPECT_FALSE(freeForAnotherThread(mutex)) << "one level is still held";
-   EXPECT_FALSE(acquired.load()) << "the waiter got in while a level was still held";
+   EXPECT_FALSE(freeForAnotherThread(mutex) || acquired) << "one level is still held";
    mutex.unlock();
    waiter.join();
-   EXPECT_TRUE(acquired.load());
-   EXPECT_TRUE(freeForAnotherThread(mutex));
+   EXPECT_TRUE(acquired && freeForAnotherThread(mutex));
 }
 
 TEST(DtScopedLockTest, LocksOnlyOnConditionAndActsOnceHoweverOftenCalled)
 {
-   for (bool condition : {true, false})
+   DtMutex mutex;
    {
-      SCOPED_TRACE(condition);
-      CountingMutex mutex;
-      {
-         DtScopedLock lock(mutex, condition);
-         EXPECT_EQ(condition, lock.locked());
-         EXPECT_EQ(condition ? static_cast<void const*>(&lock) : nullptr,
-                   static_cast<void const*>(lock));
-         EXPECT_EQ(!condition, freeForAnotherThread(mutex));
-         lock.lock();
-         lock.lock();
-         EXPECT_EQ(1, mutex.locks);
-         EXPECT_FALSE(freeForAnotherThread(mutex));
-         if (condition)
-         {
-            lock.unlock();
-            lock.unlock();
-            EXPECT_EQ(1, mutex.unlocks);
-            EXPECT_TRUE(freeForAnotherThread(mutex));
-         }
-      }
-      // The destructor releases only what the guard still holds.
-      EXPECT_EQ(1, mutex.unlocks);
-      EXPECT_TRUE(freeForAnotherThread(mutex));
+      DtScopedLock lock(mutex, false);
+      EXPECT_TRUE(!lock.locked() && static_cast<void const*>(lock) == nullptr);
+      lock.lock();
+      lock.lock();
+      EXPECT_TRUE(lock.locked() && static_cast<void const*>(lock) == &lock);
    }
+   EXPECT_TRUE(freeForAnotherThread(mutex)) << "locked once, released once";
+   mutex.lock();  // a level the guard must not release
+   {
+      DtScopedLock lock(mutex, true);
+      EXPECT_TRUE(lock.locked());
+      lock.unlock();
+      lock.unlock();
+   }
+   EXPECT_FALSE(freeForAnotherThread(mutex)) << "the guard released more than its level";
+   mutex.unlock();
 }
-
-struct Counts
-{
-   int acquires = 0;
-   int releases = 0;
-};
 
 TEST(DtScopedSequenceLockTest, EachCopyAcquiresAndEveryGuardReleases)
 {
-   void (*const countAcquire)(void*) = [](void* o) { ++static_cast<Counts*>(o)->acquires; };
-   void (*const countRelease)(void*) = [](void* o) { ++static_cast<Counts*>(o)->releases; };
-   for (auto lockFunction : {countAcquire, static_cast<void (*)(void*)>(nullptr)})
+   void (*const acquire)(void*) = [](void* o) { ++static_cast<int*>(o)[0]; };
+   void (*const release)(void*) = [](void* o) { ++static_cast<int*>(o)[1]; };
+   int counts[2] = {}, noAcquire[2] = {};  // acquires, releases
    {
-      int const expectedAcquires = lockFunction ? 2 : 0;
-      SCOPED_TRACE(expectedAcquires);
-      Counts counts;
-      {
-         DtScopedSequenceLock first(&counts, lockFunction, countRelease);
-         EXPECT_EQ(0, counts.acquires) << "the first guard does not acquire";
-         DtScopedSequenceLock second(first);
-         DtScopedSequenceLock third(second);
-         EXPECT_EQ(expectedAcquires, counts.acquires);
-         EXPECT_EQ(0, counts.releases);
-      }
-      EXPECT_EQ(expectedAcquires, counts.acquires);
-      EXPECT_EQ(3, counts.releases);
+      DtScopedSequenceLock first(counts, acquire, release);
+      EXPECT_EQ(0, counts[0]) << "the first guard does not acquire";
+      DtScopedSequenceLock second(first), third(second);
+      EXPECT_TRUE(counts[0] == 2 && counts[1] == 0);
+      DtScopedSequenceLock other(noAcquire, nullptr, release), otherCopy(other);
    }
+   EXPECT_TRUE(counts[0] == 2 && counts[1] == 3);
+   EXPECT_TRUE(noAcquire[0] == 0 && noAcquire[1] == 2);
 }
-
-}  // namespace
