@@ -65,7 +65,8 @@ TEST(DtListTest, RemovePatchesEndsAndKeepsData)
    {
       DtList list;
       DtListItem* items[] = {list.add(&a), list.add(&b), list.add(&c)};
-      EXPECT_EQ(items[position]->data(), list.remove(items[position]));
+      void* const data = items[position]->data();
+      EXPECT_EQ(data, list.remove(items[position]));
       EXPECT_EQ(links(list), expect(rests[position], 2)) << position;
       list.removeAll();
       EXPECT_EQ(links(list), expect({}, 0));
@@ -86,9 +87,9 @@ TEST(DtIntrusiveListTest, ObjectKnowsItsListWhileHeld)
 TEST(DtIntrusiveListTest, RemoveAndDeleteTakesTwoOffTheCountButAllAndDeleteOne)
 {
    theDeaths = 0;
+   Tracked z;  // outlives the list, which lets go of it when destroyed
    DtIntrusiveList list;
    Tracked* x = new Tracked;
-   Tracked z;
    list.add(x);
    DtListItem* iy = list.add(new Tracked);
    list.add(&z);
