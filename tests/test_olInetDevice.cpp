@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -238,6 +240,134 @@ TEST_F(InetDeviceNetnsTest, IfconfTableGrowsByTrialAndAVanishedInterfaceFails)
    close(query);
 }
 
+// Interfaces whose indexes take more than one digit: /proc/net/igmp6 writes them
+// in decimal, /proc/net/if_inet6 in as many hexadecimal digits as they need
+// (300 is "12c"). d10 and d16 have IPv4 and IPv6; d100 and d300 only IPv6, so
+// their indexes come from /proc/net/if_inet6; d300's address is link-local and
+// carries its index as scope. Each device joins a group of its own. The veth
+// peers (index 4000 + N, up, no addresses) add more lines to /proc/net/igmp6.
+class InetDeviceIndexTest : public ::testing::Test
+{
+protected:
+   struct Interface
+   {
+      int index;
+      char const* ipv4;  // or null
+      char const* ipv6;
+      char const* group;
+      char const* solicited;  // the group every IPv6 address joins
+   };
+   static constexpr Interface theInterfaces[] = {
+       {10, "192.0.2.10/28", "2001:db8:10::1/64", "ff15::10", "ff02::1:ff00:1"},
+       {16, "192.0.2.20/28", "2001:db8:16::2/64", "ff15::16", "ff02::1:ff00:2"},
+       {100, nullptr, "2001:db8:100::3/64", "ff15::100", "ff02::1:ff00:3"},
+       {300, nullptr, "fe80::300/64", "ff15::300", "ff02::1:ff00:300"}};
+
+   static std::string nameOf(Interface const& i) { return "d" + std::to_string(i.index); }
+
+   void SetUp() override
+   {
+      std::string why;
+      if (!olt::TestNetns::isAvailable(&why))
+         GTEST_SKIP() << "interface tests run in a private network namespace: " << why;
+      myNs.reset(new olt::TestNetns);
+      ASSERT_TRUE(myNs->ok()) << myNs->error();
+      for (Interface const& i : theInterfaces)
+      {
+         std::string const name = nameOf(i), peer = "p" + std::to_string(i.index);
+         ASSERT_TRUE(
+             myNs->ip({"link", "add", "name", name, "index", std::to_string(i.index), "type",
+                       "veth", "peer", "name", peer, "index", std::to_string(4000 + i.index)}))
+             << myNs->error();
+         ASSERT_TRUE(myNs->disableLinkLocal(name) && myNs->disableLinkLocal(peer) &&
+                     (!i.ipv4 || myNs->addAddress(name, i.ipv4)) &&
+                     myNs->addAddress(name, i.ipv6) && myNs->setLinkUp(peer) &&
+                     myNs->setLinkUp(name))
+             << myNs->error();
+      }
+      myGuard.reset(new olt::NetnsGuard(*myNs));
+      ASSERT_TRUE(myGuard->ok()) << myGuard->error();
+      for (Interface const& i : theInterfaces)
+      {
+         std::string error;
+         myGroups.push_back(olt::joinGroupSocket(i.group, nameOf(i), &error));
+         ASSERT_GE(myGroups.back(), 0) << error;
+      }
+   }
+
+   ~InetDeviceIndexTest() override
+   {
+      for (int group : myGroups)
+         close(group);
+   }
+
+   // What the device says of the interface it was made for, or where it differs.
+   static void expectDevice(DtInetDevice const& d, Interface const& i)
+   {
+      SCOPED_TRACE(nameOf(i));
+      EXPECT_TRUE(d.isOk()) << d.getLastErrorString();
+      EXPECT_EQ(d.deviceName().stdString(), nameOf(i));
+      EXPECT_EQ(d.interfaceIndex(), i.index);
+      EXPECT_EQ(text(d.ipv4Addr()),
+                i.ipv4 ? std::string(i.ipv4).substr(0, std::string(i.ipv4).find('/')) : "-");
+      std::string const v6(i.ipv6);
+      ASSERT_NE(d.ipv6Addr(), nullptr);
+      EXPECT_EQ(text(d.ipv6Addr()).substr(0, text(d.ipv6Addr()).find('%')),
+                v6.substr(0, v6.find('/')));
+      EXPECT_EQ(d.ipv6Addr()->prefix(), 64u);
+      if (v6.compare(0, 4, "fe80") == 0)
+      {
+         EXPECT_EQ(static_cast<int>(d.ipv6Addr()->scope()), i.index);
+      }
+      EXPECT_EQ(text(d.ipv6BroadcastAddr()), "ff02::1");
+
+      // Its own group and its address's solicited-node group; no other's group.
+      std::set<std::string> groups;
+      for (DtInetAddr const* group : d.ipv6Groups())
+         groups.insert(text(group));
+      for (Interface const& other : theInterfaces)
+         EXPECT_EQ(groups.count(other.group), &other == &i ? 1u : 0u) << other.group;
+      EXPECT_EQ(groups.count(i.solicited), 1u);
+   }
+
+   std::unique_ptr<olt::TestNetns> myNs;
+   std::unique_ptr<olt::NetnsGuard> myGuard;
+   std::vector<int> myGroups;
+};
+
+constexpr InetDeviceIndexTest::Interface InetDeviceIndexTest::theInterfaces[];
+
+TEST_F(InetDeviceIndexTest, ScanReadsIndexesAsTheKernelWritesThem)
+{
+   DtInetDeviceList all = U::scanInetDevices(false, false);
+   Names found = names(all);
+   std::sort(found.begin(), found.end());
+   EXPECT_EQ(found, (Names{"d10", "d100", "d16", "d300", "lo"}));  // no device made of a cut field
+   for (Interface const& i : theInterfaces)
+   {
+      EXPECT_EQ(myNs->ifIndex(nameOf(i)), i.index);
+      auto d = std::find_if(all.begin(), all.end(),
+                            [&](std::shared_ptr<DtInetDevice> const& x)
+                            { return x->deviceName().stdString() == nameOf(i); });
+      ASSERT_NE(d, all.end()) << nameOf(i);
+      expectDevice(**d, i);
+   }
+   ASSERT_FALSE(all.empty());
+   EXPECT_TRUE(all.front()->isOk()) << all.front()->getLastErrorString();  // lo, index 1
+   EXPECT_EQ(all.front()->interfaceIndex(), 1);
+}
+
+TEST_F(InetDeviceIndexTest, LookupByNameAndAddressReadsTheSameIndexes)
+{
+   for (Interface const& i : theInterfaces)
+   {
+      expectDevice(DtInetDevice(DtString(nameOf(i))), i);
+      std::string const v6(i.ipv6);
+      if (v6.compare(0, 4, "fe80") != 0)
+         expectDevice(DtInetDevice(DtInetAddr(v6.substr(0, v6.find('/')).c_str())), i);
+   }
+}
+
 std::string write(std::string const& content)
 {
    FILE* file = tmpfile();
@@ -286,6 +416,222 @@ TEST(ProcReaderTest, OddAndHostileLines)
    std::vector<in6_addr> groups6;
    EXPECT_EQ(P::readIgmp6Groups(write("3    olta0           ff15\n").c_str(), 3, groups6),
              P::DtProcReadParseError);
+}
+
+std::string ntop(in6_addr const& address)
+{
+   char buffer[INET6_ADDRSTRLEN];
+   return inet_ntop(AF_INET6, &address, buffer, sizeof buffer) ? buffer : "?";
+}
+
+// Lines as the kernel writes them, for indexes of one digit up to four hexadecimal
+// ones. The index is the only field whose width varies with the interface.
+TEST(ProcLineTest, IfInet6LinesGiveEveryFieldWhateverTheIndex)
+{
+   struct Row
+   {
+      char const* line;
+      int index;
+      char const* address;
+      unsigned int prefix, scope, flags;
+      char const* name;
+   } const rows[] = {
+       {"00000000000000000000000000000001 01 80 10 80       lo\n", 1, "::1", 128, 0x10, 0x80, "lo"},
+       {"fe80000000000000020000fffe00000a 09 40 20 80     eth9\n", 9, "fe80::200:ff:fe00:a", 64,
+        0x20, 0x80, "eth9"},
+       {"20010db8001000000000000000000001 0a 40 00 82      d10\n", 10, "2001:db8:10::1", 64, 0,
+        0x82, "d10"},
+       {"20010db8001600000000000000000002 10 30 00 80      d16\n", 16, "2001:db8:16::2", 48, 0,
+        0x80, "d16"},
+       {"20010db8010000000000000000000003 64 7f 00 80     d100\n", 100, "2001:db8:100::3", 127, 0,
+        0x80, "d100"},
+       {"fd000000000000000000000000000255 ff 08 40 c0     d255\n", 255, "fd00::255", 8, 0x40, 0xc0,
+        "d255"},
+       {"fe800000000000000000000000000300 12c 40 20 82     d300\n", 300, "fe80::300", 64, 0x20,
+        0x82, "d300"},
+       {"ff000000000000000000000000000000 1000 00 0e 00    d4096", 4096, "ff00::", 0, 0x0e, 0,
+        "d4096"},
+       {"20010DB8000000000000000000000001\t7fffffff\t80\t00\t80\tveth.0123456789a\r\n", INT_MAX,
+        "2001:db8::1", 128, 0, 0x80, "veth.0123456789a"},  // cut to 15
+   };
+   for (Row const& row : rows)
+   {
+      SCOPED_TRACE(row.line);
+      ifreq_in6 record;
+      memset(&record, 'x', sizeof record);
+      ASSERT_TRUE(P::parseIfInet6Line(row.line, record));
+      EXPECT_EQ(record.ifr6_ifindex, row.index);
+      EXPECT_EQ(ntop(record.ifr6_addr), row.address);
+      EXPECT_EQ(record.ifr6_prefixlen, row.prefix);
+      EXPECT_EQ(record.ifr6_scope, row.scope);
+      EXPECT_EQ(record.ifr6_flags, row.flags);
+      EXPECT_EQ(std::string(record.ifr6_name, IFNAMSIZ),
+                std::string(row.name).substr(0, IFNAMSIZ - 1) +
+                    std::string(IFNAMSIZ - std::min<size_t>(strlen(row.name), IFNAMSIZ - 1), '\0'));
+      EXPECT_EQ(std::string(record.ifr6_reserved, sizeof record.ifr6_reserved),
+                std::string(sizeof record.ifr6_reserved, '\0'));
+   }
+}
+
+TEST(ProcLineTest, Igmp6LinesReadTheIndexInDecimal)
+{
+   struct Row
+   {
+      char const* line;
+      int index;
+      char const* name;
+      char const* group;
+      unsigned int users, flags;
+      long timer;
+   } const rows[] = {
+       {"1    lo              ff020000000000000000000000000001     1 0000000C 0\n", 1, "lo",
+        "ff02::1", 1, 0xc, 0},
+       {"9    eth9            ff0200000000000000000001ff00000a     2 00000004 0\n", 9, "eth9",
+        "ff02::1:ff00:a", 2, 4, 0},
+       {"10   d10             ff150000000000000000000000000010     1 00000004 0\n", 10, "d10",
+        "ff15::10", 1, 4, 0},
+       {"16   d16             ff150000000000000000000000000016     1 00000004 0\n", 16, "d16",
+        "ff15::16", 1, 4, 0},
+       {"100  d100            ff010000000000000000000000000001     1 00000008 0\n", 100, "d100",
+        "ff01::1", 1, 8, 0},
+       {"255  d255            ff020000000000000000000000000001 65535 0000000C 250\n", 255, "d255",
+        "ff02::1", 65535, 0xc, 250},
+       {"300  d300            ff0200000000000000000001ff000300     1 00000004 -3\n", 300, "d300",
+        "ff02::1:ff00:300", 1, 4, -3},
+       {"4096 d4096           ff15000000000000000000000000abcd 123456 FFFFFFFF "
+        "-9223372036854775808",
+        4096, "d4096", "ff15::abcd", 123456, 0xffffffffu, LONG_MIN},
+       {"2147483647\tveth.0123456789a\tff020000000000000000000000000001\t1\t0000000c\t"
+        "9223372036854775807\r\n",
+        INT_MAX, "veth.0123456789", "ff02::1", 1, 0xc, LONG_MAX},
+   };
+   for (Row const& row : rows)
+   {
+      SCOPED_TRACE(row.line);
+      P::DtIgmp6Entry entry;
+      memset(&entry, 'x', sizeof entry);
+      ASSERT_TRUE(P::parseIgmp6Line(row.line, entry));
+      EXPECT_EQ(entry.ifIndex, row.index);
+      EXPECT_STREQ(entry.name, row.name);
+      EXPECT_EQ(ntop(entry.group), row.group);
+      EXPECT_EQ(entry.users, row.users);
+      EXPECT_EQ(entry.flags, row.flags);
+      EXPECT_EQ(entry.timer, row.timer);
+   }
+}
+
+TEST(ProcLineTest, MalformedLinesAreRefusedAndLeaveTheRecordAlone)
+{
+   std::string const address = "20010db8000000000000000000000001";
+   auto inet6 = [&](std::string const& index, std::string const& tail = " 40 00 80 eth0")
+   { return address + " " + index + tail; };
+   auto igmp6 = [&](std::string const& index, std::string const& tail = " 1 00000004 0")
+   { return index + " eth0 " + address + tail; };
+   std::vector<std::string> const badInet6 = {
+       "",
+       " \n",
+       inet6("01", " 40 00 80"),                 // no name
+       inet6("01", " 40 00 80\n"),               // no name before the line's end
+       address.substr(1) + " 01 40 00 80 eth0",  // 31 digits
+       address + "0 01 40 00 80 eth0",           // 33 digits
+       "2001:0db8:0000:0000:0000:0000:0000:0001 01 40 00 80 eth0",
+       "20010db800000000000000000000000g 01 40 00 80 eth0",
+       inet6("00"),  // no interface has index 0
+       inet6("-1"),
+       inet6("+1"),
+       inet6("0x1f"),
+       inet6("80000000"),                   // beyond an int
+       inet6("123456789abcdef0123456789"),  // beyond any number
+       inet6("1g"),
+       inet6("01", " 81 00 80 eth0"),   // prefix 129
+       inet6("01", " 4 0 00 80 eth0"),  // a split field, read as another layout
+       inet6("01", " 40 00 80 eth0 more"),
+       inet6("01", " 40 zz 80 eth0"),
+       inet6("01", " 40 00 100000000 eth0"),  // flags beyond 32 bits
+   };
+   for (std::string const& line : badInet6)
+   {
+      SCOPED_TRACE(line);
+      ifreq_in6 record, before;
+      memset(&record, 'x', sizeof record);
+      memcpy(&before, &record, sizeof record);
+      EXPECT_FALSE(P::parseIfInet6Line(line.c_str(), record));
+      EXPECT_EQ(memcmp(&record, &before, sizeof record), 0);
+   }
+
+   std::vector<std::string> const badIgmp6 = {
+       "",
+       "\t\n",
+       igmp6("1", " 1 00000004"),  // no timer
+       "1 eth0 ff15\n",
+       igmp6("0"),
+       igmp6("-1"),
+       igmp6("1a"),  // hexadecimal where decimal is written
+       igmp6("0x10"),
+       igmp6("2147483648"),
+       igmp6("1", " -1 00000004 0"),  // users are never negative
+       igmp6("1", " 1 0000000G 0"),
+       igmp6("1", " 1 00000004 --1"),
+       igmp6("1", " 1 00000004 -"),
+       igmp6("1", " 1 00000004 1x"),
+       igmp6("1", " 1 00000004 9223372036854775808"),  // beyond a long
+       igmp6("1", " 1 00000004 -9223372036854775809"),
+       "1 eth0 " + address.substr(0, 30) + " 1 00000004 0",
+       igmp6("1", " 1 00000004 0 0"),
+   };
+   for (std::string const& line : badIgmp6)
+   {
+      SCOPED_TRACE(line);
+      P::DtIgmp6Entry entry, before;
+      memset(&entry, 'x', sizeof entry);
+      memcpy(&before, &entry, sizeof entry);  // padding too: the parser must not write it
+      EXPECT_FALSE(P::parseIgmp6Line(line.c_str(), entry));
+      EXPECT_EQ(memcmp(&entry, &before, sizeof entry), 0);
+   }
+}
+
+// Files with indexes of every width: each interface gets its own lines only, and
+// none of them is an error.
+TEST(ProcReaderTest, IndexesOfMoreThanOneDigit)
+{
+   std::string igmp6 = write(
+       "1    lo              ff020000000000000000000000000001     1 0000000C 0\n"
+       "10   d10             ff150000000000000000000000000010     1 00000004 0\n"
+       "10   d10             ff020000000000000000000000000001     1 0000000C 0\n"
+       "16   d16             ff150000000000000000000000000016     1 00000004 0\n"
+       "100  d100            ff150000000000000000000000000100     1 00000004 0\n"
+       "300  d300            ff150000000000000000000000000300     1 00000004 0\n"
+       "4300 p300            ff020000000000000000000000000001     1 0000000C 0\n");
+   for (auto const& [index, wanted] :
+        std::vector<std::pair<int, Names>>{{1, {"ff02::1"}},
+                                           {10, {"ff15::10", "ff02::1"}},
+                                           {16, {"ff15::16"}},
+                                           {100, {"ff15::100"}},
+                                           {300, {"ff15::300"}},
+                                           {4300, {"ff02::1"}},
+                                           {43, {}}})
+   {
+      SCOPED_TRACE(index);
+      std::vector<in6_addr> groups;
+      EXPECT_EQ(P::readIgmp6Groups(igmp6.c_str(), index, groups), P::DtProcReadOk);
+      Names got;
+      for (in6_addr const& group : groups)
+         got.push_back(ntop(group));
+      EXPECT_EQ(got, wanted);
+   }
+
+   std::string inet6 = write(
+       "20010db8001000000000000000000001 0a 40 00 82      d10\n"
+       "fe800000000000000000000000000300 12c 40 20 82     d300\n"
+       "20010db8000000000000000000001000 1000 40 00 80    d4096\n");
+   ifreq_in6 r[4];
+   unsigned int count = 0;
+   EXPECT_EQ(P::readIfInet6(inet6.c_str(), r, 4, count), P::DtProcReadOk);
+   ASSERT_EQ(count, 3u);
+   Names got;
+   for (unsigned int i = 0; i < count; ++i)
+      got.push_back(std::string(r[i].ifr6_name) + " " + std::to_string(r[i].ifr6_ifindex));
+   EXPECT_EQ(got, (Names{"d10 10", "d300 300", "d4096 4096"}));
 }
 
 }  // namespace

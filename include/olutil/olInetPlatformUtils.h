@@ -37,6 +37,33 @@ public:
       DtProcReadParseError = 2  ///< a line did not give every field
    };
 
+   /// One entry of /proc/net/igmp6: a group joined on an interface.
+   struct DtIgmp6Entry
+   {
+      int ifIndex;
+      char name[IFNAMSIZ];  ///< NUL-terminated
+      in6_addr group;
+      unsigned int users;
+      unsigned int flags;
+      long timer;
+   };
+
+   /// Reads one line of /proc/net/if_inet6 as the kernel writes it: the address
+   /// in 32 hexadecimal digits, then the interface index (hexadecimal, two digits
+   /// or more), the prefix length, the scope and the flags, all hexadecimal, then
+   /// the name. The record is zeroed and filled; a name beyond the 15 characters
+   /// a record holds is cut. False, with the record untouched, when a field is
+   /// missing, not of its form (every digit of its kind, no sign), out of range
+   /// (index 1 to INT_MAX, prefix at most 128), the address has not 32 digits,
+   /// or more fields follow the name.
+   static bool parseIfInet6Line(char const* line, ifreq_in6& record);
+
+   /// Reads one line of /proc/net/igmp6 as the kernel writes it: the interface
+   /// index in decimal, the name, the group in 32 hexadecimal digits, the users
+   /// in decimal, the flags in hexadecimal and the timer in decimal (it may be
+   /// negative). The same rules as parseIfInet6Line; `entry` untouched on false.
+   static bool parseIgmp6Line(char const* line, DtIgmp6Entry& entry);
+
    /// Runs one SIOCGIF* request for interface `name` on `socket`, `out`
    /// receiving the answer. False when the request fails.
    static bool queryInterface(int socket, unsigned long request, char const* name, ifreq& out);
@@ -45,8 +72,9 @@ public:
    /// it cannot be opened.
    static int countLines(char const* path);
 
-   /// Reads /proc/net/if_inet6-style lines into at most `capacity` records.
-   /// `count` receives the number filled.
+   /// Reads /proc/net/if_inet6-style lines (parseIfInet6Line) into at most
+   /// `capacity` records. `count` receives the number filled. A blank line ends
+   /// the reading; a line that does not parse ends it with DtProcReadParseError.
    static DtProcReadStatus readIfInet6(char const* path, ifreq_in6* records, unsigned int capacity,
                                        unsigned int& count);
 
@@ -56,7 +84,9 @@ public:
    static DtProcReadStatus readIgmpGroups(char const* path, int ifIndex,
                                           std::vector<unsigned int>& groups);
 
-   /// Groups listed for interface `ifIndex` in a /proc/net/igmp6-style file.
+   /// Groups listed for interface `ifIndex` in a /proc/net/igmp6-style file
+   /// (parseIgmp6Line), in file order. A blank line ends the reading; a line
+   /// that does not parse ends it with DtProcReadParseError.
    static DtProcReadStatus readIgmp6Groups(char const* path, int ifIndex,
                                            std::vector<in6_addr>& groups);
 

@@ -9,6 +9,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -58,13 +59,106 @@ struct FileCloser
    void operator()(FILE* file) const { fclose(file); }
 };
 
-void wordsToAddress(unsigned int const (&words)[4], in6_addr& address)
+// One blank-separated field of a /proc/net line.
+struct ProcField
 {
-   for (int i = 0; i < 4; ++i)
+   char const* text;
+   size_t length;
+};
+
+bool isSeparator(char c)
+{
+   return isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+// The `count` fields of a line, whose columns the kernel separates by blanks.
+// False if the line has fewer or more: a line of another layout is not half-read.
+template <size_t count>
+bool splitFields(char const* line, ProcField (&fields)[count])
+{
+   for (ProcField& field : fields)
    {
-      uint32_t word = htonl(words[i]);
-      memcpy(address.s6_addr + 4 * i, &word, sizeof word);
+      while (*line && isSeparator(*line))
+         ++line;
+      if (!*line)
+         return false;
+      field.text = line;
+      while (*line && !isSeparator(*line))
+         ++line;
+      field.length = static_cast<size_t>(line - field.text);
    }
+   while (*line && isSeparator(*line))
+      ++line;
+   return *line == '\0';
+}
+
+// A whole field of digits in `base` (10 or 16), at most `largest`. No sign, no
+// "0x" and no width: a field is read to its end, however many digits it has.
+bool fieldNumber(ProcField const& field, int base, unsigned long largest, unsigned long& value)
+{
+   char digits[24];
+   if (field.length == 0 || field.length >= sizeof digits)
+      return false;
+   for (size_t i = 0; i < field.length; ++i)
+   {
+      unsigned char c = static_cast<unsigned char>(field.text[i]);
+      if (base == 16 ? !isxdigit(c) : !isdigit(c))
+         return false;
+   }
+   memcpy(digits, field.text, field.length);
+   digits[field.length] = '\0';
+   errno = 0;
+   value = strtoul(digits, nullptr, base);
+   return errno == 0 && value <= largest;
+}
+
+// An interface index: the kernel's are positive ints.
+bool fieldIndex(ProcField const& field, int base, int& index)
+{
+   unsigned long value = 0;
+   if (!fieldNumber(field, base, INT_MAX, value) || value == 0)
+      return false;
+   index = static_cast<int>(value);
+   return true;
+}
+
+// A decimal field that may carry a minus sign, within a long.
+bool fieldSigned(ProcField const& field, long& value)
+{
+   bool negative = field.length > 1 && field.text[0] == '-';
+   ProcField digits = {field.text + negative, field.length - negative};
+   unsigned long magnitude = 0;
+   unsigned long largest = negative ? static_cast<unsigned long>(LONG_MAX) + 1 : LONG_MAX;
+   if (!fieldNumber(digits, 10, largest, magnitude))
+      return false;
+   if (!negative || magnitude == 0)
+      value = static_cast<long>(magnitude);
+   else  // from one short of the magnitude, so that LONG_MIN does not overflow
+      value = -static_cast<long>(magnitude - 1) - 1;
+   return true;
+}
+
+// An IPv6 address as the kernel's %pi6 writes it: 32 hexadecimal digits, no colons.
+bool fieldAddress(ProcField const& field, in6_addr& address)
+{
+   if (field.length != 2 * sizeof address.s6_addr)
+      return false;
+   for (size_t i = 0; i < sizeof address.s6_addr; ++i)
+   {
+      ProcField byte = {field.text + 2 * i, 2};
+      unsigned long value = 0;
+      if (!fieldNumber(byte, 16, 0xff, value))
+         return false;
+      address.s6_addr[i] = static_cast<uint8_t>(value);
+   }
+   return true;
+}
+
+// An interface name, cut to what a name field holds and NUL-filled behind.
+void fieldName(ProcField const& field, char (&name)[IFNAMSIZ])
+{
+   memset(name, 0, sizeof name);
+   memcpy(name, field.text, field.length < sizeof name - 1 ? field.length : sizeof name - 1);
 }
 
 // A line with nothing but white space, which only the end of a file may hold.
@@ -76,6 +170,44 @@ bool isBlank(char const* line)
 }
 
 }  // namespace
+
+bool DtInetPlatformUtils::parseIfInet6Line(char const* line, ifreq_in6& record)
+{
+   // "%pi6 %02x %02x %02x %02x %8s": the index has as many digits as it needs.
+   ProcField fields[6];
+   ifreq_in6 parsed;
+   memset(&parsed, 0, sizeof parsed);
+   unsigned long prefix = 0, scope = 0, flags = 0;
+   if (!splitFields(line, fields) || !fieldAddress(fields[0], parsed.ifr6_addr) ||
+       !fieldIndex(fields[1], 16, parsed.ifr6_ifindex) ||
+       !fieldNumber(fields[2], 16, 128, prefix) || !fieldNumber(fields[3], 16, UINT_MAX, scope) ||
+       !fieldNumber(fields[4], 16, UINT_MAX, flags))
+      return false;
+   parsed.ifr6_prefixlen = static_cast<unsigned int>(prefix);
+   parsed.ifr6_scope = static_cast<unsigned int>(scope);
+   parsed.ifr6_flags = static_cast<unsigned int>(flags);
+   fieldName(fields[5], parsed.ifr6_name);
+   record = parsed;
+   return true;
+}
+
+bool DtInetPlatformUtils::parseIgmp6Line(char const* line, DtIgmp6Entry& entry)
+{
+   // "%-4d %-15s %pi6 %5d %08X %ld": the index is decimal here.
+   ProcField fields[6];
+   DtIgmp6Entry parsed;
+   memset(&parsed, 0, sizeof parsed);
+   unsigned long users = 0, flags = 0;
+   if (!splitFields(line, fields) || !fieldIndex(fields[0], 10, parsed.ifIndex) ||
+       !fieldAddress(fields[2], parsed.group) || !fieldNumber(fields[3], 10, UINT_MAX, users) ||
+       !fieldNumber(fields[4], 16, UINT_MAX, flags) || !fieldSigned(fields[5], parsed.timer))
+      return false;
+   fieldName(fields[1], parsed.name);
+   parsed.users = static_cast<unsigned int>(users);
+   parsed.flags = static_cast<unsigned int>(flags);
+   entry = parsed;
+   return true;
+}
 
 bool DtInetPlatformUtils::queryInterface(int socket, unsigned long request, char const* name,
                                          ifreq& out)
@@ -117,28 +249,14 @@ DtInetPlatformUtils::DtProcReadStatus DtInetPlatformUtils::readIfInet6(char cons
       return DtProcReadCannotOpen;
    std::unique_ptr<FILE, FileCloser> file(raw);
 
-   // One line per address: words of the address, index, prefix, scope, flags, name.
    char line[theProcLineSize];
-   unsigned int words[4];
-   unsigned int index, scope, flags;
-   char prefix[3];
-   char name[16];
    while (count < capacity && fgets(line, sizeof line, raw))
    {
       if (isBlank(line))
          break;
-      if (sscanf(line, "%8x%8x%8x%8x %2x %2s %2x %2x %15s", &words[0], &words[1], &words[2],
-                 &words[3], &index, prefix, &scope, &flags, name) != 9)
+      if (!parseIfInet6Line(line, records[count]))
          return DtProcReadParseError;
-      ifreq_in6& record = records[count++];
-      memset(&record, 0, sizeof record);
-      wordsToAddress(words, record.ifr6_addr);
-      record.ifr6_ifindex = static_cast<int>(index);
-      record.ifr6_prefixlen = static_cast<unsigned int>(strtoul(prefix, nullptr, 16));
-      record.ifr6_scope = scope;
-      record.ifr6_flags = flags;
-      // Only the name: the field is NUL-filled behind it, as a kernel record is.
-      memcpy(record.ifr6_name, name, strnlen(name, sizeof record.ifr6_name - 1));
+      ++count;
    }
    // More lines than were counted a moment ago: the table is a snapshot, keep what fits.
    return DtProcReadOk;
@@ -188,25 +306,16 @@ DtInetPlatformUtils::DtProcReadStatus DtInetPlatformUtils::readIgmp6Groups(
       return DtProcReadCannotOpen;
    std::unique_ptr<FILE, FileCloser> file(raw);
 
-   // index, name, four words of the group, users, flags, timer
    char line[theProcLineSize];
-   unsigned int index;
-   char name[16];
-   unsigned int words[4];
-   unsigned int users, timerRunning;
-   char flags[9];
+   DtIgmp6Entry entry;
    while (fgets(line, sizeof line, raw))
    {
       if (isBlank(line))
          break;
-      if (sscanf(line, "%2x %15s %8x%8x%8x%8x %2x %8s %2x", &index, name, &words[0], &words[1],
-                 &words[2], &words[3], &users, flags, &timerRunning) != 9)
+      if (!parseIgmp6Line(line, entry))
          return DtProcReadParseError;
-      if (static_cast<int>(index) != ifIndex)
-         continue;
-      in6_addr group;
-      wordsToAddress(words, group);
-      groups.push_back(group);
+      if (entry.ifIndex == ifIndex)
+         groups.push_back(entry.group);
    }
    return DtProcReadOk;
 }
