@@ -407,6 +407,17 @@ TEST(ProcReaderTest, OddAndHostileLines)
    std::vector<unsigned int> groups;
    EXPECT_EQ(P::readIgmpGroups(igmp.c_str(), 3, groups), P::DtProcReadOk);
    EXPECT_EQ(groups, (std::vector<unsigned int>{htonl(0x0302u), htonl(0x0100u)}));
+   // Indexes of four digits and more are read whole, not cut to three.
+   std::string wide = write(
+       "Idx\tDevice    : Count Querier\tGroup    Users Timer\tReporter\n"
+       "430\tp430      :     1      V3\n"
+       "\t\t\t\t060201EF     1 0:00000000\t\t0\n"
+       "4300\tp4300     :     1      V3\n"
+       "\t\t\t\t070201EF     1 0:00000000\t\t0\n");
+   EXPECT_EQ(P::readIgmpGroups(wide.c_str(), 4300, groups = {}), P::DtProcReadOk);
+   EXPECT_EQ(groups, (std::vector<unsigned int>{htonl(0x0702u)}));
+   EXPECT_EQ(P::readIgmpGroups(wide.c_str(), 430, groups = {}), P::DtProcReadOk);
+   EXPECT_EQ(groups, (std::vector<unsigned int>{htonl(0x0602u)}));
    // A bad group line ends the reading; so does a line too long for the buffer.
    for (std::string bad : {std::string("3\tolta0 : 1\n\t\t\tzz\n\t\t\t030201EF\n"),
                            std::string(3000, 'x') + "\n\t\t\t\t0\n"})

@@ -278,10 +278,12 @@ DtInetPlatformUtils::DtProcReadStatus DtInetPlatformUtils::readIgmpGroups(
          continue;
       if (line[0] != '\0' && line[0] != '\t')
       {
-         // A device line: "<index>\t<name> : ...".
+         // A device line: "<index>\t<name> : ...". The kernel prints the index in
+         // decimal with as many digits as it needs: a three-digit field would read
+         // index 4300 as 430 and hand one device another's groups.
          int index = 0;
          char name[9];
-         if (sscanf(line, "%03d\t%8s", &index, name) < 2)
+         if (sscanf(line, "%d\t%8s", &index, name) < 2)
             break;
          inBlock = index == ifIndex;
          continue;
