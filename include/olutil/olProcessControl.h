@@ -38,6 +38,9 @@ int DtSelect(int count, fd_set* read, fd_set* write, fd_set* except, double time
 // Gives up the processor (sched_yield).
 void DtYield();
 
+// The process id of the calling process (getpid).
+int DtGetPid();
+
 // Sleeps for the given number of seconds; 0 or less returns at once. A failed wait
 // (a signal interrupting it, for one) ends the sleep early with a "select" warning
 // on DtWarn.

@@ -122,6 +122,11 @@ void DtYield()
    sched_yield();
 }
 
+int DtGetPid()
+{
+   return static_cast<int>(getpid());
+}
+
 void DtSleep(double seconds)
 {
    if (seconds <= 0.0)
