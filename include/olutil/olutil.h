@@ -12,17 +12,23 @@
 #include <olutil/olFilename.h>
 #include <olutil/olUtil.h>
 #include <olutil/olUuid.h>
+#include <olutil/olStringUtil.h>
 
 // Containers
 #include <olutil/olList.h>
 #include <olutil/olLockfreeQueue.h>
 #include <olutil/olThreadSafe.h>
+#include <olutil/olHashKeys.h>
+#include <olutil/olHashlist.h>
+#include <olutil/olHash.h>
 
 // Diagnostics
 #include <olutil/olPrint.h>
 #include <olutil/olExceptions.h>
 #include <olutil/olAssert.h>
 #include <olutil/olFatal.h>
+#include <olutil/olLogFileInfo.h>
+#include <olutil/olMiniDumper.h>
 
 // Concurrency and time
 #include <olutil/olMutex.h>
@@ -30,6 +36,7 @@
 #include <olutil/olThreadedObject.h>
 #include <olutil/olIoServiceRunnable.h>
 #include <olutil/olTime.h>
+#include <olutil/olObserver.h>
 
 // Addressing
 #include <olutil/olInetAddr.h>
@@ -49,5 +56,8 @@
 
 // Platform
 #include <olutil/olProcessControl.h>
+#include <olutil/olDynamic.h>
+#include <olutil/olKeyboard.h>
+#include <olutil/olMemUtil.h>
 
 #endif  // OLUTIL_UMBRELLA_H
