@@ -2,10 +2,13 @@
 #ifndef OLUTIL_TESTS_SUPPORT_CRASH_H
 #define OLUTIL_TESTS_SUPPORT_CRASH_H
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -99,6 +102,52 @@ inline std::vector<std::string> linesOf(std::string const& text)
    for (std::string line; std::getline(stream, line);)
       lines.push_back(line);
    return lines;
+}
+
+// A named pipe at `path`, held open for reading and filled to the brim, so
+// that whoever opens it to write waits in its first write: there a signal can
+// reach a handler that is still writing its report. (A pipe without a reader
+// would hold the writer in open, where a ThreadSanitizer build does not deliver
+// signals.)
+class FullPipe
+{
+public:
+   explicit FullPipe(std::string const& path)
+   {
+      if (mkfifo(path.c_str(), 0600) != 0)
+         return;
+      fd = open(path.c_str(), O_RDWR | O_NONBLOCK);
+      if (fd < 0)
+         return;
+      fcntl(fd, F_SETPIPE_SZ, 4096);
+      char const byte = 0;
+      while (write(fd, &byte, 1) == 1)
+      {
+      }
+      full = errno == EAGAIN;
+   }
+   ~FullPipe()
+   {
+      if (fd >= 0)
+         close(fd);
+   }
+   FullPipe(FullPipe const&) = delete;
+   FullPipe& operator=(FullPipe const&) = delete;
+
+   bool full = false;
+
+private:
+   int fd = -1;
+};
+
+// Whether the process waits in a write to a pipe ("pipe_write", or
+// "anon_pipe_write" on newer kernels).
+inline bool waitsInPipeWrite(pid_t process)
+{
+   std::string const wchan = fileText("/proc/" + std::to_string(process) + "/wchan");
+   std::string const tail = "pipe_write";
+   return wchan.size() >= tail.size() &&
+          wchan.compare(wchan.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 }  // namespace olt

@@ -5,7 +5,6 @@
 
 #include <execinfo.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -159,14 +158,17 @@ TEST_F(LogFileInfoTest, ACrashLeavesTheCallStackBesideTheLogsAndExitsWithOne)
       ASSERT_GE(lines.size(), 4u) << fileText(path);
       EXPECT_EQ(c.firstLine, lines[0]);
       EXPECT_EQ("Backtrace:", lines[1]);
-      EXPECT_NE(std::string::npos, lines[2].find("DtPrintAddrLines"))
-          << "the handler itself is the first frame: " << lines[2];
+      bool handlerFrame = false;
       bool programFrame = false;
       for (std::size_t i = 2; i < lines.size(); ++i)
       {
          EXPECT_TRUE(endsWithAddress(lines[i])) << lines[i];
+         // The handler leads; under a sanitizer, which takes backtrace over,
+         // one frame of its own may come first.
+         handlerFrame |= i <= 3 && lines[i].find("DtPrintAddrLines") != std::string::npos;
          programFrame |= lines[i].find(program_invocation_short_name) != std::string::npos;
       }
+      EXPECT_TRUE(handlerFrame) << "the handler's own frame leads";
       EXPECT_TRUE(programFrame) << "a frame of the crashed program";
       std::filesystem::remove(path);
    }
@@ -202,12 +204,16 @@ TEST_F(LogFileInfoTest, AFileThatCannotBeOpenedStillEndsTheProcess)
 
 TEST_F(LogFileInfoTest, ASecondFaultWhileTheHandlerRunsEndsTheProcessAtOnce)
 {
-   // The crash file is a pipe with no reader: the handler waits in open, and a
-   // second signal arrives while it is there. Run again, the handler would
-   // wait in open once more and never end.
+   // The crash file is a full pipe: the handler waits in its first write, and
+   // a second signal arrives while it is there. Run again, the handler would
+   // wait in its write once more and never end.
+#if defined(__SANITIZE_THREAD__)
+   GTEST_SKIP() << "ThreadSanitizer holds back every signal that arrives while a handler "
+                   "runs, so a second signal can't reach the handler here";
+#endif
    std::string const name = DtLogFileInfo::instance().getCallStackFileName();
-   std::string const path = directory + "/" + name;
-   ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+   FullPipe const pipe(directory + "/" + name);
+   ASSERT_TRUE(pipe.full);
    bool reachedTheHandler = false;
    int const status = inChild(
        [&] {
@@ -217,8 +223,7 @@ TEST_F(LogFileInfoTest, ASecondFaultWhileTheHandlerRunsEndsTheProcessAtOnce)
           crashBy(SIGSEGV);
        },
        [&](pid_t child) {
-          std::string const wchan = "/proc/" + std::to_string(child) + "/wchan";
-          reachedTheHandler = waitFor([&] { return fileText(wchan) == "wait_for_partner"; });
+          reachedTheHandler = waitFor([&] { return waitsInPipeWrite(child); });
           kill(child, SIGABRT);
        });
    EXPECT_TRUE(reachedTheHandler);

@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -23,12 +22,33 @@
 
 #include "support_crash.h"
 
+// The second stage of the handler hands over to the helper tools, which
+// allocates inside the signal handler by design (the raw stack is already
+// written by then). ThreadSanitizer reports each such call; the first stage,
+// which must stay signal-safe, is held to that in test_olLogFileInfo, whose
+// handler has no second stage.
+#if defined(__SANITIZE_THREAD__)
+extern "C" char const* __tsan_default_options()
+{
+   return "report_signal_unsafe=0";
+}
+#endif
+
 namespace
 {
 
 using namespace olt;
 
-std::string const theSource = "test_olMiniDumper.cpp:";
+#if defined(__SANITIZE_THREAD__)
+constexpr std::size_t sanitizerFrames = 3;  // its signal wrapper, twice, and the return path
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr std::size_t sanitizerFrames = 1;  // its backtrace
+#else
+constexpr std::size_t sanitizerFrames = 0;
+#endif
+
+// Where the crashing functions are.
+std::string const theSource = "support_crash.h:";
 
 // The lowest start of a mapping of `path`, from the kernel's own list.
 unsigned long lowestMapping(std::string const& path)
@@ -151,7 +171,7 @@ TEST(MiniDumperToolTest, Addr2lineAnswersForAddressesRelativeToTheObject)
    auto const address = reinterpret_cast<std::uintptr_t>(&aFunctionOfThisFile);
    auto const relative = reinterpret_cast<void*>(address - lowestMapping(program));
    std::string const answer = DtMiniDumper::lookupFileInfo(program, relative);
-   EXPECT_TRUE(contains(answer, theSource)) << answer;
+   EXPECT_TRUE(contains(answer, "test_olMiniDumper.cpp:")) << answer;
    EXPECT_NE('\n', answer.empty() ? 0 : answer.back());
    EXPECT_EQ("", DtMiniDumper::lookupFileInfo("/nonexistent/it's here", relative))
        << "nothing on standard output, and the quote goes to the tool as it is";
@@ -198,8 +218,18 @@ TEST_F(MiniDumperTest, ACrashWritesTheStackWithFilesAndLinesAndExitsWithOne)
       EXPECT_FALSE(std::filesystem::exists(crashPath + ".partial"));
       if (signal == SIGSEGV)
       {
-         EXPECT_TRUE(contains(lines[0], program_invocation_short_name))
-             << "frame 0 is the faulting function: " << lines[0];
+         // Frame 0 is the faulting function; under a sanitizer, which takes
+         // backtrace and the signal handlers over, frames of its own come first.
+         std::vector<std::string> frames;
+         for (std::string const& line : lines)
+         {
+            if (line.compare(0, 2, "[#") == 0)
+               frames.push_back(line);
+         }
+         std::size_t first = 0;
+         while (first < frames.size() && !contains(frames[first], program_invocation_short_name))
+            ++first;
+         EXPECT_LT(first, sanitizerFrames + 1) << "the faulting function leads:\n" << report;
       }
       std::filesystem::remove(crashPath);
    }
@@ -236,13 +266,17 @@ TEST_F(MiniDumperTest, ALogDirectoryThatIsMissingStillEndsTheProcess)
 
 TEST_F(MiniDumperTest, ASecondFaultWhileTheHandlerRunsEndsTheProcessAtOnce)
 {
-   // The crash file is a pipe with no reader: the first stage waits in open,
+   // The crash file is a full pipe: the first stage waits in its first write,
    // and a second signal arrives while it is there.
-   ASSERT_EQ(0, mkfifo(crashPath.c_str(), 0600));
+#if defined(__SANITIZE_THREAD__)
+   GTEST_SKIP() << "ThreadSanitizer holds back every signal that arrives while a handler "
+                   "runs, so a second signal can't reach the handler here";
+#endif
+   FullPipe const pipe(crashPath);
+   ASSERT_TRUE(pipe.full);
    bool reachedTheHandler = false;
    int const status = crashChild(SIGSEGV, {}, [&](pid_t child) {
-      std::string const wchan = "/proc/" + std::to_string(child) + "/wchan";
-      reachedTheHandler = waitFor([&] { return fileText(wchan) == "wait_for_partner"; });
+      reachedTheHandler = waitFor([&] { return waitsInPipeWrite(child); });
       kill(child, SIGABRT);
    });
    EXPECT_TRUE(reachedTheHandler);
