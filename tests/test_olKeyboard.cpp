@@ -207,11 +207,11 @@ TEST_F(ConsoleTest, TheEndOfInputEndsTheProcessWithStatusZero)
       SCOPED_TRACE(which == 0 ? "line" : "character");
       int fds[2];
       ASSERT_EQ(0, pipe(fds));
+      close(fds[1]);  // before the fork, so the child finds the input ended
       pid_t const child = fork();
       ASSERT_GE(child, 0);
       if (child == 0)
       {
-         close(fds[1]);
          dup2(fds[0], STDIN_FILENO);
          if (which == 0)
             DtPollBlockingInputLine();
@@ -220,7 +220,6 @@ TEST_F(ConsoleTest, TheEndOfInputEndsTheProcessWithStatusZero)
          _exit(3);  // returned instead of ending the process
       }
       close(fds[0]);
-      close(fds[1]);
       int const status = waitForChild(child);
       ASSERT_TRUE(WIFEXITED(status));
       EXPECT_EQ(0, WEXITSTATUS(status));
