@@ -31,7 +31,8 @@ constexpr int theRestoringSignalCount = sizeof theRestoringSignals / sizeof theR
 
 struct TerminalHold
 {
-   int holders = 0;
+   // Read by the signal handler.
+   volatile sig_atomic_t holders = 0;
    termios original{};
    bool exitHookRegistered = false;
    bool handlerInstalled[theRestoringSignalCount] = {};
@@ -48,7 +49,7 @@ void restoreOriginalSettings()
 // Runs in a signal handler: tcsetattr, sigaction and raise are all safe there.
 // The signal is blocked while the handler runs, so the raise takes effect, with
 // the default action, as soon as the handler returns.
-extern "C" void restoreThenResignal(int signal)
+void restoreThenResignal(int signal)
 {
    int const savedErrno = errno;
    restoreOriginalSettings();
