@@ -172,7 +172,7 @@ TEST_F(InetDeviceNetnsTest, BroadcastAndMulticastDestinations)
             {DtInetAddr("192.0.2.127"), "-"},         // the class mask does not flag it...
             {DtInetAddr("192.0.2.127", "255.255.255.128"), "olta0"},  // ... the right one does
             {DtInetAddr("203.0.113.255"), "oltdn0"},  // down, matched by its address's broadcast
-            {DtInetAddr("ff15::1234"), "lo"}})        // lo's ::1 has the destination's scope 0
+            {DtInetAddr("ff15::1234"), "olta0"}})     // first with its scope; never lo
    {
       std::unique_ptr<DtInetDevice> found(DtInetDevice::findInterface(destination));
       EXPECT_EQ(found ? found->deviceName().stdString() : "-", device) << text(&destination);
