@@ -183,11 +183,24 @@ TestHosts::TestHosts()
       script +=
           "ip route add 224.0.0.0/4 dev olteth0\n"
           "ip -6 route add multicast ff00::/8 dev olteth0 table local metric 1\n";
+      // A veth end shows its carrier a moment after it goes up, and what is sent
+      // before then is lost: wait for it (at most 5 s) so counts are exact.
+      script += "for i in $(seq 100); do\n"
+                "  ip -o link show | grep 'olteth' | grep -qv 'state UP' || break; sleep 0.05\n"
+                "done\n";
       if (!myHosts[index].sh(script))
       {
          myError = myHosts[index].error();
          return;
       }
+   }
+   // Bridge ports forward only once they see their carrier too.
+   if (!mySwitch.sh("for i in $(seq 100); do\n"
+                    "  bridge link show | grep -qv 'state forwarding' || break; sleep 0.05\n"
+                    "done\n"))
+   {
+      myError = mySwitch.error();
+      return;
    }
    myOk = true;
 }
