@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
    build-essential cmake pkg-config
    libboost-dev libboost-thread-dev libboost-system-dev uuid-dev
-   libgtest-dev libgmock-dev libbenchmark-dev
+   libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev
    iproute2 ccache clang libclang-rt-dev
 )
 
