@@ -116,21 +116,20 @@ void DtFomModule::addDatatypeReference(DtString const& user, DtString const& dat
 
 bool DtFomModule::knownDatatype(DtString const& name) const
 {
-   DtBasicDataRepresentationType basic;
-   basic.name = name;
-   DtSimpleDatatypeType simple;
-   simple.name = name;
-   DtEnumeratedDatatypeType enumerated;
-   enumerated.name = name;
-   DtArrayDatatypeType array;
-   array.name = name;
-   DtFixedRecordDatatypeType fixed;
-   fixed.name = name;
-   DtVariantRecordDatatypeType variant;
-   variant.name = name;
-   return knownBasicDataRepresentation(basic) || knownSimpleDatatype(simple) ||
-          knownEnumeratedDatatype(enumerated) || knownArrayDatatype(array) ||
-          knownFixedRecordDatatype(fixed) || knownVariantRecordDatatype(variant);
+   return basicDataRepresentations.count(name) || simpleDatatypes.count(name) ||
+          enumeratedDatatypes.count(name) || arrayDatatypes.count(name) ||
+          fixedRecordDatatypes.count(name) || variantRecordDatatypes.count(name);
+}
+
+void DtFomModule::settleOwnDatatypeReferences()
+{
+   for (auto reference = myDatatypeReferences.begin(); reference != myDatatypeReferences.end();)
+   {
+      if (knownDatatype(reference->first))
+         reference = myDatatypeReferences.erase(reference);
+      else
+         ++reference;
+   }
 }
 
 void DtFomModule::appendToString(DtFomAttribute const& attribute, DtString& text)
@@ -217,8 +216,8 @@ bool DtFomModule::addObjectClass(DtString const& name)
 bool DtFomModule::addAttribute(DtString const& objectClass, DtString const& attribute,
                                DtString const& dataType, DtString const& transportation)
 {
-   addObjectClass(objectClass);
    DtFomObjectClass& owner = myObjectClasses[objectClass];
+   owner.name = objectClass;
    if (findMember(owner.attributes, attribute))
       return false;
    owner.attributes.push_back(DtFomAttribute{attribute, dataType, transportation, {}});
@@ -239,8 +238,8 @@ bool DtFomModule::addInteractionClass(DtString const& name, DtString const& tran
 bool DtFomModule::addParameter(DtString const& interactionClass, DtString const& parameter,
                                DtString const& dataType)
 {
-   addInteractionClass(interactionClass, "");
    DtFomInteractionClass& owner = myInteractionClasses[interactionClass];
+   owner.name = interactionClass;
    if (findMember(owner.parameters, parameter))
       return false;
    owner.parameters.push_back(DtFomParameter{parameter, dataType});
@@ -489,60 +488,81 @@ DtMergeFomStatus_enum DtFomModule::postMergeCheckTarget(DtString& errors)
    return DtFedTarget::postMergeCheckTarget(errors);
 }
 
-bool DtFomModule::resolveDimensions(DtString& errors, bool& flag)
+namespace
+{
+
+// Erases from each set of a reference table the references that `known` accepts; the
+// keys stay, as the table's own removal leaves them.
+template <typename Table, typename Known>
+bool resolveInPlace(Table& table, Known known)
 {
    bool passed = true;
-   auto const known = [&](DtString const& dimension, DtString const& user)
+   for (auto& entry : table)
+   {
+      for (auto reference = entry.second.begin(); reference != entry.second.end();)
+      {
+         if (known(entry.first, *reference))
+            reference = entry.second.erase(reference);
+         else
+         {
+            passed = false;
+            ++reference;
+         }
+      }
+   }
+   return passed;
+}
+
+}  // namespace
+
+bool DtFomModule::resolveDimensions(DtString& errors, bool& flag)
+{
+   // The user's text is only built for a reference that stays unresolved.
+   auto const known = [&](DtString const& dimension, auto user)
    {
       if (myDimensions.count(dimension))
          return true;
-      errors += "Unresolved dimension " + dimension + " of " + user + "\n";
+      errors += "Unresolved dimension " + dimension + " of " + user() + "\n";
       flag = true;
-      passed = false;
       return false;
    };
-   // Each walk goes over a copy, since a resolved reference leaves the table.
-   DtUnresolvedNames const objects = unresolvedObjectDimensions;
-   for (auto const& entry : objects)
-      for (DtString const& dimension : entry.second)
-         if (known(dimension, "object class " + entry.first))
-            removeResolvedObjectDimension(entry.first, dimension);
-   DtUnresolvedPairs const attributes = unresolvedAttributeDimensions;
-   for (auto const& entry : attributes)
-      for (auto const& reference : entry.second)
-         if (known(reference.second, "attribute " + entry.first + "." + reference.first))
-            removeResolvedAttribute(entry.first, reference);
-   DtUnresolvedNames const interactions = unresolvedInteractionDimensions;
-   for (auto const& entry : interactions)
-      for (DtString const& dimension : entry.second)
-         if (known(dimension, "interaction class " + entry.first))
-            removeResolvedInteractionDimension(entry.first, dimension);
-   return passed;
+   bool const objects = resolveInPlace(
+       unresolvedObjectDimensions, [&](DtString const& owner, DtString const& dimension)
+       { return known(dimension, [&] { return "object class " + owner; }); });
+   bool const attributes =
+       resolveInPlace(unresolvedAttributeDimensions,
+                      [&](DtString const& owner, std::pair<DtString, DtString> const& reference) {
+                         return known(reference.second,
+                                      [&] { return "attribute " + owner + "." + reference.first; });
+                      });
+   bool const interactions = resolveInPlace(
+       unresolvedInteractionDimensions, [&](DtString const& owner, DtString const& dimension)
+       { return known(dimension, [&] { return "interaction class " + owner; }); });
+   return objects && attributes && interactions;
 }
 
 bool DtFomModule::resolveTranportationTypes(DtString& errors)
 {
-   bool passed = DtFedTarget::resolveTranportationTypes(errors);
-   auto const known = [&](DtString const& transportation, DtString const& user)
+   bool const named = DtFedTarget::resolveTranportationTypes(errors);
+   auto const known = [&](DtString const& transportation, auto user)
    {
-      if (transportTypeFromTransportation(transportation))
+      if (transportTypes.count(transportation))
          return true;
-      errors += "Unresolved transportation " + transportation + " of " + user + "\n";
+      errors += "Unresolved transportation " + transportation + " of " + user() + "\n";
       myUnresolvedFound = true;
-      passed = false;
       return false;
    };
-   DtUnresolvedPairs const attributes = unresolvedAttributeTransportation;
-   for (auto const& entry : attributes)
-      for (auto const& reference : entry.second)
-         if (known(reference.second, "attribute " + entry.first + "." + reference.first))
-            removeResolvedAttributeTransportation(entry.first, reference);
-   DtUnresolvedNames const interactions = unresolvedInteractionTransportation;
-   for (auto const& entry : interactions)
-      for (DtString const& transportation : entry.second)
-         if (known(transportation, "interaction class " + entry.first))
-            removeResolvedInteractionTransportation(entry.first, transportation);
-   return passed;
+   bool const attributes =
+       resolveInPlace(unresolvedAttributeTransportation,
+                      [&](DtString const& owner, std::pair<DtString, DtString> const& reference) {
+                         return known(reference.second,
+                                      [&] { return "attribute " + owner + "." + reference.first; });
+                      });
+   bool const interactions = resolveInPlace(
+       unresolvedInteractionTransportation,
+       [&](DtString const& owner, DtString const& transportation)
+       { return known(transportation, [&] { return "interaction class " + owner; }); });
+   return named && attributes && interactions;
 }
 
 bool DtFomModule::resolveDatatypes(DtString& errors)

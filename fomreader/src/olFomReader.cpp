@@ -6,8 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <initializer_list>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 
 #include <strings.h>
 
@@ -36,9 +39,15 @@ struct ReadFault
    throw ReadFault{at.offset_debug(), std::move(message)};
 }
 
+// Whether the document being read names its elements with a namespace prefix; most
+// files use none, and their names need no search for one.
+thread_local bool tPrefixedNames = false;
+
 char const* localName(pugi::xml_node node)
 {
    char const* const name = node.name();
+   if (!tPrefixedNames)
+      return name;
    char const* const colon = std::strchr(name, ':');
    return colon ? colon + 1 : name;
 }
@@ -64,11 +73,13 @@ void eachChild(pugi::xml_node parent, char const* local, Visit visit)
          visit(c);
 }
 
-// The first child element of each of the given names, in one pass over the children.
+// The first child element of each of the given names, in one pass over the children
+// that ends once all are found: the long lists of enumerators and fields come last.
 template <std::size_t N>
 void gather(pugi::xml_node parent, char const* const (&names)[N], pugi::xml_node (&out)[N])
 {
-   for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling())
+   std::size_t found = 0;
+   for (pugi::xml_node c = parent.first_child(); c && found < N; c = c.next_sibling())
    {
       if (c.type() != pugi::node_element)
          continue;
@@ -77,6 +88,7 @@ void gather(pugi::xml_node parent, char const* const (&names)[N], pugi::xml_node
          if (!out[i] && std::strcmp(local, names[i]) == 0)
          {
             out[i] = c;
+            ++found;
             break;
          }
    }
@@ -96,21 +108,28 @@ DtString collapsed(char const* begin, char const* end)
       ++begin;
    while (end > begin && isBlank(end[-1]))
       --end;
-   bool plain = true;
-   for (char const* p = begin; p < end && plain; ++p)
-      plain = !isBlank(*p) || (*p == ' ' && !isBlank(p[1]));
+   std::size_t const length = static_cast<std::size_t>(end - begin);
+   bool plain = !std::memchr(begin, '\n', length) && !std::memchr(begin, '\t', length) &&
+                !std::memchr(begin, '\r', length);
+   for (char const* blank = begin; plain;)
+   {
+      blank = static_cast<char const*>(std::memchr(blank, ' ', end - blank));
+      if (!blank)
+         break;
+      plain = *++blank != ' ';
+   }
    if (plain)
-      return DtString(begin, static_cast<int>(end - begin));
-   std::string out;
-   out.reserve(static_cast<std::size_t>(end - begin));
+      return DtString(begin, static_cast<int>(length));
+   std::string out(static_cast<std::size_t>(end - begin), '\0');
+   char* to = &out[0];
    for (char const* p = begin; p < end; ++p)
    {
       if (!isBlank(*p))
-         out += *p;
-      else if (out.back() != ' ')
-         out += ' ';
+         *to++ = *p;
+      else if (to[-1] != ' ')
+         *to++ = ' ';
    }
-   return DtString(out);
+   return DtString(out.data(), static_cast<int>(to - out.data()));
 }
 
 // The element's text, collapsed. Text split by a comment or a CDATA section is joined
@@ -288,6 +307,9 @@ public:
    {
       myModule.setFomType(DtFomType1516e);
       readIdentification(child(root, "modelIdentification"), fallbackName);
+      // Data types first, so that the references to the module's own types are known
+      // to be settled as they are met.
+      readDataTypes(child(root, "dataTypes"));
       eachChild(child(root, "objects"), "objectClass",
                 [&](pugi::xml_node c) { readObjectClass(c, DtString(), 1); });
       eachChild(child(root, "interactions"), "interactionClass",
@@ -305,8 +327,9 @@ public:
       readSwitches(child(root, "switches"));
       eachChild(child(root, "updateRates"), "updateRate",
                 [&](pugi::xml_node c) { readUpdateRate(c); });
-      readDataTypes(child(root, "dataTypes"));
       eachChild(child(root, "notes"), "note", [&](pugi::xml_node c) { readNote(c); });
+      // A data type may name one defined after it.
+      myModule.settleOwnDatatypeReferences();
    }
 
 private:
@@ -315,9 +338,23 @@ private:
    template <typename MakeUser>
    void reference(DtString const& dataType, MakeUser makeUser)
    {
-      if (dataType.isEmpty() || dataType == "NA" || myModule.datatypeReferences().count(dataType))
+      if (dataType.isEmpty() || dataType == "NA")
          return;
+      std::string_view const type(dataType.c_str());
+      if (myOwnTypes.count(type) || myReferenced.count(type))
+         return;
+      myReferenced.insert(myReferencedNames.emplace_back(type));
       myModule.addDatatypeReference(makeUser(), dataType);
+   }
+
+   // Adds a data type record; one that goes in joins the names of the module's own
+   // types, which stay in place as long as the module.
+   template <typename T>
+   void addType(bool (DtFedTarget::*add)(T*), T* record)
+   {
+      std::string_view const name(record->name.c_str());
+      if ((myModule.*add)(record))
+         myOwnTypes.insert(name);
    }
 
    DtString requiredName(pugi::xml_node node, pugi::xml_node name, char const* what)
@@ -534,8 +571,9 @@ private:
       DtString const name = requiredName(node, f[0], "basic data representation");
       unsigned int const size =
           static_cast<unsigned int>(unsignedValue(f[1], text(f[1]), 0xffffffffu, "size"));
-      myModule.addBasicDataRepresentation(new DtBasicDataRepresentationType{
-          name, size, text(f[2]), endianValue(f[3], text(f[3])), text(f[4])});
+      addType(&DtFedTarget::addBasicDataRepresentation,
+              new DtBasicDataRepresentationType{name, size, text(f[2]),
+                                                endianValue(f[3], text(f[3])), text(f[4])});
    }
 
    void readSimple(pugi::xml_node node)
@@ -546,8 +584,9 @@ private:
       gather(node, theFields, f);
       DtString const name = requiredName(node, f[0], "simple data type");
       DtString const representation = text(f[1]);
-      myModule.addSimpleDataType(new DtSimpleDatatypeType{name, representation, text(f[2]),
-                                                          text(f[3]), text(f[4]), text(f[5])});
+      addType(&DtFedTarget::addSimpleDataType,
+              new DtSimpleDatatypeType{name, representation, text(f[2]), text(f[3]), text(f[4]),
+                                       text(f[5])});
       reference(representation, [&] { return "simple data type " + name; });
    }
 
@@ -558,8 +597,8 @@ private:
       gather(node, theFields, f);
       DtString const name = requiredName(node, f[0], "enumerated data type");
       DtString const representation = text(f[1]);
-      myModule.addEnumeratedDataType(
-          new DtEnumeratedDatatypeType{name, representation, text(f[2])});
+      addType(&DtFedTarget::addEnumeratedDataType,
+              new DtEnumeratedDatatypeType{name, representation, text(f[2])});
       reference(representation, [&] { return "enumerated data type " + name; });
    }
 
@@ -571,16 +610,19 @@ private:
       gather(node, theFields, f);
       DtString const name = requiredName(node, f[0], "array data type");
       DtString const dataType = text(f[1]);
-      myModule.addArrayDataType(
-          new DtArrayDatatypeType{name, dataType, text(f[2]), text(f[3]), text(f[4])});
+      addType(&DtFedTarget::addArrayDataType,
+              new DtArrayDatatypeType{name, dataType, text(f[2]), text(f[3]), text(f[4])});
       reference(dataType, [&] { return "array data type " + name; });
    }
 
    void readFixedRecord(pugi::xml_node node)
    {
-      DtString const name = requiredName(node, child(node, "name"), "fixed record data type");
-      myModule.addFixedRecordDataType(new DtFixedRecordDatatypeType{
-          name, text(child(node, "encoding")), text(child(node, "semantics"))});
+      static char const* const theFields[] = {"name", "encoding", "semantics"};
+      pugi::xml_node f[3];
+      gather(node, theFields, f);
+      DtString const name = requiredName(node, f[0], "fixed record data type");
+      addType(&DtFedTarget::addFixedRecordDataType,
+              new DtFixedRecordDatatypeType{name, text(f[1]), text(f[2])});
       eachChild(node, "field",
                 [&](pugi::xml_node field)
                 {
@@ -615,8 +657,9 @@ private:
                    }
                    reference(type, [&] { return "alternative of " + name; });
                 });
-      myModule.addVariantRecordDataType(new DtVariantRecordDatatypeType{
-          name, text(f[1]), dataType, alternatives, text(f[3]), text(f[4])});
+      addType(&DtFedTarget::addVariantRecordDataType,
+              new DtVariantRecordDatatypeType{name, text(f[1]), dataType, alternatives, text(f[3]),
+                                              text(f[4])});
       reference(dataType, [&] { return "variant record data type " + name; });
    }
 
@@ -627,6 +670,12 @@ private:
    }
 
    DtFomModule& myModule;
+   // The names of the data types this module defines, as read so far, and of those it
+   // has referred to (kept in myReferencedNames): each type is looked up in the module
+   // once.
+   std::unordered_set<std::string_view> myOwnTypes;
+   std::unordered_set<std::string_view> myReferenced;
+   std::deque<std::string> myReferencedNames;
 };
 
 // The 1-based line of a byte offset of the input.
@@ -667,6 +716,7 @@ bool DtFomReader::readBuffer(char const* data, std::size_t size, char const* sou
    if (!parsed)
       return report(parsed.offset, std::string("not well-formed XML: ") + parsed.description());
 
+   tPrefixedNames = false;
    pugi::xml_node root;
    for (pugi::xml_node c = document.first_child(); c; c = c.next_sibling())
    {
@@ -676,6 +726,7 @@ bool DtFomReader::readBuffer(char const* data, std::size_t size, char const* sou
          return report(c.offset_debug(), "not well-formed XML: a second root element");
       root = c;
    }
+   tPrefixedNames = std::strchr(root.name(), ':') != nullptr;
    if (!isElement(root, "objectModel"))
       return report(root.offset_debug(), std::string("not an object model: the root element is <") +
                                              root.name() + ">, not <objectModel>");

@@ -225,8 +225,8 @@ public:
 };
 
 // Orders shared records by the records they point at (T::operator<, the name). It also
-// compares a shared record with a bare one, so a table can be searched by a record
-// that is not in it.
+// compares a shared record with a bare one or with a name, so a table can be searched
+// by a record that is not in it, or by name alone.
 template <typename T>
 struct FomTypeCompare
 {
@@ -237,6 +237,14 @@ struct FomTypeCompare
    }
    bool operator()(std::shared_ptr<T> const& a, T const& b) const { return *a < b; }
    bool operator()(T const& a, std::shared_ptr<T> const& b) const { return a < *b; }
+   bool operator()(std::shared_ptr<T> const& a, DtString const& name) const
+   {
+      return a->name < name;
+   }
+   bool operator()(DtString const& name, std::shared_ptr<T> const& b) const
+   {
+      return name < b->name;
+   }
 };
 
 // A table of records, one per name.

@@ -735,9 +735,7 @@ bool DtFedTarget::transportTypeConsistencyTest(DtTransportationType const& recor
 std::shared_ptr<DtTransportationType> DtFedTarget::transportTypeFromTransportation(
     DtString const& name) const
 {
-   DtTransportationType key;
-   key.name = name;
-   auto const found = transportTypes.find(key);
+   auto const found = transportTypes.find(name);
    return found == transportTypes.end() ? nullptr : *found;
 }
 

@@ -91,6 +91,10 @@ public:
    std::map<DtString, DtString> const& datatypeReferences() const { return myDatatypeReferences; }
    // Whether any of the six data type tables holds the name.
    bool knownDatatype(DtString const& name) const;
+   // Drops the references to data types that this module defines itself. A reader
+   // calls it once a module is complete, so that merges carry only the references
+   // that other modules must settle.
+   void settleOwnDatatypeReferences();
 
    std::map<DtString, DtFomObjectClass> const& objectClasses() const { return myObjectClasses; }
    std::map<DtString, DtFomInteractionClass> const& interactionClasses() const
