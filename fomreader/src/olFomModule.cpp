@@ -121,17 +121,6 @@ bool DtFomModule::knownDatatype(DtString const& name) const
           fixedRecordDatatypes.count(name) || variantRecordDatatypes.count(name);
 }
 
-void DtFomModule::settleOwnDatatypeReferences()
-{
-   for (auto reference = myDatatypeReferences.begin(); reference != myDatatypeReferences.end();)
-   {
-      if (knownDatatype(reference->first))
-         reference = myDatatypeReferences.erase(reference);
-      else
-         ++reference;
-   }
-}
-
 void DtFomModule::appendToString(DtFomAttribute const& attribute, DtString& text)
 {
    text += attribute.name;
@@ -205,45 +194,75 @@ void DtFomModule::addDimension(char const* name, unsigned long upperBound, unsig
    dimension.normalization = normalization;
 }
 
+DtFomObjectClass& DtFomModule::objectClassEntry(DtString const& name)
+{
+   DtFomObjectClass& entry = myObjectClasses[name];
+   if (entry.name.isEmpty())
+      entry.name = name;
+   return entry;
+}
+
+DtFomInteractionClass& DtFomModule::interactionClassEntry(DtString const& name,
+                                                          DtString const& transportation)
+{
+   DtFomInteractionClass& entry = myInteractionClasses[name];
+   if (entry.name.isEmpty())
+   {
+      entry.name = name;
+      entry.transportation = transportation;
+   }
+   return entry;
+}
+
+DtFomAttribute* DtFomModule::addAttributeTo(DtFomObjectClass& owner, DtString const& attribute,
+                                            DtString const& dataType,
+                                            DtString const& transportation)
+{
+   if (findMember(owner.attributes, attribute))
+      return nullptr;
+   owner.attributes.emplace_back();
+   DtFomAttribute& added = owner.attributes.back();
+   added.name = attribute;
+   added.dataType = dataType;
+   added.transportation = transportation;
+   return &added;
+}
+
+bool DtFomModule::addParameterTo(DtFomInteractionClass& owner, DtString const& parameter,
+                                 DtString const& dataType)
+{
+   if (findMember(owner.parameters, parameter))
+      return false;
+   owner.parameters.emplace_back();
+   owner.parameters.back().name = parameter;
+   owner.parameters.back().dataType = dataType;
+   return true;
+}
+
 bool DtFomModule::addObjectClass(DtString const& name)
 {
-   auto const added = myObjectClasses.emplace(name, DtFomObjectClass());
-   if (added.second)
-      added.first->second.name = name;
-   return added.second;
+   std::size_t const before = myObjectClasses.size();
+   objectClassEntry(name);
+   return myObjectClasses.size() != before;
 }
 
 bool DtFomModule::addAttribute(DtString const& objectClass, DtString const& attribute,
                                DtString const& dataType, DtString const& transportation)
 {
-   DtFomObjectClass& owner = myObjectClasses[objectClass];
-   owner.name = objectClass;
-   if (findMember(owner.attributes, attribute))
-      return false;
-   owner.attributes.push_back(DtFomAttribute{attribute, dataType, transportation, {}});
-   return true;
+   return addAttributeTo(objectClassEntry(objectClass), attribute, dataType, transportation);
 }
 
 bool DtFomModule::addInteractionClass(DtString const& name, DtString const& transportation)
 {
-   auto const added = myInteractionClasses.emplace(name, DtFomInteractionClass());
-   if (added.second)
-   {
-      added.first->second.name = name;
-      added.first->second.transportation = transportation;
-   }
-   return added.second;
+   std::size_t const before = myInteractionClasses.size();
+   interactionClassEntry(name, transportation);
+   return myInteractionClasses.size() != before;
 }
 
 bool DtFomModule::addParameter(DtString const& interactionClass, DtString const& parameter,
                                DtString const& dataType)
 {
-   DtFomInteractionClass& owner = myInteractionClasses[interactionClass];
-   owner.name = interactionClass;
-   if (findMember(owner.parameters, parameter))
-      return false;
-   owner.parameters.push_back(DtFomParameter{parameter, dataType});
-   return true;
+   return addParameterTo(interactionClassEntry(interactionClass, ""), parameter, dataType);
 }
 
 bool DtFomModule::knownObjectClass(DtString const& name) const

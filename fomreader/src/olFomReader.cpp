@@ -52,9 +52,16 @@ char const* localName(pugi::xml_node node)
    return colon ? colon + 1 : name;
 }
 
+// Compares the first byte in line before calling strcmp: most names that a walk meets
+// are not the one it looks for.
+bool nameIs(char const* name, char const* wanted)
+{
+   return name[0] == wanted[0] && std::strcmp(name, wanted) == 0;
+}
+
 bool isElement(pugi::xml_node node, char const* local)
 {
-   return node.type() == pugi::node_element && std::strcmp(localName(node), local) == 0;
+   return node.type() == pugi::node_element && nameIs(localName(node), local);
 }
 
 pugi::xml_node child(pugi::xml_node parent, char const* local)
@@ -85,7 +92,7 @@ void gather(pugi::xml_node parent, char const* const (&names)[N], pugi::xml_node
          continue;
       char const* const local = localName(c);
       for (std::size_t i = 0; i < N; ++i)
-         if (!out[i] && std::strcmp(local, names[i]) == 0)
+         if (!out[i] && nameIs(local, names[i]))
          {
             out[i] = c;
             ++found;
@@ -109,14 +116,24 @@ DtString collapsed(char const* begin, char const* end)
    while (end > begin && isBlank(end[-1]))
       --end;
    std::size_t const length = static_cast<std::size_t>(end - begin);
-   bool plain = !std::memchr(begin, '\n', length) && !std::memchr(begin, '\t', length) &&
-                !std::memchr(begin, '\r', length);
-   for (char const* blank = begin; plain;)
+   bool plain = true;
+   if (length < 64)
    {
-      blank = static_cast<char const*>(std::memchr(blank, ' ', end - blank));
-      if (!blank)
-         break;
-      plain = *++blank != ' ';
+      // Names and short values: one pass costs less than several searches.
+      for (char const* p = begin; p < end && plain; ++p)
+         plain = static_cast<unsigned char>(*p) > ' ' || (*p == ' ' && p[1] != ' ');
+   }
+   else
+   {
+      plain = !std::memchr(begin, '\n', length) && !std::memchr(begin, '\t', length) &&
+              !std::memchr(begin, '\r', length);
+      for (char const* blank = begin; plain;)
+      {
+         blank = static_cast<char const*>(std::memchr(blank, ' ', end - blank));
+         if (!blank)
+            break;
+         plain = *++blank != ' ';
+      }
    }
    if (plain)
       return DtString(begin, static_cast<int>(length));
@@ -310,6 +327,7 @@ public:
       // Data types first, so that the references to the module's own types are known
       // to be settled as they are met.
       readDataTypes(child(root, "dataTypes"));
+      finishDataTypes();
       eachChild(child(root, "objects"), "objectClass",
                 [&](pugi::xml_node c) { readObjectClass(c, DtString(), 1); });
       eachChild(child(root, "interactions"), "interactionClass",
@@ -328,8 +346,6 @@ public:
       eachChild(child(root, "updateRates"), "updateRate",
                 [&](pugi::xml_node c) { readUpdateRate(c); });
       eachChild(child(root, "notes"), "note", [&](pugi::xml_node c) { readNote(c); });
-      // A data type may name one defined after it.
-      myModule.settleOwnDatatypeReferences();
    }
 
 private:
@@ -344,7 +360,21 @@ private:
       if (myOwnTypes.count(type) || myReferenced.count(type))
          return;
       myReferenced.insert(myReferencedNames.emplace_back(type));
-      myModule.addDatatypeReference(makeUser(), dataType);
+      // A data type may name one that the module defines further on: what the data
+      // types refer to waits until all of them are read.
+      if (myTypesRead)
+         myModule.addDatatypeReference(makeUser(), dataType);
+      else
+         myPending.emplace_back(makeUser(), dataType);
+   }
+
+   void finishDataTypes()
+   {
+      myTypesRead = true;
+      for (auto const& pending : myPending)
+         if (!myOwnTypes.count(pending.second.c_str()))
+            myModule.addDatatypeReference(pending.first, pending.second);
+      myPending.clear();
    }
 
    // Adds a data type record; one that goes in joins the names of the module's own
@@ -386,18 +416,17 @@ private:
          fault(node, "object classes nested deeper than " +
                          std::to_string(DtFomReader::theMaxClassDepth) + " levels");
       DtString const name = requiredName(node, child(node, "name"), "object class");
-      DtString const full = parent.isEmpty() ? name : parent + "." + name;
-      myModule.addObjectClass(full);
+      DtFomObjectClass& entry = myModule.objectClassEntry(fullName(parent, name));
       for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling())
       {
          if (isElement(c, "attribute"))
-            readAttribute(c, full);
+            readAttribute(c, entry);
          else if (isElement(c, "objectClass"))
-            readObjectClass(c, full, depth + 1);
+            readObjectClass(c, entry.name, depth + 1);
       }
    }
 
-   void readAttribute(pugi::xml_node node, DtString const& owner)
+   void readAttribute(pugi::xml_node node, DtFomObjectClass& owner)
    {
       static char const* const theFields[] = {"name", "dataType", "transportation", "dimensions"};
       pugi::xml_node f[4];
@@ -405,17 +434,22 @@ private:
       DtString const name = requiredName(node, f[0], "attribute");
       DtString const dataType = text(f[1]);
       DtString const transportation = text(f[2]);
-      myModule.addAttribute(owner, name, dataType, transportation);
+      DtFomAttribute* const added = myModule.addAttributeTo(owner, name, dataType, transportation);
       eachChild(f[3], "dimension",
                 [&](pugi::xml_node d)
                 {
                    DtString const dimension = text(d);
-                   if (!dimension.isEmpty())
-                      myModule.addUnresolvedAttributeDimension(owner, name, dimension);
+                   if (dimension.isEmpty())
+                      return;
+                   if (added)
+                      added->dimensions.insert(dimension);
+                   // The module's own override would find the attribute again.
+                   myModule.DtFedTarget::addUnresolvedAttributeDimension(owner.name, name,
+                                                                         dimension);
                 });
       if (!transportation.isEmpty())
-         myModule.addUnresolvedAttributeTransportation(owner, name, transportation);
-      reference(dataType, [&] { return "attribute " + owner + "." + name; });
+         myModule.addUnresolvedAttributeTransportation(owner.name, name, transportation);
+      reference(dataType, [&] { return "attribute " + owner.name + "." + name; });
    }
 
    void readInteractionClass(pugi::xml_node node, DtString const& parent, int depth)
@@ -423,34 +457,63 @@ private:
       if (depth > DtFomReader::theMaxClassDepth)
          fault(node, "interaction classes nested deeper than " +
                          std::to_string(DtFomReader::theMaxClassDepth) + " levels");
-      static char const* const theFields[] = {"name", "transportation", "dimensions"};
-      pugi::xml_node f[3];
-      gather(node, theFields, f);
-      DtString const name = requiredName(node, f[0], "interaction class");
-      DtString const full = parent.isEmpty() ? name : parent + "." + name;
-      DtString const transportation = text(f[1]);
-      myModule.addInteractionClass(full, transportation);
-      eachChild(f[2], "dimension",
+      // One pass sorts the children; the class is made once its name is known.
+      pugi::xml_node nameNode, transportationNode, dimensionsNode;
+      std::vector<pugi::xml_node> parameters, subclasses;
+      for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling())
+      {
+         if (c.type() != pugi::node_element)
+            continue;
+         char const* const local = localName(c);
+         if (nameIs(local, "parameter"))
+            parameters.push_back(c);
+         else if (nameIs(local, "interactionClass"))
+            subclasses.push_back(c);
+         else if (!nameNode && nameIs(local, "name"))
+            nameNode = c;
+         else if (!transportationNode && nameIs(local, "transportation"))
+            transportationNode = c;
+         else if (!dimensionsNode && nameIs(local, "dimensions"))
+            dimensionsNode = c;
+      }
+      DtString const name = requiredName(node, nameNode, "interaction class");
+      DtString const transportation = text(transportationNode);
+      DtFomInteractionClass& entry =
+          myModule.interactionClassEntry(fullName(parent, name), transportation);
+      eachChild(dimensionsNode, "dimension",
                 [&](pugi::xml_node d)
                 {
                    DtString const dimension = text(d);
-                   if (!dimension.isEmpty())
-                      myModule.addUnresolvedInteractionDimension(full, dimension);
+                   if (dimension.isEmpty())
+                      return;
+                   entry.dimensions.insert(dimension);
+                   myModule.DtFedTarget::addUnresolvedInteractionDimension(entry.name, dimension);
                 });
       if (!transportation.isEmpty())
-         myModule.addUnresolvedInteractionTransportation(full, transportation);
-      for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling())
+         myModule.addUnresolvedInteractionTransportation(entry.name, transportation);
+      for (pugi::xml_node c : parameters)
       {
-         if (isElement(c, "parameter"))
-         {
-            DtString const parameter = requiredName(c, child(c, "name"), "parameter");
-            DtString const dataType = text(child(c, "dataType"));
-            myModule.addParameter(full, parameter, dataType);
-            reference(dataType, [&] { return "parameter " + full + "." + parameter; });
-         }
-         else if (isElement(c, "interactionClass"))
-            readInteractionClass(c, full, depth + 1);
+         static char const* const theParameterFields[] = {"name", "dataType"};
+         pugi::xml_node p[2];
+         gather(c, theParameterFields, p);
+         DtString const parameter = requiredName(c, p[0], "parameter");
+         DtString const dataType = text(p[1]);
+         myModule.addParameterTo(entry, parameter, dataType);
+         reference(dataType, [&] { return "parameter " + entry.name + "." + parameter; });
       }
+      for (pugi::xml_node c : subclasses)
+         readInteractionClass(c, entry.name, depth + 1);
+   }
+
+   // A class's full dotted name, from its parent's.
+   static DtString fullName(DtString const& parent, DtString const& name)
+   {
+      if (parent.isEmpty())
+         return name;
+      std::string full = parent.stdString();
+      full += '.';
+      full += name.c_str();
+      return DtString(full);
    }
 
    void readDimension(pugi::xml_node node)
@@ -676,6 +739,9 @@ private:
    std::unordered_set<std::string_view> myOwnTypes;
    std::unordered_set<std::string_view> myReferenced;
    std::deque<std::string> myReferencedNames;
+   // References made by data types, as (user, type), until every type is read.
+   bool myTypesRead = false;
+   std::vector<std::pair<DtString, DtString>> myPending;
 };
 
 // The 1-based line of a byte offset of the input.

@@ -91,10 +91,18 @@ public:
    std::map<DtString, DtString> const& datatypeReferences() const { return myDatatypeReferences; }
    // Whether any of the six data type tables holds the name.
    bool knownDatatype(DtString const& name) const;
-   // Drops the references to data types that this module defines itself. A reader
-   // calls it once a module is complete, so that merges carry only the references
-   // that other modules must settle.
-   void settleOwnDatatypeReferences();
+
+   // For a reader that adds one class's members after another: the class's entry,
+   // made when it is new, to add members to without looking the class up each time.
+   // The entries stay in place while the module lives. addAttributeTo gives null and
+   // addParameterTo false when the class has the member already.
+   DtFomObjectClass& objectClassEntry(DtString const& name);
+   DtFomInteractionClass& interactionClassEntry(DtString const& name,
+                                                DtString const& transportation);
+   DtFomAttribute* addAttributeTo(DtFomObjectClass& owner, DtString const& attribute,
+                                  DtString const& dataType, DtString const& transportation);
+   bool addParameterTo(DtFomInteractionClass& owner, DtString const& parameter,
+                       DtString const& dataType);
 
    std::map<DtString, DtFomObjectClass> const& objectClasses() const { return myObjectClasses; }
    std::map<DtString, DtFomInteractionClass> const& interactionClasses() const
