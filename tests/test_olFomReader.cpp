@@ -5,10 +5,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -101,6 +101,33 @@ std::string fingerprint(DtFomModule const& m)
       out += "|";
    }
    return out.stdString();
+}
+
+std::string replaceAll(std::string text, std::string const& from, std::string const& to)
+{
+   for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at))
+   {
+      text.replace(at, from.size(), to);
+      at += to.size();
+   }
+   return text;
+}
+
+// Every element name given the prefix "fom:", and the namespace declared for it.
+std::string withPrefix(std::string const& text)
+{
+   std::string out;
+   for (std::size_t i = 0; i < text.size(); ++i)
+   {
+      out += text[i];
+      if (text[i] != '<')
+         continue;
+      if (i + 1 < text.size() && text[i + 1] == '/')
+         out += text[++i];
+      if (i + 1 < text.size() && std::isalpha(static_cast<unsigned char>(text[i + 1])))
+         out += "fom:";
+   }
+   return replaceAll(out, "xmlns=", "xmlns:fom=");
 }
 
 // Every .xml file below a folder.
@@ -243,20 +270,18 @@ TEST(FomReader, AcceptsTheFormsRealFilesTake)
    DtString error;
    ASSERT_TRUE(DtFomReader::readBuffer(plain.data(), plain.size(), "base.xml", reference, error));
 
-   std::string const prefixed =
-       std::regex_replace(std::regex_replace(plain, std::regex("<(/?)([A-Za-z])"), "<$1fom:$2"),
-                          std::regex("xmlns="), "xmlns:fom=");
    struct Row
    {
       char const* what;
       std::string text;
    } const rows[] = {
-       {"CRLF line ends", std::regex_replace(plain, std::regex("\n"), "\r\n")},
+       {"CRLF line ends", replaceAll(plain, "\n", "\r\n")},
        {"byte order mark", "\xEF\xBB\xBF" + plain},
-       {"SISO namespace", std::regex_replace(plain, std::regex("standards.ieee.org/IEEE1516-2010"),
-                                             "www.sisostds.org/schemas/IEEE1516-2010")},
-       {"no namespace", std::regex_replace(plain, std::regex(" xmlns=\"[^\"]*\""), "")},
-       {"namespace prefix", prefixed},
+       {"SISO namespace", replaceAll(plain, "standards.ieee.org/IEEE1516-2010",
+                                     "www.sisostds.org/schemas/IEEE1516-2010")},
+       {"no namespace",
+        replaceAll(plain, " xmlns=\"http://standards.ieee.org/IEEE1516-2010\"", "")},
+       {"namespace prefix", withPrefix(plain)},
    };
    for (auto const& row : rows)
    {
