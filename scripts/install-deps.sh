@@ -31,7 +31,9 @@ is_on() {
 required=(build-essential cmake libboost-dev libboost-thread-dev libboost-system-dev uuid-dev)
 # What only some builds need. pkg-config goes with the tests: CI builds a program
 # against an installed tree with it.
-optional=(ccache)
+# The FOM module reader (olfom-merge and its tests) needs pugixml; without it CMake
+# leaves the reader out.
+optional=(ccache libpugixml-dev)
 is_on "$want_tests" && optional+=(libgtest-dev libgmock-dev iproute2 pkg-config)
 is_on "$want_bench" && optional+=(libbenchmark-dev)
 is_on "$want_fuzz" && optional+=(clang libclang-rt-dev)

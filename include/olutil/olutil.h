@@ -50,4 +50,7 @@
 // Platform
 #include <olutil/olProcessControl.h>
 
+// FOM
+#include <olutil/olFedTarget.h>
+
 #endif  // OLUTIL_UMBRELLA_H
