@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -49,7 +50,8 @@ TEST(DtThreadTest, WalksThroughTheStateTable)
    unsigned long const handle = thread.handle();
    EXPECT_EQ(1, thread.start()) << "a second start before the join is refused";
 
-   ASSERT_TRUE(waitFor([&] { return thread.isRunning(); }));
+   // `running` is set before the body is entered: wait for the body itself too.
+   ASSERT_TRUE(waitFor([&] { return thread.isRunning() && runnable.threadId != 0; }));
    EXPECT_FALSE(thread.stopped());
    EXPECT_EQ(handle, runnable.threadId.load());
 
@@ -70,7 +72,7 @@ TEST(DtThreadTest, DestructorStopsAndJoinsRunnablesAndFunctions)
 {
    // A plain function can only watch its flag: DtThreadStart::stop has nothing to call.
    auto function = [](void* sawStop, bool volatile* flag)
-   { *static_cast<std::atomic<bool>*>(sawStop) = waitFor([flag] { return *flag; }); };
+   { *static_cast<std::atomic<bool>*>(sawStop) = waitFor([flag] { return DtStopRequested(flag); }); };
    PollingRunnable runnable;
    std::atomic<bool> functionSawStop(false);
    {
@@ -82,6 +84,46 @@ TEST(DtThreadTest, DestructorStopsAndJoinsRunnablesAndFunctions)
    EXPECT_TRUE(runnable.sawStop.load() && functionSawStop.load());
 }
 
+TEST(DtThreadTest, StopsFromManyThreadsAtOnceReachTheRunnableOnce)
+{
+   PollingRunnable runnable;
+   DtThread thread(std::make_shared<DtThreadStart>(&runnable));
+   ASSERT_EQ(0, thread.start());
+   std::vector<std::thread> stoppers;
+   for (int i = 0; i < 4; ++i)
+      stoppers.emplace_back([&] { thread.stop(false); });
+   for (std::thread& stopper : stoppers)
+      stopper.join();
+   thread.stop(true);
+   EXPECT_TRUE(runnable.sawStop && runnable.stopCalls == 1) << runnable.stopCalls;
+}
+
+TEST(DtThreadTest, JoinedThreadIsNotJoinedAgainUnderAReusedIdentifier)
+{
+   // The system hands a joined thread's identifier to the next thread it makes: a
+   // DtThread whose thread was joined must leave that newcomer alone when it stops.
+   auto quick = [](void*, bool volatile*) {};
+   auto newcomer = [](void*) -> void* { return nullptr; };
+   for (int attempt = 0; attempt < 50; ++attempt)
+   {
+      auto first = std::make_unique<DtThread>(std::make_shared<DtThreadStart>(quick, nullptr));
+      ASSERT_EQ(0, first->start());
+      ASSERT_EQ(0, first->join());
+      unsigned long const other = DtThreadCreate(newcomer, nullptr, nullptr);
+      ASSERT_NE(0UL, other);
+      if (other != first->handle())
+      {
+         EXPECT_EQ(0, DtThreadJoin(other));
+         continue;
+      }
+      EXPECT_EQ(2, first->join()) << "joined once";
+      first.reset();  // stop(true) joins nothing now
+      EXPECT_EQ(0, DtThreadJoin(other)) << "the newcomer was joined by a DtThread that did not start it";
+      return;
+   }
+   GTEST_SKIP() << "the system gave no thread identifier twice in 50 attempts";
+}
+
 TEST(DtThreadTest, StartInCurrentThreadIsOutOfReachOfStop)
 {
    auto body = [](void* argument, bool volatile* stopFlag)
@@ -89,7 +131,7 @@ TEST(DtThreadTest, StartInCurrentThreadIsOutOfReachOfStop)
       auto* thread = static_cast<DtThread*>(argument);
       EXPECT_TRUE(thread->isRunning());
       thread->stop(true);
-      EXPECT_FALSE(*stopFlag);
+      EXPECT_FALSE(DtStopRequested(stopFlag));
    };
    DtThread thread(std::make_shared<DtThreadStart>(body, &thread));
    EXPECT_EQ(0, thread.startInCurrentThread());
@@ -110,6 +152,43 @@ TEST(DtThreadFunctionsTest, CreateJoinOnceAndRefuseInvalidIdentifiers)
    EXPECT_EQ(2, DtThreadJoin(DtGetThreadId())) << "a self-join";
    for (unsigned long bad : {0UL, 12345UL})
       EXPECT_TRUE(DtThreadJoin(bad) == 2 && DtThreadStop(bad) == 1) << bad;
+}
+
+TEST(DtThreadFunctionsTest, JoinsFromSeveralThreadsAllReturnAfterTheEnd)
+{
+   struct Body
+   {
+      std::atomic<bool> release{false}, ended{false};
+   } body;
+   auto run = [](void* argument) -> void*
+   {
+      auto* shared = static_cast<Body*>(argument);
+      waitFor([shared] { return shared->release.load(); });
+      shared->ended = true;
+      return nullptr;
+   };
+   unsigned long const id = DtThreadCreate(run, &body, nullptr);
+   ASSERT_NE(0UL, id);
+   std::atomic<int> started{0}, joined{0}, returnedEarly{0};
+   std::vector<std::thread> joiners;
+   for (int i = 0; i < 3; ++i)
+      joiners.emplace_back(
+          [&]
+          {
+             ++started;
+             int const result = DtThreadJoin(id);
+             joined += result == 0;
+             returnedEarly += !body.ended;
+          });
+   waitFor([&] { return started.load() == 3; });
+   // Most often every joiner is inside DtThreadJoin by now; any order must hold.
+   std::this_thread::sleep_for(std::chrono::milliseconds(20));
+   body.release = true;
+   for (std::thread& joiner : joiners)
+      joiner.join();
+   EXPECT_EQ(0, returnedEarly.load()) << "a join returned while the thread still ran";
+   EXPECT_GE(joined.load(), 1);
+   EXPECT_EQ(2, DtThreadJoin(id)) << "joined once";
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -116,6 +117,112 @@ TEST(DtThreadedObjectTest, StopsWithAndWithoutWaitJoinsAndStartsAgain)
    joined.start();
    joined.join();  // waits for the body's own end
    EXPECT_TRUE(finite->ends == 1 && !joined.running());
+}
+
+TEST(DtThreadedObjectTest, StopWithWaitReturnsAfterTheBodyEvenAfterStopWithoutWait)
+{
+   auto runnable = std::make_shared<CountingRunnable>();
+   runnable->lingerMs = 50;  // slow to wind down, so an early return shows
+   DtThreadedObject object(runnable);
+   object.start();
+   object.stop(false);
+   object.stop(true);
+   EXPECT_EQ(1, runnable->ends.load()) << "stop(true) returned while the body still ran";
+   EXPECT_NO_THROW(object.stop(true)) << "the thread stays after stop(false)";
+   object.start();  // replaces the thread
+   object.stop(true);
+   EXPECT_TRUE(runnable->runs == 2 && runnable->ends == 2);
+}
+
+// stop(false) and stop(true) from two threads at once, in both roles: the thread
+// pointer is tested and used under one lock, and stop(true) returns after the body.
+TEST(DtThreadedObjectTest, StopsFromTwoThreadsAtOnce)
+{
+   auto runnable = std::make_shared<CountingRunnable>();
+   DtThreadedObject object(runnable);
+   auto stop = [&object](bool wait)
+   {
+      try
+      {
+         object.stop(wait);
+      }
+      catch (DtThreadNotStarted const&)
+      {
+         EXPECT_FALSE(wait) << "stop(false) never removes the thread";
+      }
+   };
+   for (int round = 0; round < 300; ++round)
+   {
+      SCOPED_TRACE(round);
+      bool const otherWaits = round % 2 == 1;
+      object.start();
+      std::thread other(stop, otherWaits);
+      stop(!otherWaits);
+      other.join();
+      ASSERT_EQ(round + 1, runnable->ends.load()) << "a stop(true) returned before the body ended";
+      ASSERT_FALSE(object.running());
+   }
+}
+
+// While one or two threads wait in join(), stop(true) from another still waits for
+// the body, and does not free what the body and the joiners use.
+TEST(DtThreadedObjectTest, StopWaitsForTheBodyWhileOtherThreadsJoin)
+{
+   auto runnable = std::make_shared<CountingRunnable>();
+   runnable->lingerMs = 20;
+   DtThreadedObject object(runnable);
+   for (int round = 0; round < 20; ++round)
+   {
+      SCOPED_TRACE(round);
+      object.start();
+      std::atomic<int> joining{0};
+      std::vector<std::thread> joiners;
+      for (int i = 0; i <= round % 2; ++i)
+         joiners.emplace_back([&] { ++joining, object.join(); });
+      waitFor([&] { return joining.load() == round % 2 + 1; });
+      // Most often the joins are under way now; any order must hold.
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      object.stop(true);
+      EXPECT_EQ(round + 1, runnable->ends.load()) << "stop(true) returned before the body ended";
+      for (std::thread& joiner : joiners)
+         joiner.join();
+      EXPECT_FALSE(object.running());
+   }
+   // A body that ends by itself while one thread joins and another stops.
+   auto finite = std::make_shared<CountingRunnable>();
+   finite->rounds = 20;
+   object.setRunnableObject(finite);
+   object.start();
+   std::thread joiner([&] { object.join(); });
+   object.stop(true);
+   joiner.join();
+   EXPECT_TRUE(finite->ends == 1 && !object.running());
+}
+
+// A body may stop its own object: it cannot wait for its own end, so the request
+// only signals, and the thread is joined later.
+TEST(DtThreadedObjectTest, BodyStopsItsOwnObject)
+{
+   class SelfStopping : public DtRunnable
+   {
+   public:
+      void run() override
+      {
+         owner->stop(true);
+         sawStop = timeToStop();
+         ended = true;
+      }
+      DtThreadedObject* owner = nullptr;
+      std::atomic<bool> sawStop{false}, ended{false};
+   };
+   auto runnable = std::make_shared<SelfStopping>();
+   {
+      DtThreadedObject object(runnable);
+      runnable->owner = &object;
+      object.start();
+      ASSERT_TRUE(waitFor([&] { return runnable->ended.load(); }));
+      EXPECT_TRUE(runnable->sawStop && !object.running());
+   }  // joins the thread the body left behind
 }
 
 TEST(DtIoServiceRunnableTest, RunsPostedWorkUntilTheThreadStopsAgainAndAgain)

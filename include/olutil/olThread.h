@@ -17,6 +17,21 @@
 
 class DtRunnable;
 
+// The stop flag a thread's body is handed is written by the owner's thread and read
+// by the body's, so every access to it is atomic: these two are how it is read and
+// written. A body given as a plain function polls DtStopRequested(stopFlag); a
+// DtRunnable calls timeToStop(), which does the same. Setting the flag happens
+// before any read that sees it set (release and acquire), so what the owner wrote
+// before asking for the stop is visible to the body once it sees the request.
+inline bool DtStopRequested(bool volatile const* stopFlag)
+{
+   return __atomic_load_n(stopFlag, __ATOMIC_ACQUIRE);
+}
+inline void DtSetStopFlag(bool volatile* stopFlag, bool value)
+{
+   __atomic_store_n(stopFlag, value, __ATOMIC_RELEASE);
+}
+
 // What a thread runs: either a DtRunnable (not owned) or a plain function given its
 // argument and the thread's stop flag. A plain function can only watch the flag, so
 // stop() reaches runnables only.
@@ -49,13 +64,17 @@ private:
 //   Body ended, not joined         set      either          false
 //   Joined                         0        true            false
 //
-// Thread safety: start, stop(true), join and destruction belong to the thread that
-// owns the object; handle and hasStarted() are not guarded. stopped() and
-// isRunning() may be called from any thread. The body reads the stop flag without a
-// lock through the pointer it was given and must poll it: stop() only sets the flag
-// and forwards the request to the runnable, it never interrupts the body. Setting
-// the flag happens before the runnable's stop() is called; the body's end happens
-// before stop(true) and join() return.
+// Thread safety: start, stop(true) and destruction belong to the thread that owns
+// the object; handle and hasStarted() are not guarded. stop(false), stopped(),
+// isRunning() and join() may be called from any thread. The body reads the stop
+// flag atomically (DtStopRequested) through the pointer it was given and must poll
+// it: stop() only sets the flag and forwards the request to the runnable, it never
+// interrupts the body. Setting the flag happens before the runnable's stop() is
+// called, and it is forwarded once however many threads ask. The body's end happens
+// before stop(true) and join() return, whichever thread joins the thread first: a
+// join that finds another one under way waits for it. join() acts only on the
+// thread this object started, so a join after the thread was joined cannot reach
+// another thread that the system has since given the same identifier.
 //
 // stop() calls the runnable's stop() while holding this object's mutex, so a
 // runnable's stop() must not wait for anything that needs that mutex.
@@ -88,7 +107,8 @@ public:
    bool hasStarted() const { return handle_ != 0; }
    bool stopped();
    bool isRunning() const;
-   // Joins the thread: 0 on success, 2 on failure (also when never started).
+   // Joins the thread this object started: 0 once it has ended, 2 on failure (also
+   // when never started, or when its thread was joined already).
    int join() const;
 
    unsigned long handle() const { return handle_; }
@@ -110,7 +130,9 @@ private:
 // DtThreadJoin and DtThreadStop act only on threads made by DtThreadCreate and not
 // yet joined; any other identifier (0, a stale or made-up value) is refused with
 // their failure result instead of being handed to the system, where it would be
-// undefined behaviour. Each thread may be joined once.
+// undefined behaviour. Each thread is joined once: a DtThreadJoin that finds another
+// join of the same thread under way waits for that one and then returns 0 too, so
+// every caller returns after the thread has ended. A thread cannot join itself (2).
 
 // Creates a thread with default attributes running function(argument); writes the
 // identifier to *id when id is not null. Returns the identifier, or 0 on failure.

@@ -31,7 +31,9 @@
 //
 // Thread safety: run() executes on the thread that called execute(). stop() is
 // called from the owner's thread while the owner holds its thread's lock, after the
-// stop flag was set; it must not block.
+// stop flag was set; it must not block. The flag is written by the owner's thread
+// and read by run()'s: timeToStop() reads it atomically, and a derived class that
+// touches stopFlag_ itself goes through DtStopRequested and DtSetStopFlag.
 class DtRunnable
 {
 public:
@@ -50,7 +52,7 @@ public:
 
    // True once a stop has been requested. Meant for run(): a runnable whose run() is
    // called directly, with no flag installed by execute(), is told to stop.
-   bool timeToStop() const { return stopFlag_ == nullptr || *stopFlag_; }
+   bool timeToStop() const { return stopFlag_ == nullptr || DtStopRequested(stopFlag_); }
 
 protected:
    bool volatile* stopFlag_;
@@ -64,14 +66,18 @@ protected:
 //   ...
 //   worker.stop(true);     // sets the flag and waits for run() to return
 //
-// Thread safety: the object is meant to be driven by one owning thread; running()
-// and runnableObject() may be called from any thread. The lock is recursive and is
-// held while stop(true) waits for the body, so a body that calls running() or
-// runnableObject() on its owner while being stopped waits for ever. After
-// stop(false), running() is false at once although the body may still run until it
-// sees the flag; the thread is joined at the next start() or at destruction.
-// The runnable's stop() is called when a stop is requested, and the body's end
-// happens before stop(true) returns.
+// Thread safety: every operation but destruction may be called from any thread, also
+// while another thread is inside one: each tests and uses the thread under the
+// object's lock. The lock is recursive and is held while stop(true), start() and
+// setRunnableObject() wait for a body, so a body that calls running() or
+// runnableObject() on its owner at that time waits for ever; join() waits without
+// it. The body's end happens before stop(true) returns, whoever else is joining the
+// thread and also after an earlier stop(false); a join() under way on another thread
+// returns when the body ends. A body that calls stop(true) on its own object cannot
+// wait for itself: the request then acts as stop(false). After stop(false),
+// running() is false at once although the body may still run until it sees the
+// flag; the thread is joined at the next start(), stop(true) or destruction. The
+// runnable's stop() is called once per run, when a stop is first requested.
 class DtThreadedObject
 {
 public:
@@ -87,9 +93,10 @@ public:
    // could be started.
    void start();
    // Requests a stop; with wait true also waits for the body to end. Throws
-   // DtThreadNotStarted if no thread was ever started.
+   // DtThreadNotStarted if no thread was ever started, or after stop(true) removed it.
    void stop(bool wait);
-   // Waits for a running body to end by itself; returns at once if never started.
+   // Waits for a running body to end by itself; returns at once if never started or
+   // not running (after stop(false), say).
    void join();
 
    bool running() const;

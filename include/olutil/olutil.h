@@ -60,4 +60,7 @@
 #include <olutil/olKeyboard.h>
 #include <olutil/olMemUtil.h>
 
+// FOM
+#include <olutil/olFedTarget.h>
+
 #endif  // OLUTIL_UMBRELLA_H

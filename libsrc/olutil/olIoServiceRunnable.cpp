@@ -44,7 +44,7 @@ DtIoServiceRunnable::~DtIoServiceRunnable()
    // only a loop still running is told to stop.
    if (!finished_ && stopFlag_)
    {
-      *stopFlag_ = true;
+      DtSetStopFlag(stopFlag_, true);
    }
    while (!finished_)
    {

@@ -6,8 +6,9 @@
 
 #include <cxxabi.h>
 
+#include <condition_variable>
 #include <mutex>
-#include <unordered_set>
+#include <unordered_map>
 
 #include <olutil/olThreadedObject.h>
 
@@ -17,7 +18,11 @@ namespace
 // The threads made by DtThreadCreate that nobody has joined yet. pthread_join and
 // pthread_cancel on an identifier that is not a live, joinable thread are undefined
 // behaviour (glibc dereferences it), so the wrappers refuse identifiers not found
-// here. Joining removes the entry first, so a thread is joined at most once.
+// here. A thread is joined once: whoever comes first joins it, and whoever asks
+// while that join is under way waits for it, so no caller returns before the thread
+// has ended. Each entry remembers what the thread was started with, so that a
+// DtThread joins only its own thread and never one that the system has given the
+// same identifier after the first was joined.
 class JoinableThreads
 {
 public:
@@ -30,29 +35,109 @@ public:
 
    std::mutex& mutex() { return mutex_; }
    // Called with mutex() held.
-   void add(unsigned long id) { ids_.insert(id); }
+   void add(unsigned long id, void* (*function)(void*), void* argument)
+   {
+      threads_[id] = Entry{function, argument, ++generations_, false};
+   }
    // Cancels under the lock, so the thread cannot be joined and its identifier
    // released in between.
    bool cancel(unsigned long id)
    {
       std::lock_guard<std::mutex> guard(mutex_);
-      return ids_.count(id) != 0 && pthread_cancel(static_cast<pthread_t>(id)) == 0;
+      return threads_.count(id) != 0 && pthread_cancel(static_cast<pthread_t>(id)) == 0;
    }
-   bool claim(unsigned long id)
-   {
-      std::lock_guard<std::mutex> guard(mutex_);
-      return ids_.erase(id) != 0;
-   }
-   void restore(unsigned long id)
-   {
-      std::lock_guard<std::mutex> guard(mutex_);
-      ids_.insert(id);
-   }
+   // Joins thread `id`, or waits for the join already under way. With a function
+   // given, only a thread started with that function and argument is joined.
+   // 0 once the thread has ended, 2 if it is not known here or cannot be joined.
+   int join(unsigned long id, void* (*function)(void*) = nullptr, void const* argument = nullptr);
 
 private:
+   struct Entry
+   {
+      void* (*function)(void*);
+      void const* argument;
+      unsigned long long generation;  // tells a reused identifier from the one awaited
+      bool joining;
+   };
+
+   // Marks the end of a join however pthread_join is left, a cancellation of the
+   // joining thread included, and wakes whoever waits for it.
+   class JoinEnd
+   {
+   public:
+      JoinEnd(JoinableThreads& registry, unsigned long id) : registry_(registry), id_(id) {}
+      ~JoinEnd()
+      {
+         std::lock_guard<std::mutex> guard(registry_.mutex_);
+         auto const entry = registry_.threads_.find(id_);
+         if (entry == registry_.threads_.end())
+         {
+            return;  // cannot happen: an entry being joined is not removed by others
+         }
+         if (joined)
+         {
+            registry_.threads_.erase(entry);
+         }
+         else
+         {
+            entry->second.joining = false;  // still joinable (a thread joining itself)
+         }
+         registry_.joinEnded_.notify_all();
+      }
+      bool joined = false;
+
+   private:
+      JoinableThreads& registry_;
+      unsigned long id_;
+   };
+
    std::mutex mutex_;
-   std::unordered_set<unsigned long> ids_;
+   std::condition_variable joinEnded_;
+   std::unordered_map<unsigned long, Entry> threads_;
+   unsigned long long generations_ = 0;
 };
+
+int JoinableThreads::join(unsigned long id, void* (*function)(void*), void const* argument)
+{
+   // A thread that joins itself would wait for ever below, on its own join.
+   if (id == 0 || id == static_cast<unsigned long>(pthread_self()))
+   {
+      return 2;
+   }
+   std::unique_lock<std::mutex> lock(mutex_);
+   for (;;)
+   {
+      auto const entry = threads_.find(id);
+      if (entry == threads_.end() ||
+          (function && (entry->second.function != function || entry->second.argument != argument)))
+      {
+         return 2;
+      }
+      if (!entry->second.joining)
+      {
+         entry->second.joining = true;
+         break;
+      }
+      unsigned long long const generation = entry->second.generation;
+      auto const sameJoinUnderWay = [&]
+      {
+         auto const now = threads_.find(id);
+         return now != threads_.end() && now->second.generation == generation &&
+                now->second.joining;
+      };
+      joinEnded_.wait(lock, [&] { return !sameJoinUnderWay(); });
+      auto const now = threads_.find(id);
+      if (now == threads_.end() || now->second.generation != generation)
+      {
+         return 0;  // the other join succeeded: the thread has ended
+      }
+      // The other join failed and the thread is still joinable: try it here.
+   }
+   lock.unlock();
+   JoinEnd end(*this, id);
+   end.joined = pthread_join(static_cast<pthread_t>(id), nullptr) == 0;
+   return end.joined ? 0 : 2;
+}
 
 // Clears `running` however the body ends: by returning, by an exception or by the
 // forced unwinding of a cancellation or of DtThreadExit.
@@ -151,7 +236,7 @@ int DtThread::start()
    {
       return 1;
    }
-   stopRequested_ = false;
+   DtSetStopFlag(&stopRequested_, false);
    unsigned long id = 0;
    unsigned long const result = DtThreadCreate(threadRunHelper, this, &id);
    if (result == 0)
@@ -164,7 +249,7 @@ int DtThread::start()
 
 int DtThread::startInCurrentThread()
 {
-   stopRequested_ = false;
+   DtSetStopFlag(&stopRequested_, false);
    run();
    return 0;
 }
@@ -175,13 +260,17 @@ void DtThread::stop(bool wait)
    {
       return;
    }
-   if (!stopped())
    {
+      // Tested and set under one lock, so the runnable hears of the request once
+      // however many threads ask at the same time.
       DtScopedLock lock(mutex_, true);
-      stopRequested_ = true;
-      if (threadStart_)
+      if (!DtStopRequested(&stopRequested_))
       {
-         threadStart_->stop();
+         DtSetStopFlag(&stopRequested_, true);
+         if (threadStart_)
+         {
+            threadStart_->stop();
+         }
       }
    }
    if (!wait)
@@ -198,7 +287,7 @@ void DtThread::stop(bool wait)
 bool DtThread::stopped()
 {
    DtScopedLock lock(mutex_, true);
-   return stopRequested_;
+   return DtStopRequested(&stopRequested_);
 }
 
 bool DtThread::isRunning() const
@@ -209,7 +298,7 @@ bool DtThread::isRunning() const
 
 int DtThread::join() const
 {
-   return DtThreadJoin(handle_);
+   return JoinableThreads::instance().join(handle_, threadRunHelper, this);
 }
 
 void DtThread::run()
@@ -239,7 +328,7 @@ unsigned long DtThreadCreate(void* (*function)(void*), void* argument, unsigned 
       return 0;
    }
    unsigned long const result = static_cast<unsigned long>(thread);
-   registry.add(result);
+   registry.add(result, function, argument);
    if (id)
    {
       *id = result;
@@ -259,18 +348,7 @@ unsigned long DtGetThreadId()
 
 int DtThreadJoin(unsigned long id)
 {
-   JoinableThreads& registry = JoinableThreads::instance();
-   if (id == 0 || !registry.claim(id))
-   {
-      return 2;
-   }
-   if (pthread_join(static_cast<pthread_t>(id), nullptr) != 0)
-   {
-      // Still joinable (a thread that tried to join itself, for one).
-      registry.restore(id);
-      return 2;
-   }
-   return 0;
+   return JoinableThreads::instance().join(id);
 }
 
 int DtThreadStop(unsigned long id)
