@@ -8,6 +8,7 @@ packages=(
    libboost-dev libboost-thread-dev libboost-system-dev uuid-dev
    libgtest-dev libgmock-dev libbenchmark-dev
    iproute2 ccache clang libclang-rt-dev
+   libpcap-dev
 )
 
 missing=()
