@@ -1394,6 +1394,41 @@ TEST_F(ToolNetns, MulticastSenderOptions)
    EXPECT_EQ(t.ownTraffic, 0);
 }
 
+// A recorder joined to a group on the second host writes what the first sends with
+// the group as destination, the sender's address as source and the time to live
+// the datagrams arrived with.
+TEST_F(ToolNetns, RecordsAGroupWithItsAddressesAndTimeToLive)
+{
+   olt::TestNetns a, b;
+   ASSERT_TRUE(a.ok() && b.ok()) << a.error() << b.error();
+   ASSERT_TRUE(a.addVethPair("rca", "rcb")) << a.error();
+   ASSERT_TRUE(a.ip({"link", "set", "rcb", "netns", b.name()})) << a.error();
+   ASSERT_TRUE(a.addAddress("rca", "10.79.0.1/24") && a.setLinkUp("rca")) << a.error();
+   ASSERT_TRUE(b.addAddress("rcb", "10.79.0.2/24") && b.setLinkUp("rcb")) << b.error();
+
+   TempDir dir;
+   std::string const file = dir.file("group.pcap");
+   Tool record({theRecord, "--group", "239.1.2.4", "--interface", "rcb", "--port", "3003",
+                "--output", file, "--count", "3"},
+               in(b));
+   ASSERT_TRUE(record.waitForError("group 239.1.2.4")) << record.err();
+   Result const send = run({theSend, "--dest", "239.1.2.4", "--interface", "rca", "--port",
+                            "3003", "--count", "3", "--ttl", "5"},
+                           in(a));
+   EXPECT_EQ(send.status, 0) << send.err;
+   ASSERT_EQ(record.finish(), 0) << record.err();
+   std::vector<Recorded> const records = recordsOf(readFile(file));
+   ASSERT_EQ(records.size(), 3u);
+   for (Recorded const& r : records)
+   {
+      EXPECT_EQ(get32(r.packet, 12), 0x0A4F0001u) << "from 10.79.0.1";
+      EXPECT_EQ(get32(r.packet, 16), 0xEF010204u) << "to 239.1.2.4";
+      EXPECT_EQ(r.packet[8], 5) << "time to live";
+      EXPECT_EQ(get16(r.packet, 22), 3003u);
+      EXPECT_EQ(r.packet.size(), 28u + 144u);
+   }
+}
+
 // IPv6 multicast leaves by the interface named, to a monitor on the other host.
 TEST_F(ToolNetns, Ipv6MulticastByTheNamedInterface)
 {
