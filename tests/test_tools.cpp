@@ -1239,6 +1239,20 @@ TEST(ToolReplay, DamagedForeignAndEmptyFiles)
          EXPECT_EQ(r.out, "");
       }
    }
+
+   // Looping until interrupted over a file with nothing to send ends by itself.
+   std::string const empty = dir.file("empty.pcap");
+   writeFile(empty, olt::PcapFile(olt::theLinkEthernet).bytes());
+   std::string const arp = dir.file("arp.pcap");
+   writeFile(arp,
+             olt::PcapFile(olt::theLinkEthernet).add(olt::ethernet(Bytes(28, 0), 0x0806)).bytes());
+   Socket receiver("127.0.0.1");
+   std::string const port = std::to_string(receiver.port());
+   EXPECT_EQ(run({theReplay, "--port", port, "--loop", "0", empty}).status, 0);
+   Result const r = run({theReplay, "--port", port, "--loop", "0", "--speed", "0", arp});
+   EXPECT_EQ(r.status, 1);
+   EXPECT_NE(r.out.find("replayed 0 datagrams"), std::string::npos) << r.out;
+   EXPECT_NE(r.out.find("1 other protocols"), std::string::npos) << r.out;
 }
 
 // Wireshark's dissector reads what the recorder wrote as DIS, with nothing
@@ -1412,8 +1426,8 @@ TEST_F(ToolNetns, RecordsAGroupWithItsAddressesAndTimeToLive)
                 "--output", file, "--count", "3"},
                in(b));
    ASSERT_TRUE(record.waitForError("group 239.1.2.4")) << record.err();
-   Result const send = run({theSend, "--dest", "239.1.2.4", "--interface", "rca", "--port",
-                            "3003", "--count", "3", "--ttl", "5"},
+   Result const send = run({theSend, "--dest", "239.1.2.4", "--interface", "rca", "--port", "3003",
+                            "--count", "3", "--ttl", "5"},
                            in(a));
    EXPECT_EQ(send.status, 0) << send.err;
    ASSERT_EQ(record.finish(), 0) << record.err();

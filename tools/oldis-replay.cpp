@@ -293,6 +293,7 @@ int main(int argc, char** argv)
          }
       }
       Clock::time_point const passStart = Clock::now();
+      long const sentBefore = sender.datagrams();
       bool first = true;
       double firstTime = 0;
       oltool::CapturedDatagram datagram;
@@ -341,6 +342,9 @@ int main(int argc, char** argv)
          }
          sender.send(datagram.payload, datagram.size);
       }
+      // A pass that sent nothing would send nothing again: no loop spins on it.
+      if (sender.datagrams() == sentBefore)
+         break;
    }
    sender.flush();
    double const seconds = std::chrono::duration<double>(Clock::now() - start).count();
