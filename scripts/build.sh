@@ -5,6 +5,6 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 dir=${1:-$here/build}
 shift || true
-"$here/scripts/install-deps.sh"
+"$here/scripts/install-deps.sh" "$@"
 cmake -S "$here" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
 cmake --build "$dir" -j "$(nproc)"

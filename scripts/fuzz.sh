@@ -5,9 +5,9 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 dir=${1:-$here/build-fuzz}
 seconds=${2:-60}
-"$here/scripts/install-deps.sh"
-CXX=clang++ cmake -S "$here" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOLUTIL_BUILD_FUZZ=ON \
-   -DOLUTIL_BUILD_TESTS=OFF -DOLUTIL_BUILD_TOOLS=OFF -DOLUTIL_BUILD_BENCH=OFF >/dev/null
+options=(-DOLUTIL_BUILD_FUZZ=ON -DOLUTIL_BUILD_TESTS=OFF -DOLUTIL_BUILD_TOOLS=OFF -DOLUTIL_BUILD_BENCH=OFF)
+"$here/scripts/install-deps.sh" "${options[@]}"
+CXX=clang++ cmake -S "$here" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${options[@]}" >/dev/null
 cmake --build "$dir" -j "$(nproc)"
 for target in "$dir"/fuzz_*; do
    [ -x "$target" ] || continue

@@ -132,6 +132,87 @@ NetnsGuard::~NetnsGuard()
       close(mySavedNs);
 }
 
+TestHosts::TestHosts()
+{
+   if (!mySwitch.ok())
+   {
+      myError = mySwitch.error();
+      return;
+   }
+   // Ports are created in the switch with their host ends placed straight into the
+   // hosts, so no interface ever appears in this machine's own namespace.
+   std::string bridges =
+       "set -e\n"
+       "for b in oltbr0 oltbr1; do\n"
+       "  ip link add $b type bridge mcast_snooping 0; ip link set $b addrgenmode none\n"
+       "done\n";
+   std::string ports;
+   for (int index = 0; index < theCount; ++index)
+   {
+      TestNetns& h = myHosts[index];
+      if (!h.ok())
+      {
+         myError = h.error();
+         return;
+      }
+      for (int segment = 0; segment < (index < 2 ? 2 : 1); ++segment)
+      {
+         std::string const port = "oltp" + std::to_string(index) + std::to_string(segment);
+         ports += "ip link add " + port + " type veth peer name " + device(segment) + " netns " +
+                  h.name() + "\nip link set " + port + " addrgenmode none\nip link set " + port +
+                  " master oltbr" + std::to_string(segment) + " up\n";
+      }
+   }
+   if (!mySwitch.sh(bridges + ports + "ip link set oltbr0 up; ip link set oltbr1 up\n"))
+   {
+      myError = mySwitch.error();
+      return;
+   }
+   for (int index = 0; index < theCount; ++index)
+   {
+      std::string script = "set -e\n";
+      for (int segment = 0; segment < (index < 2 ? 2 : 1); ++segment)
+      {
+         std::string const dev = device(segment);
+         script += "ip link set " + dev + " addrgenmode none\nip address add " +
+                   address(index, segment) + "/24 brd + dev " + dev + "\nip -6 address add " +
+                   address(index, segment, true) + "/64 dev " + dev + " nodad\nip link set " + dev +
+                   " up\n";
+      }
+      // IPv6 multicast routes exist for every interface; the lower metric picks one.
+      script +=
+          "ip route add 224.0.0.0/4 dev olteth0\n"
+          "ip -6 route add multicast ff00::/8 dev olteth0 table local metric 1\n";
+      // A veth end shows its carrier a moment after it goes up, and what is sent
+      // before then is lost: wait for it (at most 5 s) so counts are exact.
+      script += "for i in $(seq 100); do\n"
+                "  ip -o link show | grep 'olteth' | grep -qv 'state UP' || break; sleep 0.05\n"
+                "done\n";
+      if (!myHosts[index].sh(script))
+      {
+         myError = myHosts[index].error();
+         return;
+      }
+   }
+   // Bridge ports forward only once they see their carrier too.
+   if (!mySwitch.sh("for i in $(seq 100); do\n"
+                    "  bridge link show | grep -qv 'state forwarding' || break; sleep 0.05\n"
+                    "done\n"))
+   {
+      myError = mySwitch.error();
+      return;
+   }
+   myOk = true;
+}
+
+std::string TestHosts::address(int index, int segment, bool ipv6)
+{
+   std::string const host = std::to_string(index + 1);
+   if (ipv6)
+      return (segment ? "fd78::" : "fd77::") + host;
+   return (segment ? "10.78.0." : "10.77.0.") + host;
+}
+
 int joinGroupSocket(std::string const& group, std::string const& device, std::string* error)
 {
    int const family = group.find(':') != std::string::npos ? AF_INET6 : AF_INET;

@@ -93,6 +93,38 @@ private:
    std::string myError;
 };
 
+/// Three hosts on one segment, two of them also on a second one, for traffic
+/// between machines. Each host is a namespace ("olt<pid>_<n>") whose "olteth0" is
+/// on the first segment (10.77.0.0/24, fd77::/64) and, for hosts 0 and 1, whose
+/// "olteth1" is on the second (10.78.0.0/24, fd78::/64); host i has address i+1
+/// on each. The segments are bridges without multicast snooping in a fourth
+/// namespace, so nothing touches this machine's own interfaces. Every host sends
+/// IPv4 and IPv6 multicast out of olteth0 unless a socket says otherwise. The
+/// interfaces have no IPv6 link-local addresses. Removed by the destructor.
+class TestHosts
+{
+public:
+   static constexpr int theCount = 3;
+
+   TestHosts();  ///< check ok(); skip with isAvailable()'s reason
+   TestHosts(TestHosts const&) = delete;
+   TestHosts& operator=(TestHosts const&) = delete;
+
+   bool ok() const { return myOk; }
+   std::string const& error() const { return myError; }
+   TestNetns& host(int index) { return myHosts[index]; }
+
+   static std::string device(int segment) { return "olteth" + std::to_string(segment); }
+   /// Host `index`'s address on `segment`: "10.77.0.1", or "fd77::1" with ipv6.
+   static std::string address(int index, int segment, bool ipv6 = false);
+
+private:
+   TestNetns mySwitch;  // declared first: the hosts' links go before the bridges
+   TestNetns myHosts[theCount];
+   bool myOk = false;
+   std::string myError;
+};
+
 /// Joins an IPv4 or IPv6 group on `device` with a new UDP socket of this
 /// thread's namespace, held until the descriptor is closed; -1 on failure.
 int joinGroupSocket(std::string const& group, std::string const& device,

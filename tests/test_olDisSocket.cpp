@@ -5,9 +5,11 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <memory>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -613,4 +615,260 @@ TEST(DtDisSocketNamespace, MulticastSelfReflectIsSuppressed)
    ASSERT_EQ(64, peer.send(pdu.data(), pdu.size(), 0)) << peer.getLastErrorString();
    EXPECT_EQ(64, readPdu(socket, buffer));
    EXPECT_EQ(64, readPdu(peer, buffer));
+}
+
+namespace
+{
+constexpr unsigned int theNonBlocking = DtInetSockFlagsDefault | DtInetSockFlagNonBlocking;
+
+// Repeats a non-blocking read until it gives something other than 0, for at most
+// five seconds.
+template <class Read>
+int waitForRead(Read read)
+{
+   auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+   int result = 0;
+   while ((result = read()) == 0 && std::chrono::steady_clock::now() < end)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+   return result;
+}
+}  // namespace
+
+// The longest PDU a datagram can carry over IPv4 comes whole into a chain that holds
+// it, and as -4 into one that does not, whether read directly or in the background.
+TEST(DtDisSocketLoopback, LargestPduOnBothReceivePaths)
+{
+   constexpr unsigned short theLargest = 65507;
+   for (unsigned int flags : {theNonBlocking, theNonBlocking | DtInetSockFlagAsyncRecv})
+   {
+      SCOPED_TRACE(flags);
+      auto receiver = openDis(0, nullptr, flags);
+      ASSERT_TRUE(receiver);
+      auto sender = openDis(receiver->localPort());
+      ASSERT_TRUE(sender);
+      Bytes const large = makePdu(7, 1, 1, theLargest, 0, 'L'), small = makePdu(7, 1, 1, 64);
+      Bytes whole(theLargest), head(theLargest - 1000), tail(997);
+      DtInetSockChain fits{&whole}, shortBy3{&head, &tail};
+      DtInetEndpoint from = udpEndpoint("0.0.0.0", 0);
+      auto read = [&](DtInetSockChain& chain)
+      {
+         Bytes pdu = large;
+         EXPECT_EQ(theLargest, sender->send(pdu.data(), pdu.size(), 0));
+         return waitForRead([&] { return receiver->recvToChainFrom(chain, from, 0); });
+      };
+      EXPECT_EQ(theLargest, read(fits));
+      EXPECT_TRUE(whole == large);
+      EXPECT_EQ(DtDisStatusChainTooShort, read(shortBy3));
+      Bytes pdu = small, buffer(1500);
+      ASSERT_EQ(64, sender->send(pdu.data(), pdu.size(), 0));
+      DtInetSockChain next{&buffer};
+      EXPECT_EQ(64, waitForRead([&] { return receiver->recvToChainFrom(next, from, 0); }));
+   }
+}
+
+// Three hosts (see olt::TestHosts): sockets are opened inside a host by on(), and
+// every count is exact.
+class DtDisSocketHosts : public ::testing::Test
+{
+protected:
+   void SetUp() override
+   {
+      std::string reason;
+      if (!olt::TestNetns::isAvailable(&reason))
+         GTEST_SKIP() << reason;
+      myHosts = std::make_unique<olt::TestHosts>();
+      ASSERT_TRUE(myHosts->ok()) << myHosts->error();
+   }
+
+   static DtInetEndpoint group(bool ipv6, unsigned short port)
+   {
+      return udpEndpoint(ipv6 ? "ff15::7:1" : "239.7.0.1", port);
+   }
+
+   // A socket opened inside `host`, on `device` ("" for none).
+   std::unique_ptr<DtDisSocket> on(int host, DtInetEndpoint const& destination,
+                                   bool suppress = false, std::string const& device = "")
+   {
+      olt::NetnsGuard inside(myHosts->host(host));
+      EXPECT_TRUE(inside.ok()) << inside.error();
+      std::unique_ptr<DtInetDevice> chosen;
+      if (!device.empty())
+         chosen = std::make_unique<DtInetDevice>(DtString(device.c_str()),
+                                                 DtInetUtils::DtInetFamilyIPv4);
+      auto socket = std::make_unique<DtDisSocket>(destination, 0, chosen.get(), theNonBlocking,
+                                                  true, suppress);
+      EXPECT_TRUE(socket->isOk()) << socket->getLastErrorString();
+      return socket;
+   }
+
+   static void sendPdus(DtDisSocket& socket, int count)
+   {
+      for (int i = 0; i < count; ++i)
+      {
+         Bytes pdu = makePdu(7, 1, 1, 100, 0, static_cast<char>('a' + i % 26));
+         ASSERT_EQ(100, socket.send(pdu.data(), pdu.size(), 0)) << socket.getLastErrorString();
+      }
+      ASSERT_GE(socket.flush(), 0);
+   }
+
+   struct Tally
+   {
+      int pdus = 0, own = 0, other = 0;
+      std::string text() const
+      {
+         return std::to_string(pdus) + " PDUs, " + std::to_string(own) + " own, " +
+                std::to_string(other) + " other";
+      }
+   };
+
+   // Reads until nothing has come for 0.3 seconds (at most ten seconds in all).
+   static Tally drain(DtDisSocket& socket)
+   {
+      using Clock = std::chrono::steady_clock;
+      Tally tally;
+      Bytes buffer(1500);
+      DtInetSockChain chain{&buffer};
+      DtInetEndpoint from = udpEndpoint("0.0.0.0", 0);
+      auto const end = Clock::now() + std::chrono::seconds(10);
+      auto last = Clock::now();
+      while (Clock::now() < end && Clock::now() - last < std::chrono::milliseconds(300))
+      {
+         int const result = socket.recvToChainFrom(chain, from, 0);
+         if (result == 0)
+         {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            continue;
+         }
+         last = Clock::now();
+         ++(result == 100 ? tally.pdus : result == DtDisStatusOwnTraffic ? tally.own : tally.other);
+      }
+      return tally;
+   }
+
+   std::unique_ptr<olt::TestHosts> myHosts;
+};
+
+TEST_F(DtDisSocketHosts, MulticastReachesEveryMemberWithAndWithoutBundling)
+{
+   for (bool ipv6 : {false, true})
+   {
+      for (int bundle : {0, 1400})
+      {
+         SCOPED_TRACE(std::string(ipv6 ? "IPv6" : "IPv4") + " bundle " + std::to_string(bundle));
+         auto first = on(1, group(ipv6, 3300));
+         auto second = on(2, group(ipv6, 3300));
+         auto sender = on(0, group(ipv6, 3300));
+         sender->setBundling(bundle);
+         sendPdus(*sender, 50);
+         EXPECT_EQ(drain(*first).text(), "50 PDUs, 0 own, 0 other");
+         EXPECT_EQ(drain(*second).text(), "50 PDUs, 0 own, 0 other");
+      }
+   }
+}
+
+TEST_F(DtDisSocketHosts, BroadcastReachesTheHostsOfItsSegmentOnly)
+{
+   auto broadcast = [](char const* address, unsigned short port)
+   { return DtInetEndpoint(DtInetAddr(address, "255.255.255.0"), port, DtInetProtocolUdp); };
+   // Hosts 1 and 2 share segment 0 with host 0; host 2 is not on segment 1.
+   auto first = on(1, broadcast("10.77.0.255", 3310));
+   auto second = on(2, broadcast("10.77.0.255", 3310));
+   auto onSegment1 = on(0, broadcast("10.78.0.255", 3311));
+   auto offSegment1 = on(2, broadcast("10.78.0.255", 3311));
+   sendPdus(*on(0, broadcast("10.77.0.255", 3310)), 30);
+   sendPdus(*on(1, broadcast("10.78.0.255", 3311)), 20);
+   EXPECT_EQ(drain(*first).text(), "30 PDUs, 0 own, 0 other");
+   EXPECT_EQ(drain(*second).text(), "30 PDUs, 0 own, 0 other");
+   EXPECT_EQ(drain(*onSegment1).text(), "20 PDUs, 0 own, 0 other");
+   EXPECT_EQ(drain(*offSegment1).text(), "0 PDUs, 0 own, 0 other");
+}
+
+// A suppressing socket without a device sends and receives on one group while
+// another host sends to it: it drops its own PDUs only, and the third host hears both.
+TEST_F(DtDisSocketHosts, SelfReflectSuppressionWhileAnotherHostSends)
+{
+   for (bool ipv6 : {false, true})
+   {
+      SCOPED_TRACE(ipv6 ? "IPv6" : "IPv4");
+      auto suppressing = on(0, group(ipv6, 3320), true);
+      auto peer = on(1, group(ipv6, 3320));
+      auto watcher = on(2, group(ipv6, 3320));
+      EXPECT_EQ(suppressing->localSenderEndpoint().address().toDtString().stdString(),
+                olt::TestHosts::address(0, 0, ipv6));
+      sendPdus(*suppressing, 20);
+      sendPdus(*peer, 30);
+      EXPECT_EQ(drain(*suppressing).text(), "30 PDUs, 20 own, 0 other");
+      EXPECT_EQ(drain(*peer).text(), "50 PDUs, 0 own, 0 other");  // its own included
+      EXPECT_EQ(drain(*watcher).text(), "50 PDUs, 0 own, 0 other");
+   }
+}
+
+// A device on the second interface sends the group's PDUs out of it, from the send
+// socket of suppression as from the socket itself.
+TEST_F(DtDisSocketHosts, GroupTrafficLeavesByTheChosenInterface)
+{
+   for (bool ipv6 : {false, true})
+   {
+      for (bool suppress : {false, true})
+      {
+         SCOPED_TRACE(std::string(ipv6 ? "IPv6" : "IPv4") + (suppress ? " suppressing" : ""));
+         auto onSegment1 = on(1, group(ipv6, 3330), false, olt::TestHosts::device(1));
+         auto onSegment0 = on(2, group(ipv6, 3330));
+         auto sender = on(0, group(ipv6, 3330), suppress, olt::TestHosts::device(1));
+         sendPdus(*sender, 25);
+         EXPECT_EQ(drain(*onSegment1).text(), "25 PDUs, 0 own, 0 other");
+         EXPECT_EQ(drain(*onSegment0).text(), "0 PDUs, 0 own, 0 other");
+      }
+   }
+}
+
+// Without a device, IPv6 multicast with suppression sends from the first interface
+// that is up, multicast-capable and not loopback (here the search by scope finds
+// none: the interfaces have link-local addresses only); with loopback alone it
+// refuses to open rather than send into nothing.
+TEST(DtDisSocketNamespace, Ipv6SuppressionNeverSendsFromLoopbackUnlessItCan)
+{
+   std::string reason;
+   if (!olt::TestNetns::isAvailable(&reason))
+      GTEST_SKIP() << reason;
+   olt::TestNetns linkLocal, loopbackOnly;
+   ASSERT_TRUE(linkLocal.ok() && loopbackOnly.ok()) << linkLocal.error() << loopbackOnly.error();
+   ASSERT_TRUE(
+       linkLocal.sh("set -e\n"
+                    "ip link add oltll0 type veth peer name oltll1\n"
+                    "ip link add oltll2 type veth peer name oltll3\n"
+                    "for d in oltll0 oltll1 oltll2 oltll3; do\n"
+                    "  ip link set $d addrgenmode none; done\n"
+                    "ip -6 address add fe80::10/64 dev oltll0 nodad\n"
+                    "ip -6 address add fe80::12/64 dev oltll2 nodad\n"
+                    "ip link set oltll2 up; ip link set oltll3 up\n"))
+       << linkLocal.error();
+   DtInetEndpoint const group = udpEndpoint("ff15::7:2", 3340);
+   {
+      olt::NetnsGuard inside(linkLocal);
+      ASSERT_TRUE(inside.ok()) << inside.error();
+      DtDisSocket socket(group, 0, nullptr, theNonBlocking, true, true);
+      ASSERT_TRUE(socket.isOk()) << socket.getLastErrorString();
+      // oltll0 comes first but is down; the address carries its interface.
+      EXPECT_EQ(socket.localSenderEndpoint().address().toDtString().stdString(), "fe80::12%oltll2");
+   }
+
+   olt::NetnsGuard inside(loopbackOnly);
+   ASSERT_TRUE(inside.ok()) << inside.error();
+   DtInetDevice lo(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
+   for (DtInetDevice* device : {static_cast<DtInetDevice*>(nullptr), &lo})
+   {
+      SCOPED_TRACE(device ? "lo" : "no device");
+      DtDisSocket socket(group, 0, device, theNonBlocking, true, true);
+      EXPECT_EQ(14, socket.getLastError());
+      EXPECT_EQ(DtInetSockStateError, socket.state());
+      EXPECT_STREQ(
+          "DtDisSocket::openSocket(): Could not identify a non-loopback interface for "
+          "self-reflect suppression: IPv6 multicast to ff15::7:2 sent from ::1 reaches no "
+          "host; give the device to send from",
+          socket.getLastErrorString().c_str());
+   }
+   // An interface-local group never leaves the host anyway.
+   DtDisSocket local(udpEndpoint("ff01::7:2", 3340), 0, nullptr, theNonBlocking, true, true);
+   EXPECT_TRUE(local.isOk()) << local.getLastErrorString();
 }

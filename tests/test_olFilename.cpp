@@ -7,12 +7,15 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -99,6 +102,56 @@ TEST(FilenamePathRules, AppendPrependAndCombine)
    name.append(name);
    name.prepend(name);
    EXPECT_EQ("a/a/a/a", name.stdString());
+}
+
+// Every operation that takes a name or text must give the same result when that
+// argument is the name itself, or lies inside its buffer, as when it is a
+// separate copy. The 64-character name without a dot is the one whose growth by
+// "." frees the buffer an aliased extension still points into.
+TEST(FilenameAliasing, ArgumentsFromTheNameItselfActAsCopies)
+{
+   typedef std::function<std::string(DtFilename & target, DtFilename const& argument)> Edit;
+   auto middle = [](DtFilename const& f) { return f.c_str() + f.size() / 2; };
+   auto done = [](DtFilename const& f) { return f.stdString(); };
+   // clang-format off
+   std::vector<std::pair<char const*, Edit>> const edits = {
+       {"setExtension",        [&](DtFilename& t, DtFilename const& a) { return done(t.setExtension(a)); }},
+       {"setExtension middle", [&](DtFilename& t, DtFilename const& a) { return done(t.setExtension(middle(a))); }},
+       {"append",              [&](DtFilename& t, DtFilename const& a) { return done(t.append(a)); }},
+       {"append middle",       [&](DtFilename& t, DtFilename const& a) { return done(t.append(middle(a))); }},
+       {"prepend",             [&](DtFilename& t, DtFilename const& a) { return done(t.prepend(a)); }},
+       {"prepend middle",      [&](DtFilename& t, DtFilename const& a) { return done(t.prepend(middle(a))); }},
+       {"= name",              [&](DtFilename& t, DtFilename const& a) { return done(t = a); }},
+       {"= string",            [&](DtFilename& t, DtFilename const& a) { return done(t = static_cast<DtString const&>(a)); }},
+       {"= middle",            [&](DtFilename& t, DtFilename const& a) { return done(t = middle(a)); }},
+       {"+= name",             [&](DtFilename& t, DtFilename const& a) { t += a; return done(t); }},
+       {"combine",             [&](DtFilename&, DtFilename const& a) { return done(DtFilename::combine(a, a)); }},
+       {"searchAlternatePath", [&](DtFilename& t, DtFilename const& a)
+                               { return std::to_string(t.searchAlternatePath(middle(a))) + done(t); }},
+       {"absolutePath",        [&](DtFilename& t, DtFilename const& a)
+                               {
+                                  DtFilename copy(a);
+                                  DtFilename const& path = &t == &a ? t : copy;
+                                  return std::to_string(DtFilename::absolutePath(path, t)) + done(t);
+                               }},
+   };
+   // clang-format on
+   std::string const long64(64, 'n');
+   std::string const long200 = "/tmp/" + std::string(100, 'd') + ".d/" + std::string(90, 'e');
+   for (char const* start :
+        {"", "/", "a", "a.b", "dir.d/name", "/tmp", long64.c_str(), long200.c_str()})
+   {
+      for (auto const& [name, edit] : edits)
+      {
+         SCOPED_TRACE(std::string(name) + " on " + std::to_string(std::strlen(start)) + " bytes");
+         DtFilename separate(start), argument(start), aliased(start);
+         std::string const expected = edit(separate, argument);
+         EXPECT_EQ(expected, edit(aliased, aliased));
+      }
+   }
+   // The extension added is the whole name as it was before the call.
+   DtFilename name(long64.c_str());
+   EXPECT_EQ(long64 + "." + long64, name.setExtension(name).stdString());
 }
 
 TEST(FilenameValue, AbsoluteSlashesCloneAndConfigurationDirectory)

@@ -81,7 +81,14 @@ protected:
           "ip addr add 198.51.100.1/24 brd + dev oltb0\n"
           "ip addr add 203.0.113.1/25 brd + dev oltc0\n"
           "ip addr add 203.0.113.129/25 dev oltdn0; ip addr add 2001:db8:1::1/64 dev oltd0 nodad\n"
-          "for d in olta0 oltb0 oltc0 oltd0 oltd1; do ip link set $d up; done\n"))
+          "for d in olta0 oltb0 oltc0 oltd0 oltd1; do ip link set $d up; done\n"
+          // A veth end reports its carrier a moment after both ends are up; the
+          // expected link states need it (at most 5 s).
+          "for i in $(seq 100); do\n"
+          "  n=0; for d in olta0 oltb0 oltd0; do\n"
+          "    ip -o link show dev $d | grep -q 'state UP' && n=$((n+1)); done\n"
+          "  [ $n -eq 3 ] && break; sleep 0.05\n"
+          "done\n"))
           << myNs->error();
       myGuard.reset(new olt::NetnsGuard(*myNs));
       ASSERT_TRUE(myGuard->ok()) << myGuard->error();
@@ -165,7 +172,7 @@ TEST_F(InetDeviceNetnsTest, BroadcastAndMulticastDestinations)
             {DtInetAddr("192.0.2.127"), "-"},         // the class mask does not flag it...
             {DtInetAddr("192.0.2.127", "255.255.255.128"), "olta0"},  // ... the right one does
             {DtInetAddr("203.0.113.255"), "oltdn0"},  // down, matched by its address's broadcast
-            {DtInetAddr("ff15::1234"), "lo"}})        // lo's ::1 has the destination's scope 0
+            {DtInetAddr("ff15::1234"), "olta0"}})     // first with its scope; never lo
    {
       std::unique_ptr<DtInetDevice> found(DtInetDevice::findInterface(destination));
       EXPECT_EQ(found ? found->deviceName().stdString() : "-", device) << text(&destination);

@@ -378,4 +378,205 @@ TEST_F(UdpNamespaceTest, SecondaryDeviceSendsFromItsAddressAndReceivesBroadcasts
    EXPECT_EQ(from.port(), 40011);
 }
 
+// The largest datagram of each family (65,507 bytes over IPv4, 65,527 over IPv6)
+// comes whole, or as -4 when the caller's buffer is one byte short, on both paths.
+TEST_P(UdpLoopbackTest, LargestDatagramIsWholeOrDoesNotFitOnBothReceivePaths)
+{
+   std::size_t const largest = std::strchr(address(), ':') ? 65527 : 65507;
+   for (unsigned int flags : {theSyncFlags, theAsyncRecvFlags})
+   {
+      SCOPED_TRACE(flags);
+      openPair(flags, theSyncFlags);
+      std::vector<char> datagram(largest);
+      for (std::size_t i = 0; i < largest; ++i)
+         datagram[i] = static_cast<char>(i * 7);
+      // One at a time: a few of them would fill the receive buffer.
+      auto read = [&](auto const& readOne)
+      {
+         EXPECT_EQ(sender->send(datagram.data(), largest, 0), static_cast<int>(largest))
+             << sender->getLastErrorString();
+         return waitFor(readOne);
+      };
+      std::vector<char> whole(largest), head(largest / 2), tail(largest - largest / 2);
+      DtInetSockChain chain{&head, &tail};
+      EXPECT_EQ(read([&] { return receiver->recv(whole.data(), whole.size(), 0); }),
+                static_cast<int>(largest));
+      EXPECT_TRUE(whole == datagram);
+      EXPECT_EQ(read([&] { return receiver->recvToChainFrom(chain, from, 0); }),
+                static_cast<int>(largest));
+      EXPECT_TRUE(std::equal(head.begin(), head.end(), datagram.begin()) &&
+                  std::equal(tail.begin(), tail.end(), datagram.begin() + head.size()));
+      EXPECT_EQ(read([&] { return receiver->recv(whole.data(), largest - 1, 0); }), -4);
+      tail.pop_back();
+      EXPECT_EQ(read([&] { return receiver->recvToChainFrom(chain, from, 0); }), -4);
+      ASSERT_EQ(sendText(*sender, "after"), 5);
+      EXPECT_EQ(next(*receiver, from), "after");
+      EXPECT_TRUE(recorded(*receiver, 0, "", DtInetSockStateOpen));
+   }
+}
+
+// Closing a socket whose background reads run on a second, receiving socket while
+// datagrams still arrive: every close succeeds, and the closed socket neither reads
+// nor reports a failure of a read started after the close. Under ThreadSanitizer a
+// read restarted on the receiving socket as it closes is reported as a race.
+TEST_F(UdpNamespaceTest, ClosingDuringBackgroundReadsOnASecondSocket)
+{
+   DtInetDeviceList const devices = DtInetUtils::scanInetDevices(true, false);
+   ASSERT_GE(devices.size(), 3u);
+   bool const useFirst =
+       devices[devices[0]->ipv4Addr()->isLoopback() ? 1 : 0]->deviceName() != DtString("oltu0");
+   DtInetDevice device(DtString(useFirst ? "oltu0" : "oltu1"), DtInetUtils::DtInetFamilyIPv4);
+   DtInetUdpSocket peer(endpoint("192.0.2.255", 40020), 40021, nullptr, theSyncFlags, true);
+   ASSERT_EQ(peer.state(), DtInetSockStateOpen) << peer.getLastErrorString();
+   char byte = 0;
+   for (int round = 0; round < 20; ++round)
+   {
+      SCOPED_TRACE(round);
+      DtInetUdpSocket socket(endpoint("192.0.2.255", 40020), 0, &device, theAsyncRecvFlags, true);
+      ASSERT_EQ(socket.state(), DtInetSockStateOpen) << socket.getLastErrorString();
+      ASSERT_NE(socket.udpSocket(), socket.secondUdpSocket());
+      for (int i = 0; i < 300; ++i)
+         ASSERT_EQ(sendText(peer, "flood"), 5);
+      ASSERT_EQ(waitFor([&] { return socket.recv(&byte, 1, 0); }), -4);  // reading has begun
+      EXPECT_TRUE(socket.closeSocket()) << socket.getLastErrorString();
+      EXPECT_EQ(socket.state(), DtInetSockStateClosed);
+      EXPECT_EQ(socket.recv(&byte, 1, 0), 0);
+      EXPECT_TRUE(recorded(socket, 0, "", DtInetSockStateClosed));
+   }
+}
+
+// Three hosts (see olt::TestHosts); sockets are made inside a host by on().
+class UdpHostsTest : public ::testing::Test
+{
+protected:
+   void SetUp() override
+   {
+      std::string reason;
+      if (!olt::TestNetns::isAvailable(&reason))
+         GTEST_SKIP() << reason;
+      myHosts = std::make_unique<olt::TestHosts>();
+      ASSERT_TRUE(myHosts->ok()) << myHosts->error();
+   }
+
+   // A socket opened inside `host` towards `destination`, on `device` ("" for none).
+   std::unique_ptr<DtInetUdpSocket> on(int host, DtInetEndpoint const& destination,
+                                       std::string const& device = "", unsigned short localPort = 0)
+   {
+      olt::NetnsGuard inside(myHosts->host(host));
+      EXPECT_TRUE(inside.ok()) << inside.error();
+      std::unique_ptr<DtInetDevice> chosen;
+      if (!device.empty())
+         chosen = std::make_unique<DtInetDevice>(DtString(device.c_str()),
+                                                 DtInetUtils::DtInetFamilyIPv4);
+      auto socket = std::make_unique<DtInetUdpSocket>(destination, localPort, chosen.get(),
+                                                      theSyncFlags, true);
+      EXPECT_EQ(socket->state(), DtInetSockStateOpen) << socket->getLastErrorString();
+      return socket;
+   }
+
+   static int sendMany(DtInetUdpSocket& socket, int count)
+   {
+      int sent = 0;
+      for (int i = 0; i < count; ++i)
+         sent += sendText(socket, "datagram " + std::to_string(i)) > 0;
+      return sent;
+   }
+
+   // Counts the datagrams that arrive until none has come for 0.3 seconds (at most
+   // ten seconds in all).
+   static int drain(DtInetUdpSocket& socket)
+   {
+      using Clock = std::chrono::steady_clock;
+      std::vector<char> buffer(2048);
+      int count = 0;
+      auto const end = Clock::now() + std::chrono::seconds(10);
+      auto last = Clock::now();
+      while (Clock::now() < end && Clock::now() - last < std::chrono::milliseconds(300))
+      {
+         if (socket.recv(buffer.data(), buffer.size(), 0) > 0)
+         {
+            ++count;
+            last = Clock::now();
+         }
+         else
+         {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+         }
+      }
+      return count;
+   }
+
+   std::unique_ptr<olt::TestHosts> myHosts;
+};
+
+// Two groups on one port, and one group on two interfaces, on host 1: a socket gets
+// the groups it joined and none that only another socket of its host joined. IPv4
+// memberships also name the interface; the kernel matches IPv6 memberships by group
+// alone, so there both sockets of the first group hear it from either interface.
+TEST_F(UdpHostsTest, EachSocketReceivesOnlyTheGroupsItJoined)
+{
+   for (bool ipv6 : {false, true})
+   {
+      SCOPED_TRACE(ipv6 ? "IPv6" : "IPv4");
+      DtInetEndpoint const first = endpoint(ipv6 ? "ff15::1:3" : "239.1.2.3", 40100);
+      DtInetEndpoint const second = endpoint(ipv6 ? "ff15::1:4" : "239.1.2.4", 40100);
+      auto joinedFirst = on(1, first);
+      auto joinedSecond = on(1, second);
+      auto firstOnSegment1 = on(1, first, olt::TestHosts::device(1));
+      // Host 0 sends 20 to the first group and 30 to the second out of olteth0, and
+      // 40 to the first out of olteth1.
+      auto toFirst = on(0, first, "", 40101);
+      auto toSecond = on(0, second, "", 40102);
+      auto toFirstOnSegment1 = on(0, first, olt::TestHosts::device(1), 40103);
+      EXPECT_EQ(sendMany(*toFirst, 20), 20);
+      EXPECT_EQ(sendMany(*toSecond, 30), 30);
+      EXPECT_EQ(sendMany(*toFirstOnSegment1, 40), 40);
+      EXPECT_EQ(drain(*joinedFirst), ipv6 ? 60 : 20);
+      EXPECT_EQ(drain(*joinedSecond), 30);
+      EXPECT_EQ(drain(*firstOnSegment1), ipv6 ? 60 : 40);
+   }
+}
+
+// The outbound interface of a group's traffic, chosen three ways, for both families:
+// host 1 hears the group on olteth1 only and host 2 on olteth0 only.
+TEST_F(UdpHostsTest, MulticastLeavesByTheChosenInterface)
+{
+   enum Choice
+   {
+      ByDeviceAtOpen,
+      BySetMcastDevice,
+      BySetMcastDeviceAddress,
+      ByDefault
+   };
+   for (bool ipv6 : {false, true})
+   {
+      for (Choice choice : {ByDeviceAtOpen, BySetMcastDevice, BySetMcastDeviceAddress, ByDefault})
+      {
+         SCOPED_TRACE(std::string(ipv6 ? "IPv6 " : "IPv4 ") + std::to_string(choice));
+         DtInetEndpoint const group = endpoint(ipv6 ? "ff15::2:1" : "239.2.0.1", 40200);
+         auto onSegment1 = on(1, group, olt::TestHosts::device(1));
+         auto onSegment0 = on(2, group);
+         std::string const device = olt::TestHosts::device(1);
+         auto sender = on(0, group, choice == ByDeviceAtOpen ? device : "", 40201);
+         if (choice == BySetMcastDevice)
+         {
+            olt::NetnsGuard inside(myHosts->host(0));
+            DtInetDevice chosen(DtString(device.c_str()), DtInetUtils::DtInetFamilyIPv4);
+            EXPECT_TRUE(sender->setMcastDevice(&chosen)) << sender->getLastErrorString();
+         }
+         if (choice == BySetMcastDeviceAddress)
+         {
+            olt::NetnsGuard inside(myHosts->host(0));
+            DtInetAddr const address(olt::TestHosts::address(0, 1, ipv6).c_str());
+            EXPECT_TRUE(sender->setMcastDevice(address)) << sender->getLastErrorString();
+         }
+         EXPECT_EQ(sendMany(*sender, 25), 25);
+         bool const segment1 = choice != ByDefault;
+         EXPECT_EQ(drain(*onSegment1), segment1 ? 25 : 0);
+         EXPECT_EQ(drain(*onSegment0), segment1 ? 0 : 25);
+         EXPECT_EQ(sender->state(), DtInetSockStateOpen);
+      }
+   }
+}
+
 }  // namespace

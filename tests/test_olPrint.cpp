@@ -7,7 +7,9 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -48,6 +50,19 @@ public:
    using DtFilePrinter::DtFilePrinter;
    // Makes the current file look `seconds` old, so that rolling needs no waiting.
    void backdate(std::time_t seconds) { fileStartTime = std::time(nullptr) - seconds; }
+};
+
+// What goes to std::cerr while it lives.
+class CapturedStandardError
+{
+public:
+   CapturedStandardError() : mySaved(std::cerr.rdbuf(myText.rdbuf())) {}
+   ~CapturedStandardError() { std::cerr.rdbuf(mySaved); }
+   std::string text() const { return myText.str(); }
+
+private:
+   std::ostringstream myText;
+   std::streambuf* mySaved;
 };
 
 class FilePrinterTest : public ::testing::Test
@@ -210,9 +225,47 @@ TEST_F(FilePrinterTest, RolledNamesCountUpOldestFirstAndResetRestarts)
    printer.resetFile(path("nodot").c_str());
    printer.backdate(60);
    printer.write("new\n", 2, false);
-   // A rename that fails goes unreported, and the named file starts afresh.
+   // The named file removed behind the printer's back cannot be rolled: it is
+   // made again for what comes next, and the failure is told.
    ASSERT_EQ(std::remove(path("nodot").c_str()), 0);
+   CapturedStandardError errors;
    printer.backdate(60);
    printer.write("kept\n", 2, true);
    EXPECT_EQ(read("nodot_1", "nodot_2", "nodot"), "|-|kept\n|");
+   EXPECT_NE(errors.text().find("cannot roll " + path("nodot")), std::string::npos)
+       << errors.text();
+}
+
+// "logs.d/app" rolls to "logs_1.d/app", in a directory that does not exist. The
+// failed rename must lose no line, and is told on standard error once for each
+// file however often it recurs; its number goes to the first roll that succeeds.
+TEST_F(FilePrinterTest, AFailedRollKeepsEveryLineAndIsToldOnce)
+{
+   std::filesystem::create_directories(path("logs.d"));
+   std::filesystem::create_directories(path("b.d"));
+   CapturedStandardError errors;
+   {
+      ProbedFilePrinter printer(path("logs.d/app").c_str());
+      printer.setLogRollingInterval(5);
+      for (char const* text : {"one\n", "two\n", "three\n"})
+      {
+         printer.backdate(60);
+         printer.write(text, 2, true);
+      }
+      std::filesystem::create_directories(path("logs_1.d"));
+      printer.backdate(60);
+      printer.write("four\n", 2, true);
+
+      printer.resetFile(path("b.d/x").c_str());
+      printer.write("five\n", 2, true);
+      printer.backdate(60);
+      printer.write("six\n", 2, true);
+   }
+   EXPECT_EQ(read("logs_1.d/app", "logs.d/app", "logs_2.d/app", "b.d/x"),
+             "one\ntwo\nthree\n|four\n|-|five\nsix\n|");
+   EXPECT_EQ(errors.text(),
+             "DtFilePrinter: cannot roll " + path("logs.d/app") + " to " + path("logs_1.d/app") +
+                 ": No such file or directory; writing on in " + path("logs.d/app") + "\n" +
+                 "DtFilePrinter: cannot roll " + path("b.d/x") + " to " + path("b_1.d/x") +
+                 ": No such file or directory; writing on in " + path("b.d/x") + "\n");
 }

@@ -152,7 +152,8 @@ public:
    // False, adding nothing, when the endpoint's family differs from the destination's.
    virtual bool addDestination(DtInetEndpoint const& endpoint);
    virtual bool removeDestination(DtInetEndpoint const& endpoint);
-   // Outbound multicast interface of the send socket (IPv4 interface address).
+   // Outbound multicast interface of the send socket: an IPv4 interface address, or
+   // on an IPv6 send socket an IPv6 one, which names the interface that holds it.
    virtual bool setSendMcastDevice(DtInetAddr const& interfaceAddress);
    virtual bool sendSockJoinMulticastGroup(DtInetAddr const& group, DtInetDevice* device = nullptr);
    virtual bool sendSockJoinMulticastGroup(DtInetEndpoint const& group,

@@ -58,7 +58,8 @@ public:
    /// dot; empty when that component has no dot.
    virtual DtString extension() const;
    /// Replaces the extension: stripExtension(), then "." unless `extension`
-   /// begins with one, then `extension`.
+   /// begins with one, then `extension`. `extension` may be this name itself;
+   /// its text before the call is what is added.
    virtual DtFilename& setExtension(DtString const& extension);
    /// Removes the last path component, keeping the separator before it. The
    /// component is measured with the static stripPath(), so a name with no

@@ -105,10 +105,13 @@ public:
    // Undoes connectToDestination(). The state stays 6.
    virtual bool disconnect();
    virtual bool setBroadcastOption(bool enable);
-   // Sets the outbound multicast interface; an address that is not IPv4 is accepted
-   // and ignored.
+   // Sets the outbound multicast interface: an IPv4 address names it on an IPv4
+   // socket; on an IPv6 socket an IPv6 address names it through the index of the
+   // interface that holds the address. Any other address, or one no interface holds,
+   // is accepted and changes nothing.
    virtual bool setMcastDevice(DtInetAddr const& address);
-   // A null or not multicast-capable device is replaced by the default multicast device.
+   // A null or not multicast-capable device is replaced by the default multicast
+   // device. An IPv6 socket takes the device's interface index.
    virtual bool setMcastDevice(DtInetDevice* device);
    virtual bool getBroadcastOption();
    virtual bool joinMulticastGroup(DtInetAddr const& group, DtInetDevice* device = nullptr);
@@ -152,6 +155,16 @@ protected:
    bool findGroupInterface(DtInetAddr const& group, DtInetDevice* device,
                            DtInetAddr& interfaceAddress, unsigned int& interfaceIndex);
    bool changeGroup(bool join, DtInetAddr const& group, DtInetDevice* device);
+   // Sends IPv6 multicast out of the interface of that index; `address` names it in
+   // the failure text.
+   bool setIpv6McastInterface(unsigned int index, DtInetAddr const& address);
+   // The index of the interface an IPv6 address belongs to: its scope id, or the
+   // index of the local interface that holds it; 0 when there is none.
+   static unsigned int ipv6InterfaceIndex(DtInetAddr const& address);
+   // Turns off IP_MULTICAST_ALL (and IPV6_MULTICAST_ALL where the system has it),
+   // with which Linux gives a socket bound to the any-address every group that any
+   // socket of the host joined. Best effort.
+   static void receiveOwnGroupsOnly(DtInetBoostUdpSocket& socket);
 
    DtInetUdpSockPimpl* myPimpl;
    boost::asio::io_context* myIoContext;

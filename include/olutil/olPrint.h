@@ -63,7 +63,10 @@ private:
 // "[Sat Nov 21 05:48:23 2026] ", and optionally rolling: once more than the rolling
 // interval has passed since the file was opened, the next write renames the file to
 // prefix + "_" + count + suffix ("app.log" becomes "app_1.log", then "app_2.log"...)
-// and starts the named file afresh. An idle file never rolls.
+// and starts the named file afresh. An idle file never rolls. When the rename fails
+// (the rolled name lies in a directory that does not exist, as it does when a
+// directory of the path has a dot in its name), the named file is continued, nothing
+// written is lost, and the first such failure is told on standard error.
 //
 // A file that cannot be opened leaves the printer not open; writes are then dropped
 // without a message.
@@ -105,6 +108,9 @@ protected:
 private:
    void openLocked(char const* name);
    void rollLocked(std::time_t now);
+
+   // A failed roll has been told on standard error for the present file.
+   bool rollFailureReported = false;
 };
 
 class DtOutputStream;

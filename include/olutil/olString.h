@@ -27,8 +27,8 @@
 class DtString
 {
 public:
-   // Size of the word buffer used by operator>>: words are read in pieces of at
-   // most this many bytes less one.
+   // The word size operator>> has always been sized for. It reads words of any
+   // length whole; the constant stays for programs that size buffers by it.
    static constexpr int theMaxInsertionStringSize = 256;
 
    // Bytes of the buffer inside the object; texts of up to 63 characters never
@@ -111,7 +111,8 @@ public:
 
    // Splits at every sep. Leading and inner empty fields are kept, a trailing
    // empty field is dropped: "a,,b," gives "a", "", "b"; "," gives one empty
-   // token; the empty text gives none. out is cleared first.
+   // token; the empty text gives none. out is replaced whole, and may hold this
+   // very string: tokens[0].tokenize(',', tokens) splits tokens[0].
    virtual void tokenize(char sep, std::vector<DtString>& out) const;
 
    // Numeric conversions. Leading blanks, tabs, line ends, '+' and '0' are
@@ -217,7 +218,9 @@ DtString operator+(DtString const& a, DtString const& b);
 std::ostream& operator<<(std::ostream& os, DtString const& s);
 // Reads one white-space-delimited word, or a phrase in double quotes whose
 // inner white space becomes single blanks: "\"a   b\"" gives "a b". A phrase
-// that the stream ends before closing keeps what was read.
+// that the stream ends before closing keeps what was read. Words of any length
+// are read whole. A NUL in the stream ends the text there, inside a phrase too;
+// the quotes are still looked for in the bytes as they came.
 std::istream& operator>>(std::istream& is, DtString& s);
 
 #endif  // OLUTIL_OLSTRING_H

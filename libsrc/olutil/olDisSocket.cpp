@@ -282,6 +282,18 @@ bool DtDisSocket::openSocket()
                             "Could not identify localhost interface for self-reflect suppression");
       return false;
    }
+   // Linux drops IPv6 datagrams from the loopback address on every other interface: a
+   // sender bound there would send each PDU into nothing, without an error.
+   DtInetAddr const& group = myDestination.address();
+   if (senderAddress->isLoopback() && group.isIPv6() && group.isMulticast() &&
+       !group.boostAddress().to_v6().is_multicast_node_local())
+   {
+      recordFailure(14, DtString(prefix) + "Could not identify a non-loopback interface for " +
+                            "self-reflect suppression: IPv6 multicast to " + group.toDtString() +
+                            " sent from " + senderAddress->toDtString() +
+                            " reaches no host; give the device to send from");
+      return false;
+   }
 
    try
    {
@@ -310,6 +322,16 @@ bool DtDisSocket::openSocket()
       mySendSocket->bind(*myLocalSenderEndpoint.udpEndpoint(), error);
       if (error)
          throw boost::system::system_error(error);
+      // The bound address picks the outgoing interface of IPv4 multicast, not of IPv6,
+      // which needs the interface named.
+      if (group.isIPv6() && group.isMulticast() && myHostIf->interfaceIndex() > 0)
+      {
+         mySendSocket->set_option(boost::asio::ip::multicast::outbound_interface(
+                                      static_cast<unsigned int>(myHostIf->interfaceIndex())),
+                                  error);
+         if (error)
+            throw boost::system::system_error(error);
+      }
       if (myLocalSenderEndpoint.port() == 0)
       {
          boost::asio::ip::udp::endpoint bound = mySendSocket->local_endpoint(error);
@@ -780,12 +802,22 @@ bool DtDisSocket::setSendMcastDevice(DtInetAddr const& interfaceAddress)
    static char const* const prefix = "DtDisSocket::setSendSockMcastDevice(): ";
    if (!mySendSocket || !mySendSocket->is_open())
       return false;
-   if (!interfaceAddress.isIPv4())
-      return true;
    boost::system::error_code error;
-   mySendSocket->set_option(
-       boost::asio::ip::multicast::outbound_interface(interfaceAddress.boostAddress().to_v4()),
-       error);
+   if (interfaceAddress.isIPv6())
+   {
+      // IPv6 names the interface by its index, on an IPv6 send socket only.
+      unsigned int const index =
+          myLocalSenderEndpoint.isIPv6() ? ipv6InterfaceIndex(interfaceAddress) : 0;
+      if (index == 0)
+         return true;
+      mySendSocket->set_option(boost::asio::ip::multicast::outbound_interface(index), error);
+   }
+   else
+   {
+      mySendSocket->set_option(
+          boost::asio::ip::multicast::outbound_interface(interfaceAddress.boostAddress().to_v4()),
+          error);
+   }
    if (error)
    {
       recordLockedFailure(error.value(), DtString(prefix) + "Error setting multicast device to " +
@@ -816,6 +848,8 @@ bool DtDisSocket::changeSendSockGroup(bool join, DtInetAddr const& group, DtInet
    }
 
    boost::system::error_code error;
+   if (join)
+      receiveOwnGroupsOnly(*mySendSocket);
    if (group.isIPv6())
    {
       unsigned int const index = static_cast<unsigned int>(chosen->interfaceIndex());

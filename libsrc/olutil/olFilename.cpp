@@ -127,6 +127,12 @@ DtString DtFilename::extension() const
 
 DtFilename& DtFilename::setExtension(DtString const& extension)
 {
+   if (&extension == this)
+   {
+      // This name as its own extension: stripping and growing it below would
+      // change, or free, the text being added.
+      return setExtension(DtString(extension));
+   }
    stripExtension();
    char const* text = textOf(extension);
    if (text[0] != '.')

@@ -511,17 +511,38 @@ DtInetDevice* DtInetDevice::findInterface(DtInetAddr const& address)
    DtInetDeviceList devices;
    if (address.isMulticast() && address.isIPv6())
    {
+      // IPv6 traffic from the loopback interface never reaches another host, so it
+      // wins neither the search (its ::1 would match every group's scope) nor the
+      // fallback, unless it is all there is.
       devices = DtInetUtils::scanIpv6Devices(false);
-      for (auto const& device : devices)
+      auto firstWhere = [&devices](auto const& wanted) -> DtInetDevice const*
       {
-         DtInetAddr const* group = device->ipv6BroadcastAddr();
-         DtInetAddr const* own = device->ipv6Addr();
-         if ((group && *group == address) || (own && own->scope() == address.scope()))
+         for (auto const& device : devices)
          {
-            winner = device.get();
-            break;
+            if (wanted(*device))
+               return device.get();
          }
-      }
+         return nullptr;
+      };
+      auto isLoopback = [](DtInetDevice const& device)
+      {
+         return device.type() == DtInetDeviceLoopback ||
+                (device.ipv6Addr() && device.ipv6Addr()->isLoopback());
+      };
+      winner = firstWhere(
+          [&](DtInetDevice const& device)
+          {
+             DtInetAddr const* group = device.ipv6BroadcastAddr();
+             DtInetAddr const* own = device.ipv6Addr();
+             return !isLoopback(device) &&
+                    ((group && *group == address) || (own && own->scope() == address.scope()));
+          });
+      if (!winner)
+         winner = firstWhere(
+             [&](DtInetDevice const& device)
+             { return device.isUp() && device.isMulticastCapable() && !isLoopback(device); });
+      if (!winner)
+         winner = firstWhere(isLoopback);
       if (!winner && !devices.empty())
          winner = devices.front().get();
    }

@@ -5,6 +5,9 @@
 //===----------------------------------------------------------------------===//
 #include "olInetUdpSockPimpl.h"
 
+#include <sys/socket.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <limits>
@@ -28,6 +31,10 @@ constexpr int theWouldBlockError = 11;
 // not wait for a peer, so only a stalled I/O thread comes near it.
 constexpr std::chrono::seconds theDrainLimit(5);
 constexpr std::chrono::microseconds theDrainPause(200);
+// The largest UDP payload of either family: 65,535 less the UDP header (IPv6; IPv4
+// allows 65,507). The background buffer holds at least this much, so that a
+// datagram the synchronous path reads whole is never cut here.
+constexpr std::size_t theLargestDatagram = 65527;
 
 }  // namespace
 
@@ -77,7 +84,10 @@ void DtInetUdpSockPimpl::start(unsigned int flags)
 
    if (flags & DtInetSockFlagAsyncRecv)
    {
-      myReceiveStorage.assign(static_cast<std::size_t>(DtInetUtils::getMaxPacketBufferSize()), 0);
+      int const configured = DtInetUtils::getMaxPacketBufferSize();
+      myReceiveStorage.assign(
+          std::max(theLargestDatagram, configured > 0 ? static_cast<std::size_t>(configured) : 0),
+          0);
       delete myReceiveBuffer;
       myReceiveBuffer =
           new boost::asio::mutable_buffer(myReceiveStorage.data(), myReceiveStorage.size());
@@ -142,8 +152,10 @@ void DtInetUdpSockPimpl::startReceive()
 {
    if (!myReceiveSocket || !myReceiveBuffer)
       return;
+   // MSG_TRUNC makes the completion carry the datagram's real length, so one longer
+   // than the buffer is known to be cut.
    myReceiveSocket->async_receive_from(
-       *myReceiveBuffer, mySender,
+       *myReceiveBuffer, mySender, MSG_TRUNC,
        [this](boost::system::error_code const& error, std::size_t bytes)
        { handleReceiveFrom(error, bytes); });
 }
@@ -163,8 +175,12 @@ void DtInetUdpSockPimpl::handleReceiveFrom(boost::system::error_code const& erro
    if (!myReceiveBuffer)
       return;
 
-   auto* data = new std::vector<char>(myReceiveStorage.begin(),
-                                      myReceiveStorage.begin() + static_cast<long>(bytes));
+   // A cut datagram is queued without its bytes, and its reader is told it did not
+   // fit, as a synchronous read into a buffer too small would be.
+   auto* data = bytes > myReceiveStorage.size()
+                    ? nullptr
+                    : new std::vector<char>(myReceiveStorage.begin(),
+                                            myReceiveStorage.begin() + static_cast<long>(bytes));
    auto* sender = new Endpoint(mySender);
    {
       // The time goes in while the entry's lock is held, so a reader never finds an
@@ -312,11 +328,10 @@ int DtInetUdpSockPimpl::takeReceived(Endpoint& sender, boost::system::error_code
    // The entry is gone either way: a datagram too big for the caller's buffers is
    // lost, and the next call gets the next one.
    int result = DtInetSockResultNoFit;
-   std::vector<char> const& data = *entry.second;
-   if (copy(data))
+   if (entry.second && copy(*entry.second))
    {
       sender = *static_cast<Endpoint*>(entry.first);
-      result = static_cast<int>(data.size());
+      result = static_cast<int>(entry.second->size());
    }
    freeEntry(entry);
    return result;

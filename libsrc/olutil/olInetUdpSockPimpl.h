@@ -44,7 +44,7 @@ class DtInetUdpSockPimpl
 public:
    typedef boost::asio::ip::udp::endpoint Endpoint;
    // A queued datagram: its heap endpoint (as void*) and its heap buffer, both owned
-   // by the queue entry.
+   // by the queue entry. A received datagram that was cut has a null buffer.
    typedef std::pair<void*, std::vector<char>*> Entry;
    typedef std::deque<Entry> Queue;
 
@@ -70,7 +70,8 @@ public:
                         boost::system::error_code& error);
 
    // Takes the oldest received datagram. The size, 0 when nothing waits, -1 with
-   // `error` set after a background failure, -4 when it does not fit (it is dropped).
+   // `error` set after a background failure, -4 when it does not fit or was cut
+   // (it is dropped).
    int getFromReceiveQueue(char* buffer, unsigned long length, Endpoint& sender,
                            boost::system::error_code& error, double& time);
    // The same, scattered across the chain's buffers; on -4 the leading part stays.

@@ -31,6 +31,11 @@
 
 #include "olInetUdpSockPimpl.h"
 
+// Older C libraries lack the name; kernels before 4.20 refuse the option.
+#ifndef IPV6_MULTICAST_ALL
+#define IPV6_MULTICAST_ALL 29
+#endif
+
 namespace
 {
 
@@ -454,11 +459,14 @@ bool DtInetUdpSocket::closeSocket()
       return !error;
    };
 
-   if (mySecondUdpSocket != myUdpSocket && mySecondUdpSocket->is_open())
-      closeOne(mySecondUdpSocket);
-
+   // The I/O thread starts the next background read on the receiving socket after
+   // each datagram; it is stopped before any socket closes, so that no read is
+   // started on a closed (or reused) descriptor.
    if (myFlags & DtInetSockFlagsAsync)
       myPimpl->stop();
+
+   if (mySecondUdpSocket != myUdpSocket && mySecondUdpSocket->is_open())
+      closeOne(mySecondUdpSocket);
 
    bool udpClosed = true;
    if (myUdpSocket->is_open())
@@ -997,8 +1005,13 @@ bool DtInetUdpSocket::setMcastDevice(DtInetAddr const& address)
 {
    if (!myUdpSocket->is_open())
       return false;
-   if (!address.isIPv4())
-      return true;
+   if (address.isIPv6())
+   {
+      // IPv6 names the outbound interface by its index, and only an IPv6 socket has
+      // the option.
+      unsigned int const index = myLocalEndpoint.isIPv6() ? ipv6InterfaceIndex(address) : 0;
+      return index == 0 || setIpv6McastInterface(index, address);
+   }
    return applyToSocket(
        myUdpSocket,
        setter(myUdpSocket,
@@ -1020,7 +1033,42 @@ bool DtInetUdpSocket::setMcastDevice(DtInetDevice* device)
                           "Error setting multicast device:" + theNoMcastDevice);
       return false;
    }
+   // Whatever family the device was made for, an IPv6 socket sends out of it by its
+   // index.
+   if (myUdpSocket->is_open() && myLocalEndpoint.isIPv6() && device->ipv6Addr() &&
+       device->interfaceIndex() > 0)
+      return setIpv6McastInterface(static_cast<unsigned int>(device->interfaceIndex()),
+                                   *device->ipv6Addr());
    return setMcastDevice(*device->addr());
+}
+
+bool DtInetUdpSocket::setIpv6McastInterface(unsigned int index, DtInetAddr const& address)
+{
+   return applyToSocket(
+       myUdpSocket, setter(myUdpSocket, boost::asio::ip::multicast::outbound_interface(index)),
+       "DtInetUdpSocket::setMcastDevice(): Error setting multicast device to " + text(address));
+}
+
+unsigned int DtInetUdpSocket::ipv6InterfaceIndex(DtInetAddr const& address)
+{
+   if (!address.isIPv6() || address.isAnyAddr())
+      return 0;
+   unsigned long const scope = address.boostAddress().to_v6().scope_id();
+   if (scope != 0)
+      return static_cast<unsigned int>(scope);
+   DtInetDevice const device(address);
+   return device.isOk() && device.interfaceIndex() > 0
+              ? static_cast<unsigned int>(device.interfaceIndex())
+              : 0;
+}
+
+void DtInetUdpSocket::receiveOwnGroupsOnly(DtInetBoostUdpSocket& socket)
+{
+   // An IPv6 socket takes the IPv4 option too, for the IPv4 groups it may receive;
+   // an IPv4 socket refuses the IPv6 one. Refusals change nothing that worked before.
+   int const off = 0;
+   ::setsockopt(socket.native_handle(), IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off);
+   ::setsockopt(socket.native_handle(), IPPROTO_IPV6, IPV6_MULTICAST_ALL, &off, sizeof off);
 }
 
 bool DtInetUdpSocket::findGroupInterface(DtInetAddr const& group, DtInetDevice* device,
@@ -1091,13 +1139,14 @@ bool DtInetUdpSocket::changeGroup(bool join, DtInetAddr const& group, DtInetDevi
                     { return entry.first == group && entry.second == interfaceAddress; });
    if (join && member != myJoinedGroups.end())
       return true;
-   if (join && !setMcastDevice(interfaceAddress))
+   if (join && !(group.isIPv6() && interfaceIndex != 0 && myLocalEndpoint.isIPv6()
+                     ? setIpv6McastInterface(interfaceIndex, interfaceAddress)
+                     : setMcastDevice(interfaceAddress)))
       return false;
 
-   DtInetBoostUdpSocket* socket = myUdpSocket;
    boost::asio::ip::address const& groupAddress = group.boostAddress();
    boost::asio::ip::address const& localAddress = interfaceAddress.boostAddress();
-   auto change = [&](ErrorCode& error)
+   auto change = [&](DtInetBoostUdpSocket* socket, ErrorCode& error)
    {
       if (groupAddress.is_v6())
       {
@@ -1128,8 +1177,19 @@ bool DtInetUdpSocket::changeGroup(bool join, DtInetAddr const& group, DtInetDevi
    };
    std::string const failure = prefix + (join ? "Error joining group " : "Error leaving group ") +
                                text(group) + " on interface " + text(interfaceAddress);
-   if (!applyToSocket(socket, change, failure))
-      return false;
+   // A separate receiving socket holds the membership too: it is the one that reads
+   // the group, and, like every member, it hears only the groups it joined itself.
+   for (DtInetBoostUdpSocket* socket :
+        {myUdpSocket, mySecondUdpSocket != myUdpSocket ? mySecondUdpSocket : nullptr})
+   {
+      if (!socket)
+         continue;
+      if (join && socket->is_open())
+         receiveOwnGroupsOnly(*socket);
+      if (!applyToSocket(
+              socket, [&change, socket](ErrorCode& error) { change(socket, error); }, failure))
+         return false;
+   }
 
    if (join)
       myJoinedGroups.emplace_back(group, interfaceAddress);

@@ -130,6 +130,7 @@ void DtFilePrinter::resetFile(char const* name)
    file.clear();
    openLocked(name);
    rollCount = 0;
+   rollFailureReported = false;
 }
 
 void DtFilePrinter::cacheFilename(std::string const& name)
@@ -150,10 +151,30 @@ void DtFilePrinter::rollLocked(std::time_t now)
    file.close();
    file.clear();
    ++rollCount;
-   std::string rolledName = namePrefix + "_" + std::to_string(rollCount) + nameSuffix;
-   // A failed rename only means the old text is overwritten; logging goes on.
-   (void)std::rename(fullName.c_str(), rolledName.c_str());
-   file.open(fullName, std::ios::out | std::ios::trunc);
+   std::string const rolledName = namePrefix + "_" + std::to_string(rollCount) + nameSuffix;
+   if (std::rename(fullName.c_str(), rolledName.c_str()) == 0)
+   {
+      file.open(fullName, std::ios::out | std::ios::trunc);
+   }
+   else
+   {
+      // The lines written so far are still in the named file, and starting it
+      // afresh would lose them: it is continued instead, and the roll number
+      // is left for the next roll that succeeds. A dot in a directory part puts
+      // the rolled name in a directory that does not exist, so this failure
+      // can repeat at every interval; it is told once.
+      int const error = errno;
+      --rollCount;
+      if (!rollFailureReported)
+      {
+         rollFailureReported = true;
+         DtStandardErrorConsole.write("DtFilePrinter: cannot roll " + fullName + " to " +
+                                          rolledName + ": " + errorText(error) +
+                                          "; writing on in " + fullName + "\n",
+                                      1, true);
+      }
+      file.open(fullName, std::ios::out | std::ios::app);
+   }
    fileStartTime = now;
 }
 

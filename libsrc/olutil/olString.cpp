@@ -13,9 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iomanip>
 #include <istream>
-#include <locale>
 #include <ostream>
 #include <strings.h>
 
@@ -626,14 +624,16 @@ int DtString::count(char c) const
 
 void DtString::tokenize(char sep, std::vector<DtString>& out) const
 {
-   out.clear();
+   // The tokens are gathered apart and handed over at the end: out may hold
+   // this very string, which clearing it first would destroy.
+   std::vector<DtString> tokens;
    DtString token;
    int const n = size();
    for (int i = 0; i < n; ++i)
    {
       if (text[i] == sep)
       {
-         out.push_back(token);
+         tokens.push_back(token);
          token = nullString();
       }
       else
@@ -643,7 +643,8 @@ void DtString::tokenize(char sep, std::vector<DtString>& out) const
       }
    }
    if (!token.isEmpty())
-      out.push_back(token);
+      tokens.push_back(token);
+   out.swap(tokens);
 }
 
 DtString DtString::section(char sep, int first, int last) const
@@ -731,27 +732,18 @@ std::ostream& operator<<(std::ostream& os, DtString const& s)
 namespace
 {
 
-// Reads one white-space-delimited word whole. The word buffer is bounded, so a
-// longer word is read in several pieces and joined. False when no word could
-// be read.
+// Reads one white-space-delimited word whole, however long, NULs included: the
+// quotes are looked for in the bytes as they came, and the text made of them
+// ends at its first NUL like every text of a DtString. A word read is never
+// empty. False when no word could be read.
 bool readWord(std::istream& is, std::string& word)
 {
-   word.clear();
-   char buffer[DtString::theMaxInsertionStringSize];
-   for (;;)
-   {
-      std::memset(buffer, 0, sizeof buffer);
-      is >> std::setw(sizeof buffer) >> buffer;
-      if (!is)
-         return !word.empty();
-      word += buffer;
-      if (std::strlen(buffer) < sizeof buffer - 1)
-         return true;
-      int const next = is.peek();
-      if (next == std::char_traits<char>::eof() ||
-          std::isspace(static_cast<char>(next), is.getloc()))
-         return true;
-   }
+   return static_cast<bool>(is >> word);
+}
+
+bool endsInQuote(std::string const& word)
+{
+   return !word.empty() && word.back() == '"';
 }
 
 }  // namespace
@@ -765,7 +757,7 @@ std::istream& operator>>(std::istream& is, DtString& s)
       s = word.c_str();
       return is;
    }
-   if (word.back() == '"')
+   if (endsInQuote(word))
    {
       // A lone quote both opens and closes: the empty text.
       s = word.size() >= 2 ? word.substr(1, word.size() - 2).c_str() : "";
@@ -776,7 +768,7 @@ std::istream& operator>>(std::istream& is, DtString& s)
    while (!closed && readWord(is, word))
    {
       phrase += ' ';
-      closed = word.back() == '"';
+      closed = endsInQuote(word);
       if (closed)
          word.pop_back();
       phrase += word;
