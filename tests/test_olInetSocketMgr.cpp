@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <set>
@@ -172,6 +173,20 @@ TEST_P(ManagerTest, PeersJoinAreServedInMapOrderAndLeave)
       ASSERT_GT(n, 0);
       EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(n)), std::to_string(peer->localPort()));
       EXPECT_EQ(from.port(), peer->localPort());
+   }
+
+   // The first peer in the map speaks again while the ones after it stay quiet: a
+   // read that finds nothing up to the end of the map starts the next at the beginning.
+   for (char const* text : {"again", "and again"})
+   {
+      SCOPED_TRACE(text);
+      ASSERT_EQ(sendText(*order[0], text), static_cast<int>(std::strlen(text)));
+      char buffer[16];
+      DtInetEndpoint from;
+      int const n = waitFor([&] { return manager->recvFrom(buffer, sizeof buffer, from, 0); });
+      ASSERT_GT(n, 0);
+      EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(n)), text);
+      EXPECT_EQ(from.port(), order[0]->localPort());
    }
 
    // A peer that leaves is dropped by the next read that meets it, and reported once.

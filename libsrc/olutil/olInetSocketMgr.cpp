@@ -506,6 +506,7 @@ int DtInetSocketMgr::readInTurn(Read const& read)
       start = myConnections.begin();
 
    int result = 0;
+   bool walkedToTheEnd = true;
    std::vector<DtInetSocket*> dead;
    for (auto it = start; it != myConnections.end(); ++it)
    {
@@ -519,14 +520,21 @@ int DtInetSocketMgr::readInTurn(Read const& read)
             result = 0;
             continue;
          }
+         walkedToTheEnd = false;
          break;
       }
       if (result > 0)
       {
          myReadCursor = *it;
+         walkedToTheEnd = false;
          break;
       }
    }
+   // A walk that found nothing up to the end of the map starts the next one at the
+   // beginning: without this, the peers before the last one that gave data would
+   // never be read again while the ones after it stay quiet.
+   if (walkedToTheEnd)
+      myReadCursor.second = nullptr;
    dropDead(dead);
    return result;
 }
