@@ -2,6 +2,7 @@
 #include <olutil/olInetTcpSocket.h>
 
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -477,6 +478,29 @@ TEST(TcpSocketSetup, RefusalsAndTheirTexts)
                            "listen on port 0",
                            DtInetSockStateError));
    }
+}
+
+TEST(TcpSocketSetup, ConstructorsWithArgumentsIgnoreBrokenPipes)
+{
+   struct sigaction restore;
+   struct sigaction dflt;
+   std::memset(&dflt, 0, sizeof dflt);
+   dflt.sa_handler = SIG_DFL;
+   ASSERT_EQ(::sigaction(SIGPIPE, &dflt, &restore), 0);
+   for (bool server : {false, true})
+   {
+      SCOPED_TRACE(server ? "server" : "connection");
+      ASSERT_EQ(::sigaction(SIGPIPE, &dflt, nullptr), 0);
+      std::unique_ptr<DtInetTcpSocket> const socket =
+          server ? std::make_unique<DtInetTcpSocket>(0, nullptr, DtInetUtils::DtInetFamilyIPv4,
+                                                     theBlocking, false)
+                 : std::make_unique<DtInetTcpSocket>(tcpEndpoint("127.0.0.1", 9), 0, nullptr,
+                                                     theBlocking, false);
+      struct sigaction now;
+      ASSERT_EQ(::sigaction(SIGPIPE, nullptr, &now), 0);
+      EXPECT_EQ(now.sa_handler, SIG_IGN);
+   }
+   ::sigaction(SIGPIPE, &restore, nullptr);
 }
 
 TEST(TcpSocketOptions, SetAndReadBack)
