@@ -329,6 +329,14 @@ TEST(SocketManager, ConnectionsWithoutAServer)
    EXPECT_STREQ(udpManager.getLastErrorString().c_str(),
                 "Illegal attempt to add a connection from a UDP socket manager to a TCP endpoint.");
    EXPECT_EQ(udpManager.processConnections(), 0);
+
+   // A UDP peer that needs no connected socket is served by the server socket itself.
+   DtInetEndpoint udpPeer(DtInetAddr("127.0.0.1"), 9, DtInetProtocolUdp);
+   udpManager.addSocketAdditionCallback(refuse, &record, 0);
+   record.calls.clear();
+   EXPECT_EQ(udpManager.addConnection(udpPeer, 0, nullptr, true, false), udpManager.serverSocket());
+   EXPECT_TRUE(record.calls.empty());
+   EXPECT_EQ(udpManager.peerSocket(udpPeer), udpManager.serverSocket());
 }
 
 TEST(SocketManager, APeerFailingForAnotherReasonFailsTheCallAndIsDropped)

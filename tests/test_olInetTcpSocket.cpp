@@ -298,6 +298,36 @@ TEST_P(TcpLoopbackTest, BackgroundQueuesKeepTheOrderAndCloseDeliversFirst)
    EXPECT_EQ(sendText(*pair.client, "late"), -1);
 }
 
+TEST_P(TcpLoopbackTest, AResetBeforeOrDuringBackgroundSendsIsTheEndOfTheConnection)
+{
+   // Connected at once (blocking connect): the queued writes meet the reset on the I/O
+   // thread. Connecting in the background: the reset comes before the connect has been
+   // looked at, and is still the peer's end, not a failed connect.
+   for (unsigned int flags : {theBlocking | DtInetSockFlagsAsync, theBackground})
+   {
+      SCOPED_TRACE(flags);
+      connect(flags, theNonBlocking);
+      resetOnClose(*pair.accepted);
+      ::close(pair.accepted->tcpSocket()->release());
+      std::string block(4096, 'q');
+      int result = 0;
+      for (int i = 0; i < 5000 && result >= 0; ++i)
+      {
+         result = sendText(*pair.client, block);
+         if (result >= 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      EXPECT_EQ(result, -1);
+      EXPECT_EQ(pair.client->state(), DtInetSockStateTerminated);
+      // Which of the background read and write meets the end first decides how it is
+      // told: the end of stream, a broken pipe or a reset.
+      int const code = pair.client->getTerminationCode();
+      EXPECT_TRUE(code == 2 || code == EPIPE || code == ECONNRESET) << code;
+      EXPECT_EQ(pair.client->getLastError(), 0);
+      EXPECT_TRUE(pair.client->closeSocket());  // no drain waits on a dead connection
+   }
+}
+
 TEST_P(TcpLoopbackTest, BackgroundChunkTooBigIsLost)
 {
    connect(theBlocking, theNonBlocking | DtInetSockFlagAsyncRecv);

@@ -570,8 +570,13 @@ void DtInetTcpSocket::finishConnect()
       failure = errno;
    if (failure != 0)
    {
-      recordFailure(failure, theConnectFailure +
-                                 ErrorCode(failure, boost::system::system_category()).message());
+      ErrorCode const error(failure, boost::system::system_category());
+      // A connection that came up and was then reset or aborted before anyone looked
+      // ended like any other: that is the peer's end, not a failed connect.
+      if (failure != 110 && endsConnection(failure))
+         recordTermination(failure, error.message().c_str());
+      else
+         recordFailure(failure, theConnectFailure + error.message());
       return;
    }
    becomeConnected();
@@ -748,8 +753,8 @@ bool DtInetTcpSocket::checkSendable(char const* prefix, char const* uninitialize
 {
    int const before = myState;
    finishConnect();
-   if (before != myState && myState == DtInetSockStateError)
-      return false;  // the connect failed just now, and said so
+   if (before != myState && myState != DtInetSockStateConnected)
+      return false;  // the connect failed, or the connection ended, just now, and said so
    if (myState != DtInetSockStateConnecting && myState != DtInetSockStateConnected)
    {
       recordFailure(theNotConnectedError, std::string(prefix) + theNotConnected);
@@ -772,7 +777,7 @@ bool DtInetTcpSocket::checkReadable(char const* unconnectedText, char const* uni
 {
    int const before = myState;
    finishConnect();
-   if (before != myState && myState == DtInetSockStateError)
+   if (before != myState && myState != DtInetSockStateConnected)
       return false;
    if (myState != DtInetSockStateConnecting && myState != DtInetSockStateConnected)
    {
