@@ -42,6 +42,8 @@
 #include <olutil/olInetSocket.h>
 #include <olutil/olInetSocketUtils.h>
 #include <olutil/olInetUdpSocket.h>
+#include <olutil/olInetTcpSocket.h>
+#include <olutil/olInetSocketMgr.h>
 
 // DIS
 #include <olutil/olPduFilterTest.h>
