@@ -75,6 +75,7 @@ private:
    int enqueueDropOldest(char** pieces, unsigned long* sizes, int count, int needed);
    void copyv(char** pieces, unsigned long* sizes, int count, int remaining);
    void moveFront(int fallback);
+   int unreadMessages(int start, int end);
    void dropOverwrittenCounts(int messages);
 
    DtShmMsgQueueManager queueManager;

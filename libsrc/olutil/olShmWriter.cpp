@@ -28,7 +28,6 @@ struct DtShmMsgQueueWriter::Space
 {
    int found = 0;
    int status = 0;
-   int overwrittenMessages = 0;  // unread messages among the elements counted
    bool sawInUse = false;
 };
 
@@ -111,8 +110,6 @@ DtShmMsgQueueWriter::Space DtShmMsgQueueWriter::findSpace(int start, int needed,
          space.sawInUse = true;
          // Counted for each in-use element seen, also when the search is repeated.
          ++droppedOld;
-         if (olshm::load(element->type) == DtShmElementMessage)
-            ++space.overwrittenMessages;
       }
       if (space.found >= needed)
          break;
@@ -234,11 +231,12 @@ int DtShmMsgQueueWriter::enqueueDropOldest(char** pieces, unsigned long* sizes, 
       if (overwrite && m.lockFront(waitForLock) != 0)
          return -1;
       int const messageAt = tail;
+      int const unread = overwrite ? unreadMessages(tail, tail + space.found) : 0;
       copyv(pieces, sizes, count, space.found - needed);
       if (overwrite)
       {
          moveFront(messageAt);
-         dropOverwrittenCounts(space.overwrittenMessages);
+         dropOverwrittenCounts(unread);
          m.unlockFront();
       }
    }
@@ -248,7 +246,6 @@ int DtShmMsgQueueWriter::enqueueDropOldest(char** pieces, unsigned long* sizes, 
       if (space.status != 2 || !wrap)
          return -1;
       int const wrapAt = tail;
-      int const discarded = space.overwrittenMessages;
       bool const discardsInUse = space.sawInUse;
       // In use from here on: a later search counts it, and moveFront may stop at it.
       olshm::store(wrap->free, 0);
@@ -271,6 +268,9 @@ int DtShmMsgQueueWriter::enqueueDropOldest(char** pieces, unsigned long* sizes, 
          olshm::store(wrap->free, 1);
          return -1;
       }
+      int unread = 0;
+      if (overwrite)
+         unread = unreadMessages(0, space.found) + (wrapMark ? unreadMessages(wrapAt, physEnd) : 0);
       tail = 0;
       copyv(pieces, sizes, count, space.found - needed);
       if (wrapMark)
@@ -281,7 +281,7 @@ int DtShmMsgQueueWriter::enqueueDropOldest(char** pieces, unsigned long* sizes, 
       if (overwrite)
       {
          moveFront(0);
-         dropOverwrittenCounts(space.overwrittenMessages + (wrapMark ? discarded : 0));
+         dropOverwrittenCounts(unread);
          m.unlockFront();
       }
    }
@@ -316,6 +316,28 @@ void DtShmMsgQueueWriter::moveFront(int fallback)
       offset = next >= physEnd ? 0 : static_cast<int>(next);
    }
    m.setFront(fallback);
+}
+
+int DtShmMsgQueueWriter::unreadMessages(int start, int end)
+{
+   // Counted under the front lock: a message that the reader was reading while the
+   // room was searched is read by now, and its count went with it.
+   DtShmMsgQueueManager& m = queueManager;
+   int unread = 0;
+   int offset = start;
+   while (offset < end)
+   {
+      Dt_Shm_Msg_Queue_Element* element = m.getQueueElement(offset);
+      if (!element)
+         break;
+      if (olshm::load(element->free) == 0 && olshm::load(element->type) == DtShmElementMessage)
+         ++unread;
+      long long const next = olshm::nextOffset(element, offset, m.getPhysEnd());
+      if (next < 0)
+         break;
+      offset = static_cast<int>(next);
+   }
+   return unread;
 }
 
 void DtShmMsgQueueWriter::dropOverwrittenCounts(int messages)
