@@ -673,6 +673,45 @@ TEST(DtShmMsgQueueProcessTest, DropOldestReaderGetsWholeMessagesInOrderFromAFast
    EXPECT_LE(read, count);
 }
 
+TEST(DtShmMsgQueueProcessTest, SlowDropOldestReaderIsNeverLeftWaitingWithAMessageThere)
+{
+   // The reader pauses inside its reads, so the writer often counts a message as
+   // unread that the reader is just taking. The reader is the child: it must come to
+   // the last message, which is never overwritten.
+   int const queueSize = 1024;
+   olt::SemaphoreSet semaphores;
+   olt::SharedBlock block(queueSize);
+   DtShmMsgQueueWriter writer(block.queue(), queueSize, semaphores.id(), 0, true, true, true);
+   std::uint32_t const count = 20000;
+   pid_t const child = olt::startChild([&] {
+      DtShmMsgQueueReader reader(block.queue(), queueSize, semaphores.id(), 0, true, false, true);
+      std::vector<char> buffer(queueSize);
+      std::uint32_t expected = 0;
+      for (int reads = 0; reads < 1000000; ++reads)
+      {
+         char status;
+         int const n = reader.Read(buffer.data(), buffer.size(), &status);
+         if (n < 0)
+            continue;
+         std::uint32_t const seen = olt::sequenceOf(buffer.data());
+         if (seen == count)
+            return 0;
+         if (seen < expected || !isMessage(buffer.data(), n, seen, sizeFor(seen, 4, 200)))
+            return 1;
+         expected = seen + 1;
+         if (reads % 4 == 0)
+            usleep(50);
+      }
+      return 2;
+   });
+   for (std::uint32_t i = 0; i <= count; ++i)
+   {
+      int const size = i == count ? 4 : sizeFor(i, 4, 200);
+      ASSERT_EQ(size, writer.Write(payloadFor(i, size).data(), size));
+   }
+   EXPECT_EQ(0, olt::waitChild(child));
+}
+
 TEST(DtShmMsgQueueProcessTest, WriterKilledHoldingTheLockLeavesAWorkingReader)
 {
    olt::SemaphoreSet semaphores;
