@@ -52,9 +52,10 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
    std::memcpy(block, data, size < blockBytes ? size : blockBytes);
    auto* queue = reinterpret_cast<Dt_Shm_Msg_Queue*>(block);
 
-   // Nothing waits: a free lock, messages counted, bytes to spare.
+   // Nothing waits: a free lock, bytes to spare, and more messages counted than
+   // overwriting can take away (at most one per 16 bytes of area a write).
    semctl(theSemaphores, 0, SETVAL, 32767 - 4096);
-   semctl(theSemaphores, 1, SETVAL, 64);
+   semctl(theSemaphores, 1, SETVAL, 16384);
    bool const dropOldest = queue->dropOldest != 0;
    if (dropOldest)
       semctl(theSemaphores, 0, SETVAL, 1);
