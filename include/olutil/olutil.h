@@ -49,6 +49,13 @@
 #include <olutil/olPduFilterTest.h>
 #include <olutil/olDisSocket.h>
 
+// Messaging
+#include <olutil/olShmQueue.h>
+#include <olutil/olShmReader.h>
+#include <olutil/olShmWriter.h>
+#include <olutil/olShmPool.h>
+#include <olutil/olCliServer.h>
+
 // Platform
 #include <olutil/olProcessControl.h>
 
