@@ -1,21 +1,24 @@
 #!/usr/bin/env bash
 # Installs the Debian packages olutil needs for what is being built, when any is missing.
 #   scripts/install-deps.sh [cmake arguments...]
-# Reads the same -DOLUTIL_BUILD_TESTS=, -DOLUTIL_BUILD_BENCH= and -DOLUTIL_BUILD_FUZZ=
-# arguments as CMake (or those names in the environment), so a library-only build asks
-# for the library's packages alone. Installs as root or through sudo. Without either,
-# missing library packages stop it; missing test, benchmark or fuzzing packages are
-# named on standard error and left to CMake (benchmarks are skipped there when absent).
+# Reads the same -DOLUTIL_BUILD_TESTS=, -DOLUTIL_BUILD_BENCH=, -DOLUTIL_BUILD_FUZZ= and
+# -DOLUTIL_BUILD_TOOLS= arguments as CMake (or those names in the environment), so a
+# library-only build asks for the library's packages alone. Installs as root or through
+# sudo. Without either, missing library packages stop it; missing test, benchmark or
+# fuzzing packages are named on standard error and left to CMake (benchmarks are
+# skipped there when absent).
 set -euo pipefail
 
 want_tests=${OLUTIL_BUILD_TESTS:-ON}
 want_bench=${OLUTIL_BUILD_BENCH:-ON}
 want_fuzz=${OLUTIL_BUILD_FUZZ:-OFF}
+want_tools=${OLUTIL_BUILD_TOOLS:-ON}
 for arg in "$@"; do
    case $arg in
       -DOLUTIL_BUILD_TESTS=*|-DOLUTIL_BUILD_TESTS:*=*) want_tests=${arg#*=} ;;
       -DOLUTIL_BUILD_BENCH=*|-DOLUTIL_BUILD_BENCH:*=*) want_bench=${arg#*=} ;;
       -DOLUTIL_BUILD_FUZZ=*|-DOLUTIL_BUILD_FUZZ:*=*) want_fuzz=${arg#*=} ;;
+      -DOLUTIL_BUILD_TOOLS=*|-DOLUTIL_BUILD_TOOLS:*=*) want_tools=${arg#*=} ;;
    esac
 done
 
@@ -29,6 +32,11 @@ is_on() {
 
 # What the library and the tools need: without these nothing builds.
 required=(build-essential cmake libboost-dev libboost-thread-dev libboost-system-dev uuid-dev)
+# The capture tools (oldis-record, oldis-replay) and their fuzz target read and
+# write pcap files with libpcap; the library never links it.
+if is_on "$want_tools" || is_on "$want_fuzz"; then
+   required+=(libpcap-dev)
+fi
 # What only some builds need. pkg-config goes with the tests: CI builds a program
 # against an installed tree with it.
 # The FOM module reader (olfom-merge and its tests) needs pugixml; without it CMake

@@ -1,6 +1,8 @@
-// Tests of the DIS tools, oldis-send and oldis-monitor, run as built: their
-// options and errors, what the sender puts on the wire, what the monitor counts,
-// and (with root) broadcast, multicast and host lookups inside network namespaces.
+// Tests of the DIS tools, oldis-send, oldis-monitor, oldis-record and
+// oldis-replay, run as built: their options and errors, what the sender puts on
+// the wire, what the monitor counts and decodes, what the recorder writes and the
+// replayer reads and sends, and (with root) broadcast, multicast and host lookups
+// inside network namespaces.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -10,9 +12,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <map>
@@ -23,6 +27,7 @@
 #include <gtest/gtest.h>
 
 #include "support_netns.h"
+#include "support_pcap.h"
 
 namespace
 {
@@ -31,6 +36,8 @@ typedef std::vector<unsigned char> Bytes;
 
 char const* const theSend = OLDIS_SEND_PATH;
 char const* const theMonitor = OLDIS_MONITOR_PATH;
+char const* const theRecord = OLDIS_RECORD_PATH;
+char const* const theReplay = OLDIS_REPLAY_PATH;
 
 // A guard against a tool that hangs, not a measure of speed: a wait that reaches
 // it fails the test instead of blocking the run.
@@ -370,6 +377,28 @@ TEST(ToolOptions, BadOptionsAreRefusedWithUsageStatus)
        {theMonitor, {"--group", "10.77.0.255"}, "e.g. 10.77.0.255/24"},
        {theMonitor, {"--listen", "::1", "--group", "239.1.2.3"}, "--listen goes with neither"},
        {theMonitor, {"--interface", "nosuchif0"}, "no interface for nosuchif0"},
+       {theMonitor, {"--format", "xml"}, "bad value for --format: xml"},
+       {theMonitor, {"--stats=1"}, "--stats takes no value"},
+       {theMonitor, {"--entities=yes"}, "--entities takes no value"},
+       {theRecord, {}, "--output FILE is needed"},
+       {theRecord, {"--output"}, "--output needs a value"},
+       {theRecord, {"--output="}, "bad value for --output: "},
+       {theRecord, {"--output=x.pcap", "--port=0"}, "bad value for --port: 0"},
+       {theRecord, {"--output=x.pcap", "--count", "-1"}, "bad value for --count: -1"},
+       {theRecord, {"--output=x.pcap", "--duration", "1s"}, "bad value for --duration: 1s"},
+       {theRecord, {"--output=x.pcap", "stray"}, "unexpected argument stray"},
+       {theRecord, {"--output=x.pcap", "--group", "ff15::7"}, "records IPv4 traffic only"},
+       {theRecord, {"--output=x.pcap", "--group", "127.0.0.1"}, "neither a multicast group"},
+       {theReplay, {}, "a capture file is needed"},
+       {theReplay, {"a.pcap", "b.pcap"}, "one capture file only"},
+       {theReplay, {"--speed", "-1", "a.pcap"}, "bad value for --speed: -1"},
+       {theReplay, {"--loop=twice", "a.pcap"}, "bad value for --loop: twice"},
+       {theReplay, {"--exercise", "256", "a.pcap"}, "bad value for --exercise: 256"},
+       {theReplay, {"--bundle", "70000", "a.pcap"}, "bad value for --bundle: 70000"},
+       {theReplay, {"--align", "3", "a.pcap"}, "bad value for --align: 3"},
+       {theReplay, {"--udp-port", "0", "a.pcap"}, "bad value for --udp-port: 0"},
+       {theReplay, {"-", "--loop", "2"}, "standard input can be read once only"},
+       {theReplay, {"/nonexistent/a.pcap"}, "cannot read /nonexistent/a.pcap: "},
    };
    for (Case const& c : cases)
    {
@@ -397,7 +426,15 @@ TEST(ToolOptions, HelpNamesEveryOptionOnStandardOutput)
        {theSend,
         {"--dest", "ADDR/PREFIX", "--ttl", "--interface", "--loopback", "--suppress", "--entities",
          "--timestamp", "collision", "attr", "binds the destination port and joins the group"}},
-       {theMonitor, {"--listen", "--rcvbuf", "--suppress", "--duration", "until interrupted"}},
+       {theMonitor,
+        {"--listen", "--rcvbuf", "--suppress", "--duration", "until interrupted", "--format",
+         "json", "--stats", "--entities"}},
+       {theRecord,
+        {"--port", "--group", "--interface", "--output", "--duration", "--count", "--rcvbuf",
+         "udp.port==N,dis"}},
+       {theReplay,
+        {"--dest", "--port", "--speed", "--loop", "--exercise", "--bundle", "--align", "--udp-port",
+         "pcapng", "Linux cooked"}},
    };
    for (Case const& c : cases)
    {
@@ -460,7 +497,7 @@ TEST(ToolLoopback, DatagramsAndPdusAreCountedApart)
    EXPECT_EQ(t.pdus, 4);
    EXPECT_EQ(t.kernel, 0u);
    // One line per PDU, with its length.
-   for (char const* length : {"length 16\n", "length 30\n", "length 40\n", "length 50\n"})
+   for (char const* length : {"length 16 ", "length 30 ", "length 40 ", "length 50 "})
       EXPECT_NE(monitor.out().find(length), std::string::npos) << length;
 }
 
@@ -522,7 +559,8 @@ TEST(ToolLoopback, PerPduLinesAreNotHeldBack)
    ASSERT_TRUE(monitor.waitForError("listening on")) << monitor.err();
    Result const send = run({theSend, "--port", port, "--count", "1", "--exercise", "9"});
    ASSERT_EQ(send.status, 0) << send.err;
-   EXPECT_TRUE(monitor.waitForOutput("exercise 9 kind 1 length 144\n")) << monitor.out();
+   EXPECT_TRUE(monitor.waitForOutput("exercise 9 kind 1 length 144 type EntityState "))
+       << monitor.out();
    EXPECT_EQ(monitor.out().find("total:"), std::string::npos) << "seen only at the end";
    monitor.signal(SIGINT);
    EXPECT_EQ(monitor.finish(), 0);
@@ -703,6 +741,548 @@ TEST(ToolLoopback, Version6BundlesArriveAsEveryPdu)
    EXPECT_EQ(t.malformed, 0);
 }
 
+// ------------------------------------------------------------------ decoding and statistics
+
+// The lines of `text`, without their line ends.
+std::vector<std::string> linesOf(std::string const& text)
+{
+   std::vector<std::string> lines;
+   std::string::size_type at = 0;
+   while (at < text.size())
+   {
+      std::string::size_type const end = text.find('\n', at);
+      lines.push_back(text.substr(at, end - at));
+      if (end == std::string::npos)
+         break;
+      at = end + 1;
+   }
+   return lines;
+}
+
+// The text of a JSON field of a flat object line: a string without its quotes,
+// or a number; "" when absent.
+std::string jsonField(std::string const& line, std::string const& name)
+{
+   std::string const key = "\"" + name + "\":";
+   std::string::size_type at = line.find(key);
+   if (at == std::string::npos)
+      return "";
+   at += key.size();
+   if (line[at] == '"')
+      return line.substr(at + 1, line.find('"', at + 1) - at - 1);
+   return line.substr(at, line.find_first_of(",}", at) - at);
+}
+
+// A monitor that reads the 8 PDUs of one cycle of the sender's mix (Entity State,
+// Fire, Entity State, Detonation, Entity State, Collision, Entity State, and one
+// with a coupled Attribute PDU) about 3 entities.
+Result monitorTheMix(Argv const& monitorArgs)
+{
+   std::string const port = freePort();
+   Argv argv{theMonitor, "--port", port, "--count", "8"};
+   argv.insert(argv.end(), monitorArgs.begin(), monitorArgs.end());
+   Tool monitor(argv);
+   EXPECT_TRUE(monitor.waitForError("listening on")) << monitor.err();
+   Result const send =
+       run({theSend, "--port", port, "--count", "8", "--kind", "mix", "--entities", "3"});
+   EXPECT_EQ(send.status, 0) << send.err;
+   int const status = monitor.finish();
+   return {status, monitor.out(), monitor.err()};
+}
+
+TEST(ToolDecode, JsonLinesCarryTheDecodedFields)
+{
+   Result const r = monitorTheMix({"--format", "json"});
+   ASSERT_EQ(r.status, 0) << r.err;
+   std::vector<std::string> const lines = linesOf(r.out);
+   ASSERT_EQ(lines.size(), 8u) << r.out;
+   std::map<std::string, int> types;
+   std::set<std::string> markings;
+   for (std::string const& line : lines)
+   {
+      SCOPED_TRACE(line);
+      ASSERT_EQ(line.front(), '{');
+      ASSERT_EQ(line.back(), '}');
+      EXPECT_EQ(jsonField(line, "time").size(), 24u) << "2026-11-21T14:03:07.250Z";
+      EXPECT_EQ(jsonField(line, "sender").rfind("127.0.0.1:", 0), 0u);
+      EXPECT_EQ(jsonField(line, "version"), "7");
+      EXPECT_EQ(jsonField(line, "timestamp_type"), "absolute");
+      std::string const type = jsonField(line, "type");
+      ++types[type];
+      if (type == "Collision")
+         continue;
+      // Every entity circles within a few kilometres of 36.6 N, 121.9 W.
+      EXPECT_NEAR(std::stod(jsonField(line, "latitude")), 36.6, 0.05);
+      EXPECT_NEAR(std::stod(jsonField(line, "longitude")), -121.9, 0.05);
+      double const altitude = std::stod(jsonField(line, "altitude"));
+      EXPECT_TRUE(std::fabs(altitude) < 0.01 || std::fabs(altitude - 3000) < 0.01) << altitude;
+      if (type == "EntityState")
+      {
+         std::string const entity = jsonField(line, "entity");
+         std::string const number = entity.substr(entity.rfind(':') + 1);
+         EXPECT_EQ(jsonField(line, "marking"), "OLDIS " + number);
+         markings.insert(jsonField(line, "marking"));
+         EXPECT_EQ(jsonField(line, "entity_type").rfind("1.", 0), 0u) << "a platform";
+         EXPECT_EQ(jsonField(line, "force"), number == "2" ? "Opposing" : "Friendly");
+         // With --entities 3 the third is the aircraft, at 3000 m.
+         EXPECT_EQ(std::fabs(altitude - 3000) < 0.01, number == "3");
+      }
+      else
+      {
+         EXPECT_NE(jsonField(line, "firing"), jsonField(line, "target"));
+         EXPECT_NE(jsonField(line, "event"), "");
+         EXPECT_EQ(jsonField(line, "munition_type").rfind("2.", 0), 0u) << "a munition";
+      }
+   }
+   EXPECT_EQ(types, (std::map<std::string, int>{
+                        {"EntityState", 5}, {"Fire", 1}, {"Detonation", 1}, {"Collision", 1}}));
+   EXPECT_EQ(markings, (std::set<std::string>{"OLDIS 1", "OLDIS 2", "OLDIS 3"}));
+   // The Entity State PDU with its coupled Attribute PDU is read as one.
+   EXPECT_NE(r.out.find("\"length\":200,\"type\":\"EntityState\""), std::string::npos);
+   // The totals stay off the records.
+   EXPECT_NE(r.err.find("total: 8 PDUs in 8 datagrams"), std::string::npos) << r.err;
+}
+
+TEST(ToolDecode, CsvHasAHeaderAndOneRowOfEveryColumnPerPdu)
+{
+   Result const r = monitorTheMix({"--format=csv"});
+   ASSERT_EQ(r.status, 0) << r.err;
+   std::vector<std::string> const lines = linesOf(r.out);
+   ASSERT_EQ(lines.size(), 9u) << r.out;
+   EXPECT_EQ(lines[0],
+             "time,sender,version,exercise,kind,length,type,timestamp,timestamp_type,truncated,"
+             "entity,force,entity_type,marking,latitude,longitude,altitude,firing,target,"
+             "munition,event,munition_type");
+   for (std::size_t i = 1; i < lines.size(); ++i)
+   {
+      SCOPED_TRACE(lines[i]);
+      EXPECT_EQ(std::count(lines[i].begin(), lines[i].end(), ','), 21);
+      EXPECT_NE(lines[i].find(",7,1,"), std::string::npos) << "version 7, exercise 1";
+   }
+   EXPECT_NE(r.out.find(",EntityState,"), std::string::npos);
+   EXPECT_NE(r.out.find(",OLDIS 2,"), std::string::npos);
+   EXPECT_NE(r.err.find("total: 8 PDUs"), std::string::npos) << r.err;
+}
+
+TEST(ToolDecode, TextLinesStatisticsAndTheEntityTable)
+{
+   Result const r = monitorTheMix({"--stats", "--entities"});
+   ASSERT_EQ(r.status, 0) << r.err;
+   EXPECT_NE(r.out.find(" type Fire timestamp "), std::string::npos) << r.out;
+   EXPECT_NE(r.out.find(" marking \"OLDIS 3\" latitude 36.6"), std::string::npos) << r.out;
+   EXPECT_NE(r.out.find("PDUs by type:\n"
+                        "           5  EntityState (1)\n"
+                        "           1  Fire (2)\n"
+                        "           1  Detonation (3)\n"
+                        "           1  Collision (4)\n"
+                        "PDUs by exercise:\n"
+                        "           8  1\n"
+                        "PDUs by sender:\n"
+                        "           8  127.0.0.1:"),
+             std::string::npos)
+       << r.out;
+   // One row per entity, with its Entity State PDUs: entities 1 and 2 twice each
+   // (the second time of entity 2 with its Attribute PDU), entity 3 once.
+   std::string::size_type const table = r.out.find("entities: 3\n");
+   ASSERT_NE(table, std::string::npos) << r.out;
+   std::vector<std::string> const rows = linesOf(r.out.substr(table));
+   ASSERT_GE(rows.size(), 5u);
+   EXPECT_EQ(rows[1].rfind("entity ", 0), 0u) << "the column names";
+   std::map<std::string, std::string> pdus;
+   for (std::size_t i = 2; i < 5; ++i)
+   {
+      std::vector<std::string> words;
+      char word[64];
+      int used = 0;
+      for (char const* p = rows[i].c_str(); std::sscanf(p, "%63s%n", word, &used) == 1; p += used)
+         words.push_back(word);
+      ASSERT_EQ(words.size(), 9u) << rows[i];  // the marking is two words
+      pdus[words[2].substr(0, 1)] = words[7];
+      EXPECT_NEAR(std::stod(words[4]), 36.6, 0.05);
+   }
+   EXPECT_EQ(pdus, (std::map<std::string, std::string>{{"1", "2"}, {"2", "2"}, {"3", "1"}}));
+   EXPECT_EQ(totalsOf(r.out).pdus, 8);
+}
+
+// With --summary the statistics come each second too, the records not at all.
+TEST(ToolDecode, SummaryStatisticsLineAndNoRecords)
+{
+   Result const r = monitorTheMix({"--summary", "--stats", "--format", "json"});
+   ASSERT_EQ(r.status, 0) << r.err;
+   EXPECT_EQ(r.out, "");
+   EXPECT_NE(r.err.find(": by type: EntityState 5, Fire 1, Detonation 1, Collision 1; by "
+                        "exercise: 1 8; by sender: 127.0.0.1:"),
+             std::string::npos)
+       << r.err;
+}
+
+// ------------------------------------------------------------------ record and replay
+
+// A folder of the test's own, removed with what it holds.
+class TempDir
+{
+public:
+   TempDir()
+   {
+      char name[] = "/tmp/oldis-tools-XXXXXX";
+      if (mkdtemp(name))
+         myPath = name;
+   }
+   ~TempDir()
+   {
+      if (!myPath.empty())
+         std::system(("rm -rf '" + myPath + "'").c_str());
+   }
+   TempDir(TempDir const&) = delete;
+   TempDir& operator=(TempDir const&) = delete;
+
+   std::string file(std::string const& name) const { return myPath + "/" + name; }
+
+private:
+   std::string myPath;
+};
+
+void writeFile(std::string const& path, Bytes const& bytes)
+{
+   FILE* f = std::fopen(path.c_str(), "wb");
+   ASSERT_TRUE(f) << path;
+   if (!bytes.empty())
+      std::fwrite(bytes.data(), 1, bytes.size(), f);
+   std::fclose(f);
+}
+
+Bytes readFile(std::string const& path)
+{
+   Bytes bytes;
+   FILE* f = std::fopen(path.c_str(), "rb");
+   if (!f)
+      return bytes;
+   unsigned char buffer[65536];
+   std::size_t n = 0;
+   while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0)
+      bytes.insert(bytes.end(), buffer, buffer + n);
+   std::fclose(f);
+   return bytes;
+}
+
+std::uint32_t le32(Bytes const& b, std::size_t at)
+{
+   return static_cast<std::uint32_t>(b[at]) | static_cast<std::uint32_t>(b[at + 1]) << 8 |
+          static_cast<std::uint32_t>(b[at + 2]) << 16 | static_cast<std::uint32_t>(b[at + 3]) << 24;
+}
+
+// One record of a pcap file the recorder wrote, read here by the file format
+// alone: raw IPv4, a UDP header, the datagram.
+struct Recorded
+{
+   double time;
+   Bytes packet;
+};
+
+std::vector<Recorded> recordsOf(Bytes const& file)
+{
+   std::vector<Recorded> records;
+   EXPECT_GE(file.size(), 24u);
+   if (file.size() < 24)
+      return records;
+   EXPECT_EQ(le32(file, 0), 0xA1B2C3D4u) << "classic pcap, microseconds";
+   EXPECT_EQ(le32(file, 20), 101u) << "link type RAW";
+   std::size_t at = 24;
+   while (at + 16 <= file.size())
+   {
+      std::uint32_t const captured = le32(file, at + 8);
+      EXPECT_EQ(captured, le32(file, at + 12)) << "whole packets";
+      EXPECT_LE(at + 16 + captured, file.size());
+      if (at + 16 + captured > file.size())
+         break;
+      records.push_back({le32(file, at) + le32(file, at + 4) * 1e-6,
+                         Bytes(file.begin() + static_cast<long>(at) + 16,
+                               file.begin() + static_cast<long>(at + 16 + captured))});
+      at += 16 + captured;
+   }
+   EXPECT_EQ(at, file.size()) << "no bytes after the last record";
+   return records;
+}
+
+// The recorder writes every datagram as it came, empty ones too, with the
+// addresses, ports and checksums of a real IPv4 UDP packet, stamped with the
+// time it arrived; SIGINT ends it with the file whole.
+TEST(ToolRecord, EveryDatagramIsWrittenWithRealHeadersAndStopsOnInterrupt)
+{
+   TempDir dir;
+   std::string const file = dir.file("sent.pcap");
+   std::string const port = freePort();
+   double const before = static_cast<double>(std::time(nullptr));
+   Tool record({theRecord, "--port", port, "--output", file});
+   ASSERT_TRUE(record.waitForError("recording 0.0.0.0:" + port)) << record.err();
+   Socket sender("127.0.0.1");
+   unsigned short const to = static_cast<unsigned short>(std::stoi(port));
+   Bytes const datagrams[] = {{}, Bytes(5, 0xAB), pdu(3, 144)};
+   for (Bytes const& d : datagrams)
+      sender.sendTo(d, to);
+   ASSERT_TRUE(record.waitForError("3 in all")) << record.err();
+   record.signal(SIGINT);
+   ASSERT_EQ(record.finish(), 0) << record.err();
+   double const after = static_cast<double>(std::time(nullptr)) + 1;
+   EXPECT_EQ(record.out().rfind("recorded 3 datagrams, 149 bytes in ", 0), 0u) << record.out();
+   EXPECT_NE(record.out().find(" to " + file + "; 0 dropped by the kernel\n"), std::string::npos);
+
+   std::vector<Recorded> const records = recordsOf(readFile(file));
+   ASSERT_EQ(records.size(), 3u);
+   double last = 0;
+   for (std::size_t i = 0; i < records.size(); ++i)
+   {
+      SCOPED_TRACE(i);
+      Bytes const& p = records[i].packet;
+      ASSERT_EQ(p.size(), 28 + datagrams[i].size());
+      EXPECT_EQ(p[0], 0x45);
+      EXPECT_EQ(get16(p, 2), p.size());
+      EXPECT_EQ(p[9], 17);
+      EXPECT_EQ(olt::sum16(p.data(), 20), 0xFFFFu) << "IP header checksum";
+      std::uint32_t pseudo =
+          olt::sum16(p.data() + 12, 8) + 17 + static_cast<std::uint32_t>(p.size() - 20);
+      EXPECT_EQ(olt::sum16(p.data() + 20, p.size() - 20, pseudo), 0xFFFFu) << "UDP checksum";
+      EXPECT_EQ(get32(p, 12), 0x7F000001u);
+      EXPECT_EQ(get32(p, 16), 0x7F000001u);
+      EXPECT_EQ(get16(p, 20), sender.port());
+      EXPECT_EQ(get16(p, 22), to);
+      EXPECT_EQ(get16(p, 24), 8 + datagrams[i].size());
+      EXPECT_EQ(Bytes(p.begin() + 28, p.end()), datagrams[i]);
+      // Stamped when it came: during the test, in order.
+      EXPECT_GE(records[i].time, before);
+      EXPECT_LE(records[i].time, after);
+      EXPECT_GE(records[i].time, last);
+      last = records[i].time;
+   }
+}
+
+// The sender's traffic, recorded and replayed into a monitor: every datagram and
+// every PDU is accounted for, the exercise rewritten on the way.
+TEST(ToolRecord, RecordedTrafficReplaysIntoTheMonitorWithEveryPdu)
+{
+   TempDir dir;
+   std::string const file = dir.file("mix.pcap");
+   std::string const recordPort = freePort();
+   Tool record({theRecord, "--port", recordPort, "--output", file, "--count", "16"});
+   ASSERT_TRUE(record.waitForError("recording")) << record.err();
+   Result const send = run({theSend, "--port", recordPort, "--count", "16", "--kind", "mix",
+                            "--entities", "4", "--rate", "2000"});
+   ASSERT_EQ(send.status, 0) << send.err;
+   ASSERT_EQ(record.finish(), 0) << record.err();
+   // 8 Entity State PDUs of 144 bytes, 2 Fire of 96, 2 Detonation of 104, 2
+   // Collision of 60, 2 Entity State with an Attribute PDU, 200 bytes together.
+   EXPECT_EQ(record.out().rfind("recorded 16 datagrams, 2072 bytes in ", 0), 0u) << record.out();
+
+   std::string const monitorPort = freePort();
+   Tool monitor({theMonitor, "--port", monitorPort, "--count", "16", "--exercise", "4", "--stats",
+                 "--summary"});
+   ASSERT_TRUE(monitor.waitForError("listening on")) << monitor.err();
+   Result const replay =
+       run({theReplay, "--port", monitorPort, "--exercise", "4", "--speed", "20", file});
+   EXPECT_EQ(replay.status, 0) << replay.err;
+   EXPECT_EQ(replay.out.rfind("replayed 16 datagrams (16 PDUs, 2072 bytes) as 16 datagrams to "
+                              "127.0.0.1:" +
+                                  monitorPort + " in ",
+                              0),
+             0u)
+       << replay.out;
+   EXPECT_NE(replay.out.find("; skipped packets: 0 other protocols, 0 IPv6, 0 IPv4 fragments, "
+                             "0 malformed, 0 truncated, 0 not DIS, 0 other ports\n"),
+             std::string::npos)
+       << replay.out;
+   ASSERT_EQ(monitor.finish(), 0) << monitor.err();
+   EXPECT_NE(monitor.out().find("total: 16 PDUs in 16 datagrams, 2072 bytes; dropped datagrams: "
+                                "0 empty, 0 too short, 0 malformed, 0 by the kernel; dropped "
+                                "PDUs: 0 filtered; 0 warnings"),
+             std::string::npos)
+       << monitor.out();
+   EXPECT_NE(monitor.out().find("PDUs by type:\n"
+                                "          10  EntityState (1)\n"
+                                "           2  Fire (2)\n"
+                                "           2  Detonation (3)\n"
+                                "           2  Collision (4)\n"
+                                "PDUs by exercise:\n"
+                                "          16  4\n"),
+             std::string::npos)
+       << monitor.out();
+}
+
+// Replayed in bundles, version 6 PDUs are packed as a version 6 receiver reads
+// them, and a loop plays the file again.
+TEST(ToolRecord, Version6ReplayedInBundlesAndLooped)
+{
+   TempDir dir;
+   std::string const file = dir.file("v6.pcap");
+   std::string const recordPort = freePort();
+   Tool record({theRecord, "--port", recordPort, "--output", file, "--count", "30"});
+   ASSERT_TRUE(record.waitForError("recording")) << record.err();
+   Result const send = run({theSend, "--port", recordPort, "--count", "30", "--version", "6",
+                            "--kind", "collision", "--rate", "0"});
+   ASSERT_EQ(send.status, 0) << send.err;
+   ASSERT_EQ(record.finish(), 0) << record.err();
+
+   std::string const monitorPort = freePort();
+   Tool monitor({theMonitor, "--port", monitorPort, "--count", "60", "--summary"});
+   ASSERT_TRUE(monitor.waitForError("listening on")) << monitor.err();
+   Result const replay = run(
+       {theReplay, "--port", monitorPort, "--speed", "0", "--loop", "2", "--bundle", "1400", file});
+   EXPECT_EQ(replay.status, 0) << replay.err;
+   // 23 PDUs of 60 bytes fill 1380 of a bundle's 1400: 23, 23 and 14.
+   EXPECT_EQ(replay.out.rfind("replayed 60 datagrams (60 PDUs, 3600 bytes) as 3 datagrams", 0), 0u)
+       << replay.out;
+   ASSERT_EQ(monitor.finish(), 0) << monitor.err();
+   Totals const t = totalsOf(monitor.out());
+   EXPECT_EQ(t.pdus, 60) << monitor.out();
+   EXPECT_EQ(t.datagrams, 3);
+   EXPECT_EQ(t.malformed, 0);
+}
+
+// A capture written by hand: what is a DIS datagram over IPv4 and UDP is sent as
+// it was (its exercise rewritten), the rest is counted by reason.
+TEST(ToolReplay, HandWrittenCaptureIsSentAndEachSkipCounted)
+{
+   TempDir dir;
+   std::string const file = dir.file("hand.pcap");
+   Bytes const es = olt::disPdu(1, 144);
+   Bytes bundle = olt::disPdu(4, 60);
+   bundle.resize(64, 0);
+   Bytes const second = olt::disPdu(2, 96, 2);
+   bundle.insert(bundle.end(), second.begin(), second.end());
+   olt::Ipv4Udp longUdp;
+   longUdp.udpLengthDelta = 40;
+   olt::Ipv4Udp fragment;
+   fragment.fragment = 0x2000;
+   Bytes const whole = olt::ethernet(olt::ipv4(es));  // cut by the capture, last
+   olt::PcapFile capture(olt::theLinkEthernet);
+   capture.add(olt::ethernet(olt::ipv4(es)), 1000, 0)
+       .add(olt::ethernet(olt::ipv4(es, longUdp)), 1000, 10)
+       .add(olt::ethernet(Bytes(28, 0), 0x0806), 1000, 20)
+       .add(olt::ethernet(olt::ipv4(Bytes{1, 2, 3})), 1000, 30)
+       .add(olt::ethernet(olt::ipv6(es), 0x86DD), 1000, 40)
+       .add(olt::ethernet(olt::ipv4(es, fragment)), 1000, 50)
+       .add(olt::ethernet(olt::ipv4(bundle), 0x0800, {5}), 1000, 60)
+       .add(Bytes(whole.begin(), whole.begin() + 60), 1000, 70,
+            static_cast<std::uint32_t>(whole.size()));
+   writeFile(file, capture.bytes());
+
+   Socket receiver("127.0.0.1");
+   Result const r = run({theReplay, "--port", std::to_string(receiver.port()), "--exercise", "7",
+                         "--speed", "0", file});
+   EXPECT_EQ(r.status, 1) << "damaged packets: " << r.err;
+   EXPECT_EQ(r.out.rfind("replayed 2 datagrams (3 PDUs, 304 bytes) as 2 datagrams", 0), 0u)
+       << r.out;
+   EXPECT_NE(r.out.find("skipped packets: 1 other protocols, 1 IPv6, 1 IPv4 fragments, 1 "
+                        "malformed, 1 truncated, 1 not DIS, 0 other ports\n"),
+             std::string::npos)
+       << r.out;
+   EXPECT_NE(r.err.find("IPv6 packets are not replayed"), std::string::npos) << r.err;
+   Bytes d;
+   ASSERT_TRUE(receiver.receive(d));
+   Bytes expected = es;
+   expected[1] = 7;
+   EXPECT_EQ(d, expected);
+   ASSERT_TRUE(receiver.receive(d));
+   expected = bundle;
+   expected[1] = 7;
+   expected[64 + 1] = 7;
+   EXPECT_EQ(d, expected);
+
+   // Only port 3001: nothing is DIS to replay, which is a problem to report.
+   Result const none = run({theReplay, "--port", std::to_string(receiver.port()), "--udp-port",
+                            "3001", "--speed", "0", file});
+   EXPECT_EQ(none.status, 1);
+   EXPECT_NE(none.err.find("no DIS datagram in " + file), std::string::npos) << none.err;
+   EXPECT_NE(none.out.find(" 3 other ports\n"), std::string::npos) << none.out;
+}
+
+TEST(ToolReplay, DamagedForeignAndEmptyFiles)
+{
+   TempDir dir;
+   Bytes const es = olt::disPdu(1, 144);
+   olt::PcapFile good(olt::theLinkRaw);
+   good.add(olt::ipv4(es), 1000, 0).add(olt::ipv4(es), 1000, 1).add(olt::ipv4(es), 1000, 2);
+   struct Case
+   {
+      char const* what;
+      Bytes bytes;
+      int status;
+      char const* message;
+      std::size_t received;
+   };
+   Case const cases[] = {
+       {"cut inside the third record", Bytes(good.bytes().begin(), good.bytes().end() - 50), 1,
+        ": read error after 2 packets: ", 2},
+       {"not a capture", Bytes(100, 'x'), 2, "cannot read ", 0},
+       {"header cut", Bytes(good.bytes().begin(), good.bytes().begin() + 12), 2, "cannot read ", 0},
+       {"wireless", olt::PcapFile(olt::theLinkIeee80211).add(es).bytes(), 2,
+        "link type IEEE802_11 (802.11) is not supported", 0},
+       {"no packets", olt::PcapFile(olt::theLinkEthernet).bytes(), 0, "", 0},
+   };
+   for (Case const& c : cases)
+   {
+      SCOPED_TRACE(c.what);
+      std::string const file = dir.file("case.pcap");
+      writeFile(file, c.bytes);
+      Socket receiver("127.0.0.1");
+      Result const r =
+          run({theReplay, "--port", std::to_string(receiver.port()), "--speed", "0", file});
+      EXPECT_EQ(r.status, c.status) << r.err;
+      EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+      for (std::size_t i = 0; i < c.received; ++i)
+      {
+         Bytes d;
+         ASSERT_TRUE(receiver.receive(d));
+         EXPECT_EQ(d, es);
+      }
+      if (c.status == 2)
+      {
+         EXPECT_EQ(r.out, "");
+      }
+   }
+
+   // Looping until interrupted over a file with nothing to send ends by itself.
+   std::string const empty = dir.file("empty.pcap");
+   writeFile(empty, olt::PcapFile(olt::theLinkEthernet).bytes());
+   std::string const arp = dir.file("arp.pcap");
+   writeFile(arp,
+             olt::PcapFile(olt::theLinkEthernet).add(olt::ethernet(Bytes(28, 0), 0x0806)).bytes());
+   Socket receiver("127.0.0.1");
+   std::string const port = std::to_string(receiver.port());
+   EXPECT_EQ(run({theReplay, "--port", port, "--loop", "0", empty}).status, 0);
+   Result const r = run({theReplay, "--port", port, "--loop", "0", "--speed", "0", arp});
+   EXPECT_EQ(r.status, 1);
+   EXPECT_NE(r.out.find("replayed 0 datagrams"), std::string::npos) << r.out;
+   EXPECT_NE(r.out.find("1 other protocols"), std::string::npos) << r.out;
+}
+
+// Wireshark's dissector reads what the recorder wrote as DIS, with nothing
+// malformed. Runs where tshark is installed.
+TEST(ToolRecord, TsharkDissectsTheRecordingAsDis)
+{
+   if (access("/usr/bin/tshark", X_OK) != 0)
+      GTEST_SKIP() << "tshark is not installed";
+   TempDir dir;
+   std::string const file = dir.file("dis.pcap");
+   std::string const port = freePort();
+   Tool record({theRecord, "--port", port, "--output", file, "--count", "12"});
+   ASSERT_TRUE(record.waitForError("recording")) << record.err();
+   Result const send = run({theSend, "--port", port, "--count", "40", "--kind", "mix", "--bundle",
+                            "1400", "--rate", "0"});
+   ASSERT_EQ(send.status, 0) << send.err;
+   Result const sendMore =
+       run({theSend, "--port", port, "--count", "8", "--kind", "mix", "--rate", "0"});
+   ASSERT_EQ(sendMore.status, 0) << sendMore.err;
+   ASSERT_EQ(record.finish(), 0) << record.err();
+   std::string const decodeAs = "udp.port==" + port + ",dis";
+   Result const all = run({"/usr/bin/tshark", "-n", "-r", file, "-d", decodeAs, "-Y", "dis"});
+   ASSERT_EQ(all.status, 0) << all.err;
+   EXPECT_EQ(linesOf(all.out).size(), 12u) << all.out;
+   Result const bad = run({"/usr/bin/tshark", "-n", "-r", file, "-d", decodeAs, "-Y",
+                           "_ws.malformed || _ws.expert.severity >= warning"});
+   ASSERT_EQ(bad.status, 0) << bad.err;
+   EXPECT_EQ(bad.out, "");
+}
+
 // ------------------------------------------------------------------ in network namespaces
 
 class ToolNetns : public ::testing::Test
@@ -826,6 +1406,41 @@ TEST_F(ToolNetns, MulticastSenderOptions)
    ASSERT_TRUE(t.found) << monitor.out();
    EXPECT_EQ(t.pdus, 3);
    EXPECT_EQ(t.ownTraffic, 0);
+}
+
+// A recorder joined to a group on the second host writes what the first sends with
+// the group as destination, the sender's address as source and the time to live
+// the datagrams arrived with.
+TEST_F(ToolNetns, RecordsAGroupWithItsAddressesAndTimeToLive)
+{
+   olt::TestNetns a, b;
+   ASSERT_TRUE(a.ok() && b.ok()) << a.error() << b.error();
+   ASSERT_TRUE(a.addVethPair("rca", "rcb")) << a.error();
+   ASSERT_TRUE(a.ip({"link", "set", "rcb", "netns", b.name()})) << a.error();
+   ASSERT_TRUE(a.addAddress("rca", "10.79.0.1/24") && a.setLinkUp("rca")) << a.error();
+   ASSERT_TRUE(b.addAddress("rcb", "10.79.0.2/24") && b.setLinkUp("rcb")) << b.error();
+
+   TempDir dir;
+   std::string const file = dir.file("group.pcap");
+   Tool record({theRecord, "--group", "239.1.2.4", "--interface", "rcb", "--port", "3003",
+                "--output", file, "--count", "3"},
+               in(b));
+   ASSERT_TRUE(record.waitForError("group 239.1.2.4")) << record.err();
+   Result const send = run({theSend, "--dest", "239.1.2.4", "--interface", "rca", "--port", "3003",
+                            "--count", "3", "--ttl", "5"},
+                           in(a));
+   EXPECT_EQ(send.status, 0) << send.err;
+   ASSERT_EQ(record.finish(), 0) << record.err();
+   std::vector<Recorded> const records = recordsOf(readFile(file));
+   ASSERT_EQ(records.size(), 3u);
+   for (Recorded const& r : records)
+   {
+      EXPECT_EQ(get32(r.packet, 12), 0x0A4F0001u) << "from 10.79.0.1";
+      EXPECT_EQ(get32(r.packet, 16), 0xEF010204u) << "to 239.1.2.4";
+      EXPECT_EQ(r.packet[8], 5) << "time to live";
+      EXPECT_EQ(get16(r.packet, 22), 3003u);
+      EXPECT_EQ(r.packet.size(), 28u + 144u);
+   }
 }
 
 // IPv6 multicast leaves by the interface named, to a monitor on the other host.

@@ -1,20 +1,19 @@
-// oldis-monitor: receives DIS traffic with DtDisSocket and reports each PDU, or
-// one summary line per second, and a totals line at the end.
+// oldis-monitor: receives DIS traffic with DtDisSocket and reports each PDU with
+// its decoded fields (as text, CSV or JSON), or one summary line per second, and
+// a totals line at the end; with --stats the PDUs by type, exercise and sender,
+// with --entities a table of the entities seen.
 //
 //   oldis-monitor [--port N] [--group ADDR[/PREFIX]] [--listen ADDR]
 //                 [--interface NAME] [--exercise N] [--version N] [--kind N]
-//                 [--summary] [--duration S] [--count N] [--rcvbuf BYTES]
-//                 [--suppress] [--help]
+//                 [--summary] [--format text|csv|json] [--stats] [--entities]
+//                 [--duration S] [--count N] [--rcvbuf BYTES] [--suppress] [--help]
 //
 // Runs until interrupted (SIGINT, SIGTERM), or for --duration seconds, or until
 // --count PDUs arrived. Datagrams and PDUs are counted apart: a datagram may
 // carry several PDUs (a bundle) and is dropped whole (empty, too short, own
 // traffic, malformed) or lost before it is read (by the kernel, when the socket's
 // receive buffer is full); a PDU is dropped by the filters.
-#include <linux/sock_diag.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/uio.h>
 
 #include <cerrno>
 #include <chrono>
@@ -23,21 +22,33 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <olutil/olDisSocket.h>
 #include <olutil/olInetAddr.h>
-#include <olutil/olInetDevice.h>
 
+#include "disDecode.h"
 #include "toolArgs.h"
+#include "toolSockets.h"
 
 namespace
 {
+using oltool::DisField;
+using oltool::DisId;
+using oltool::DisPdu;
 using oltool::parseLong;
 char const* const theTool = "oldis-monitor";
 unsigned short const theDefaultPort = 3000;
+
+enum class Format
+{
+   Text,
+   Csv,
+   Json
+};
 
 struct Options
 {
@@ -49,6 +60,9 @@ struct Options
    std::vector<unsigned int> versions;
    std::vector<unsigned int> kinds;
    bool summary = false;
+   Format format = Format::Text;
+   bool stats = false;
+   bool entities = false;
    double duration = 0.0;
    long count = 0;
    long receiveBuffer = 0;
@@ -59,8 +73,8 @@ void usage(FILE* out)
 {
    std::fprintf(out,
                 "usage: oldis-monitor [options]\n"
-                "Receives DIS PDUs on a UDP port, one line per PDU (or per second), until\n"
-                "interrupted, then prints the totals.\n"
+                "Receives DIS PDUs on a UDP port, one line per PDU with its decoded fields (or\n"
+                "one per second), until interrupted, then prints the totals.\n"
                 "  --port N          UDP port (default %u)\n"
                 "  --group ADDR      join this multicast group, or receive this broadcast address\n"
                 "                    (with its mask or prefix: 10.77.0.255/24)\n"
@@ -71,6 +85,13 @@ void usage(FILE* out)
                 "  --version N       accept only this protocol version (repeatable)\n"
                 "  --kind N          accept only this PDU kind (repeatable)\n"
                 "  --summary         one line per second instead of one per PDU\n"
+                "  --format F        text, csv (a header line, then one line per PDU) or json\n"
+                "                    (one object per line); with csv and json the summary,\n"
+                "                    totals and tables go to standard error (default text)\n"
+                "  --stats           PDUs by type, exercise and sender: a table at the end, and a\n"
+                "                    line each second with --summary\n"
+                "  --entities        a table of the entities seen, at the end: id, marking,\n"
+                "                    type, last position, PDUs, last seen\n"
                 "  --duration S      stop after S seconds (default 0: until interrupted)\n"
                 "  --count N         stop after N PDUs (default 0: no limit)\n"
                 "  --rcvbuf BYTES    socket receive buffer (default: the system's largest)\n"
@@ -93,11 +114,16 @@ bool parse(int argc, char** argv, Options& options)
          usage(stdout);
          std::exit(0);
       }
-      if (arg == "--summary" || arg == "--suppress")
+      bool* flag = arg == "--summary"    ? &options.summary
+                   : arg == "--suppress" ? &options.suppress
+                   : arg == "--stats"    ? &options.stats
+                   : arg == "--entities" ? &options.entities
+                                         : nullptr;
+      if (flag)
       {
          if (!in.noValue())
             return false;
-         (arg == "--summary" ? options.summary : options.suppress) = true;
+         *flag = true;
          continue;
       }
       char const* value = in.value();
@@ -119,6 +145,12 @@ bool parse(int argc, char** argv, Options& options)
          options.versions.push_back(static_cast<unsigned int>(number));
       else if (arg == "--kind" && (ok = parseLong(value, 0, 255, number)))
          options.kinds.push_back(static_cast<unsigned int>(number));
+      else if (arg == "--format")
+      {
+         std::string const f = value;
+         ok = f == "text" || f == "csv" || f == "json";
+         options.format = f == "csv" ? Format::Csv : f == "json" ? Format::Json : Format::Text;
+      }
       else if (arg == "--duration")
          ok = oltool::parseNonNegative(value, options.duration);
       else if (arg == "--count" && (ok = parseLong(value, 0, 1000000000, number)))
@@ -174,72 +206,144 @@ struct Totals
    }
 
    // Own traffic can only occur with suppression, so it is shown only then.
-   void print(char const* label, bool suppression) const
+   void print(FILE* out, char const* label, bool suppression) const
    {
       char own[48] = "";
       if (suppression)
          std::snprintf(own, sizeof own, "%ld own traffic, ", ownTraffic);
-      std::printf(
+      std::fprintf(
+          out,
           "%s: %ld PDUs in %ld datagrams, %llu bytes; dropped datagrams: %ld empty, %ld too "
           "short, %s%ld malformed, %llu by the kernel; dropped PDUs: %ld filtered; %ld "
           "warnings\n",
           label, pdus, datagrams, bytes, empty, tooShort, own, malformed, kernelDrops, filtered,
           warnings);
-      std::fflush(stdout);
+      std::fflush(out);
    }
 };
 
-// The kernel's count of datagrams it dropped for this socket (a full receive
-// buffer, mostly). Each datagram carries the count as it stood when the datagram
-// was queued (SO_RXQ_OVFL); the socket's memory figures give it now (SO_MEMINFO),
-// which also covers drops after the last datagram read.
-class KernelDrops
+// PDUs by type, exercise and sender. Senders are bounded: past the bound, new
+// ones are counted together, so that traffic from ever new ports cannot grow the
+// table without end.
+class PduStats
 {
 public:
-   explicit KernelDrops(int descriptor) : myDescriptor(descriptor)
+   void add(DisPdu const& pdu, std::string const& sender)
    {
-      int const on = 1;
-      setsockopt(myDescriptor, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
+      ++myTypes[pdu.kind];
+      ++myExercises[pdu.exercise];
+      auto const known = mySenders.find(sender);
+      if (known != mySenders.end())
+         ++known->second;
+      else if (mySenders.size() < theMaxSenders)
+         mySenders[sender] = 1;
+      else
+         ++myOtherSenders;
    }
 
-   // The length of the next datagram without taking it (0 for an empty one), or
-   // -1 when none is waiting. Notes the drop count it carries.
-   long peekNextDatagram()
+   void clear() { *this = PduStats(); }
+
+   // One line: "by type: EntityState 90, Fire 10; by exercise: 1 100; by sender: ..."
+   std::string line() const
    {
-      char control[CMSG_SPACE(sizeof(std::uint32_t))];
-      msghdr message{};
-      message.msg_control = control;
-      message.msg_controllen = sizeof control;
-      ssize_t const length = recvmsg(myDescriptor, &message, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
-      if (length < 0)
-         return -1;
-      for (cmsghdr* c = CMSG_FIRSTHDR(&message); c; c = CMSG_NXTHDR(&message, c))
-      {
-         if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_RXQ_OVFL)
-         {
-            std::uint32_t dropped = 0;
-            std::memcpy(&dropped, CMSG_DATA(c), sizeof dropped);
-            if (dropped > myCarried)
-               myCarried = dropped;
-         }
-      }
-      return static_cast<long>(length);
+      std::string types, exercises, senders;
+      for (auto const& t : myTypes)
+         types += (types.empty() ? "" : ", ") + std::string(oltool::disTypeName(t.first)) + " " +
+                  std::to_string(t.second);
+      for (auto const& e : myExercises)
+         exercises += (exercises.empty() ? "" : ", ") + std::to_string(e.first) + " " +
+                      std::to_string(e.second);
+      for (auto const& s : mySenders)
+         senders += (senders.empty() ? "" : ", ") + s.first + " " + std::to_string(s.second);
+      if (myOtherSenders)
+         senders += (senders.empty() ? "" : ", ") + std::string("others ") +
+                    std::to_string(myOtherSenders);
+      return "by type: " + (types.empty() ? "none" : types) +
+             "; by exercise: " + (exercises.empty() ? "none" : exercises) +
+             "; by sender: " + (senders.empty() ? "none" : senders);
    }
 
-   unsigned long long count() const
+   void printTables(FILE* out) const
    {
-      std::uint32_t memory[SK_MEMINFO_VARS] = {};
-      socklen_t size = sizeof memory;
-      unsigned long long now = myCarried;
-      if (getsockopt(myDescriptor, SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 &&
-          size > SK_MEMINFO_DROPS * sizeof(std::uint32_t) && memory[SK_MEMINFO_DROPS] > now)
-         now = memory[SK_MEMINFO_DROPS];
-      return now;
+      std::fprintf(out, "PDUs by type:\n");
+      for (auto const& t : myTypes)
+         std::fprintf(out, "  %10ld  %s (%u)\n", t.second, oltool::disTypeName(t.first), t.first);
+      std::fprintf(out, "PDUs by exercise:\n");
+      for (auto const& e : myExercises)
+         std::fprintf(out, "  %10ld  %u\n", e.second, e.first);
+      std::fprintf(out, "PDUs by sender:\n");
+      for (auto const& s : mySenders)
+         std::fprintf(out, "  %10ld  %s\n", s.second, s.first.c_str());
+      if (myOtherSenders)
+         std::fprintf(out, "  %10ld  (senders past the first %zu)\n", myOtherSenders,
+                      theMaxSenders);
+      std::fflush(out);
    }
 
 private:
-   int myDescriptor;
-   std::uint32_t myCarried = 0;
+   static std::size_t const theMaxSenders = 10000;
+   std::map<unsigned int, long> myTypes;
+   std::map<unsigned int, long> myExercises;
+   std::map<std::string, long> mySenders;
+   long myOtherSenders = 0;
+};
+
+// The entities seen in Entity State PDUs, by id, with what their last PDU said.
+// Bounded like the senders: past the bound, PDUs of new entities are only counted.
+class EntityTable
+{
+public:
+   void add(DisPdu const& pdu, std::string const& when)
+   {
+      if (pdu.body != DisPdu::BodyEntityState)
+         return;
+      auto found = myRows.find(pdu.entity);
+      if (found == myRows.end())
+      {
+         if (myRows.size() >= theMaxEntities)
+         {
+            ++myUntracked;
+            return;
+         }
+         found = myRows.emplace(pdu.entity, Row()).first;
+      }
+      Row& row = found->second;
+      row.marking = pdu.marking;
+      row.type = pdu.entityType.text();
+      row.location = pdu.location;
+      ++row.pdus;
+      row.lastSeen = when;
+   }
+
+   void print(FILE* out) const
+   {
+      std::fprintf(out, "entities: %zu\n", myRows.size());
+      std::fprintf(out, "%-18s %-13s %-20s %11s %12s %9s %8s  %s\n", "entity", "marking", "type",
+                   "latitude", "longitude", "altitude", "PDUs", "last seen");
+      for (auto const& r : myRows)
+         std::fprintf(out, "%-18s %-13s %-20s %11.6f %12.6f %9.1f %8ld  %s\n",
+                      r.first.text().c_str(), oltool::disTextValue(r.second.marking).c_str(),
+                      r.second.type.c_str(), r.second.location.latitude,
+                      r.second.location.longitude, r.second.location.altitude, r.second.pdus,
+                      r.second.lastSeen.c_str());
+      if (myUntracked)
+         std::fprintf(out, "(%ld Entity State PDUs of entities past the first %zu)\n", myUntracked,
+                      theMaxEntities);
+      std::fflush(out);
+   }
+
+private:
+   struct Row
+   {
+      std::string marking;
+      std::string type;
+      oltool::Geodetic location;
+      long pdus = 0;
+      std::string lastSeen;
+   };
+   static std::size_t const theMaxEntities = 100000;
+   std::map<DisId, Row> myRows;
+   long myUntracked = 0;
 };
 
 void setAcceptList(DtPduFilterTest& test, std::vector<unsigned int>& values)
@@ -248,79 +352,35 @@ void setAcceptList(DtPduFilterTest& test, std::vector<unsigned int>& values)
       test.setTest(DtPduTestAcceptListed, static_cast<int>(values.size()), values.data());
 }
 
-std::string clockText()
+// The date and time, UTC, for machine readers: "2026-11-21T14:03:07.250Z".
+std::string utcText()
 {
    using namespace std::chrono;
    system_clock::time_point const now = system_clock::now();
    std::time_t const seconds = system_clock::to_time_t(now);
    long const millis =
        static_cast<long>(duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000);
-   std::tm local{};
-   localtime_r(&seconds, &local);
-   char text[32];
-   std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min,
-                 local.tm_sec, millis);
+   std::tm utc{};
+   gmtime_r(&seconds, &utc);
+   char text[96];
+   std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", utc.tm_year + 1900,
+                 utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, millis);
    return text;
-}
-
-// What the monitor receives on: the socket's destination (a group, a broadcast
-// address, or the address to listen on) and the interface, if one was named.
-struct Binding
-{
-   std::unique_ptr<DtInetEndpoint> destination;
-   std::unique_ptr<DtInetDevice> device;
-};
-
-bool makeBinding(Options const& options, Binding& binding)
-{
-   std::string error;
-   std::string const& text = !options.group.empty()    ? options.group
-                             : !options.listen.empty() ? options.listen
-                                                       : std::string("0.0.0.0");
-   binding.destination = oltool::makeEndpoint(text, options.port, error);
-   if (!binding.destination)
-   {
-      std::fprintf(stderr, "%s: bad %s %s: %s\n", theTool,
-                   options.group.empty() ? "listen address" : "group", text.c_str(), error.c_str());
-      return false;
-   }
-   DtInetAddr const& address = binding.destination->address();
-   if (!options.group.empty() && !address.isMulticast() && !address.isBroadcast())
-   {
-      std::fprintf(stderr, "%s: %s is neither a multicast group nor a broadcast address\n", theTool,
-                   text.c_str());
-      oltool::hintAtMissingMask(theTool, text, *binding.destination);
-      return false;
-   }
-   // A local address to listen on binds that address: the socket is given the
-   // interface that bears it.
-   DtString deviceText;
-   if (!options.interfaceName.empty())
-      deviceText = options.interfaceName.c_str();
-   else if (!options.listen.empty() && !address.isAnyAddr())
-      deviceText = address.toDtString();
-   if (!deviceText.isEmpty())
-   {
-      binding.device.reset(new DtInetDevice(deviceText, binding.destination->family()));
-      if (!binding.device->isOk())
-      {
-         std::fprintf(stderr, "%s: no interface for %s: %s\n", theTool, deviceText.c_str(),
-                      oltool::oneLine(binding.device->getLastErrorString().c_str()).c_str());
-         return false;
-      }
-   }
-   return true;
 }
 
 // One read and what became of it, counted in `totals`. False when the read failed.
 class Reader
 {
 public:
-   Reader(DtDisSocket& socket, Options const& options, KernelDrops& drops, Totals& totals)
+   Reader(DtDisSocket& socket, Options const& options, oltool::KernelDrops& drops, Totals& totals,
+          PduStats& stats, PduStats& statsThisSecond, EntityTable& entities)
        : mySocket(socket),
          myOptions(options),
          myDrops(drops),
          myTotals(totals),
+         myStats(stats),
+         myStatsThisSecond(statsThisSecond),
+         myEntities(entities),
          myBuffer(65536),
          myChain(1, &myBuffer),
          mySender(DtInetAddr("0.0.0.0"), 0, DtInetProtocolUdp)
@@ -353,12 +413,7 @@ public:
       if (length > 0)
       {
          ++myTotals.pdus;
-         if (!myOptions.summary)
-         {
-            unsigned char const* pdu = reinterpret_cast<unsigned char const*>(myBuffer.data());
-            std::printf("%s %s version %u exercise %u kind %u length %d\n", clockText().c_str(),
-                        mySender.toDtString().c_str(), pdu[0], pdu[1], pdu[2], length);
-         }
+         report(length);
       }
       else if (length == DtInetSockResultFailed && mySocket.getLastError() != 0)
       {
@@ -386,10 +441,48 @@ public:
    bool failed() const { return myFailed; }
 
 private:
+   // The PDU's line, and its share of the statistics and the entity table.
+   void report(int length)
+   {
+      bool const line = !myOptions.summary;
+      if (!line && !myOptions.stats && !myOptions.entities)
+         return;
+      DisPdu pdu;
+      oltool::decodeDisPdu(reinterpret_cast<unsigned char const*>(myBuffer.data()),
+                           static_cast<std::size_t>(length), pdu);
+      std::string const sender = mySender.toDtString().c_str();
+      if (myOptions.stats)
+      {
+         myStats.add(pdu, sender);
+         myStatsThisSecond.add(pdu, sender);
+      }
+      std::string const now = oltool::clockText();
+      if (myOptions.entities)
+         myEntities.add(pdu, now);
+      if (!line)
+         return;
+      std::vector<DisField> const fields = oltool::disFields(pdu);
+      if (myOptions.format == Format::Text)
+      {
+         std::printf("%s %s %s\n", now.c_str(), sender.c_str(),
+                     oltool::disTextLine(fields).c_str());
+         return;
+      }
+      std::vector<DisField> all{oltool::disText("time", utcText()),
+                                oltool::disText("sender", sender)};
+      all.insert(all.end(), fields.begin(), fields.end());
+      std::string const text =
+          myOptions.format == Format::Csv ? oltool::disCsvLine(all) : oltool::disJsonLine(all);
+      std::printf("%s\n", text.c_str());
+   }
+
    DtDisSocket& mySocket;
    Options const& myOptions;
-   KernelDrops& myDrops;
+   oltool::KernelDrops& myDrops;
    Totals& myTotals;
+   PduStats& myStats;
+   PduStats& myStatsThisSecond;
+   EntityTable& myEntities;
    std::vector<char> myBuffer;
    DtInetSockChain myChain;
    DtInetEndpoint mySender;
@@ -407,29 +500,21 @@ int main(int argc, char** argv)
    }
    // Per-PDU lines reach a pipe as they are made.
    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+   // Records in CSV or JSON stay alone on standard output, for other programs to
+   // read; the reports for people go beside the diagnostics.
+   FILE* const reports = options.format == Format::Text ? stdout : stderr;
    oltool::NotificationToStderr notes(theTool, !options.summary);
    oltool::catchInterrupts();
 
-   Binding binding;
-   if (!makeBinding(options, binding))
+   oltool::Binding binding;
+   if (!oltool::makeBinding(theTool, options.group, options.listen, options.interfaceName,
+                            options.port, binding))
       return oltool::theExitUsage;
-
-   // A unicast destination with no device binds the any-address: the monitor hears
-   // whatever reaches the port. A group destination joins the group. Address reuse
-   // only with a group: a plain port held by another socket must be refused, not
-   // silently shared.
-   unsigned int flags = (DtInetSockFlagsDefault | DtInetSockFlagNonBlocking);
-   if (options.group.empty())
-      flags &= ~static_cast<unsigned int>(DtInetSockFlagReuseAddress);
-   DtDisSocket socket(*binding.destination, options.port, binding.device.get(), flags, false,
-                      options.suppress);
-   if (!socket.openSocket())
-   {
-      std::fprintf(stderr, "%s: cannot listen on port %u: %s\n", theTool,
-                   static_cast<unsigned int>(options.port),
-                   oltool::oneLine(socket.getLastErrorString().c_str()).c_str());
+   std::unique_ptr<DtDisSocket> opened = oltool::openReceiver(
+       theTool, binding, options.port, !options.group.empty(), options.suppress);
+   if (!opened)
       return oltool::theExitProblem;
-   }
+   DtDisSocket& socket = *opened;
    if (options.receiveBuffer > 0 &&
        !socket.setReceiveBufferSize(static_cast<unsigned int>(options.receiveBuffer)))
    {
@@ -441,14 +526,18 @@ int main(int argc, char** argv)
    setAcceptList(socket.protocolVersion(), options.versions);
    setAcceptList(socket.pduKind(), options.kinds);
 
-   KernelDrops drops(socket.receiveDescriptor());
+   oltool::KernelDrops drops(socket.receiveDescriptor());
    Totals totals, printed;
-   Reader reader(socket, options, drops, totals);
+   PduStats stats, statsThisSecond;
+   EntityTable entities;
+   Reader reader(socket, options, drops, totals, stats, statsThisSecond, entities);
 
    std::fprintf(stderr, "%s: listening on %s%s%s (receive buffer %d bytes)\n", theTool,
                 socket.localEndpoint().toDtString().c_str(),
                 options.group.empty() ? "" : ", group ", options.group.c_str(),
                 socket.getReceiveBufferSize());
+   if (options.format == Format::Csv && !options.summary)
+      std::printf("%s\n", oltool::disCsvHeader().c_str());
 
    typedef std::chrono::steady_clock Clock;
    Clock::time_point const start = Clock::now();
@@ -460,6 +549,17 @@ int main(int argc, char** argv)
       Totals const d = totals - printed;
       printed = totals;
       return d;
+   };
+   auto const printSecond = [&](Totals const& d)
+   {
+      std::string const now = oltool::clockText();
+      d.print(reports, now.c_str(), options.suppress);
+      if (options.stats)
+      {
+         std::fprintf(reports, "%s: %s\n", now.c_str(), statsThisSecond.line().c_str());
+         std::fflush(reports);
+         statsThisSecond.clear();
+      }
    };
    bool countReached = false;
    while (!oltool::theInterrupted && !reader.failed())
@@ -474,7 +574,7 @@ int main(int argc, char** argv)
       }
       if (options.summary && now >= nextSummary)
       {
-         interval().print(clockText().c_str(), options.suppress);
+         printSecond(interval());
          nextSummary += std::chrono::seconds(1);
       }
       if (socket.queuedPduCount() == 0)
@@ -494,8 +594,12 @@ int main(int argc, char** argv)
 
    Totals const last = interval();
    if (options.summary && (last.datagrams || last.pdus || last.kernelDrops || last.warnings))
-      last.print(clockText().c_str(), options.suppress);
-   totals.print("total", options.suppress);
+      printSecond(last);
+   if (options.stats)
+      stats.printTables(reports);
+   if (options.entities)
+      entities.print(reports);
+   totals.print(reports, "total", options.suppress);
    socket.closeSocket();
    return reader.failed() ? oltool::theExitProblem : 0;
 }

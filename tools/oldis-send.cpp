@@ -31,9 +31,11 @@
 #include <olutil/olTime.h>
 
 #include "toolArgs.h"
+#include "toolSockets.h"
 
 namespace
 {
+using oltool::CountingDisSocket;
 using oltool::parseLong;
 char const* const theTool = "oldis-send";
 unsigned short const theDefaultPort = 3000;
@@ -492,34 +494,6 @@ std::vector<char> makePdu(std::string const& kind, Sender& sender, long index)
 }
 
 // ------------------------------------------------------------------ socket
-
-// Counts the datagrams that actually leave: sends past the pre-send callbacks are
-// the bundles (and PDUs too big to bundle); plain sends count when not bundling.
-class CountingDisSocket : public DtDisSocket
-{
-public:
-   using DtDisSocket::DtDisSocket;
-
-   int sendTo(char* buffer, unsigned long length, DtInetEndpoint& endpoint,
-              unsigned int flags) override
-   {
-      bool const direct = !isBundling();
-      int const result = DtDisSocket::sendTo(buffer, length, endpoint, flags);
-      if (direct && result > 0)
-         ++datagrams;
-      return result;
-   }
-
-   int sendChainTo(DtInetSockChain& chain, DtInetEndpoint& endpoint, unsigned int flags) override
-   {
-      int const result = DtDisSocket::sendChainTo(chain, endpoint, flags);
-      if ((flags & DtInetSockCallNoPreCallbacks) && result > 0)
-         ++datagrams;
-      return result;
-   }
-
-   long datagrams = 0;
-};
 
 // A Boost option on the sockets that send: the socket itself and, with
 // suppression, its separate send socket. The library has no setter for these.

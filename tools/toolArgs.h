@@ -1,9 +1,10 @@
 // Command-line and output helpers shared by the DIS tools: options as
-// "--name value" or "--name=value", numbers with their bounds and the messages a
-// bad option gets; destination and group texts turned into endpoints (with a
-// netmask or prefix, and a failed host lookup reported instead of used); the
-// library's notification streams moved off standard output; SIGINT and SIGTERM
-// turned into a flag that the tools' loops test.
+// "--name value" or "--name=value" (and file names, for a tool that takes them),
+// numbers with their bounds and the messages a bad option gets; destination and
+// group texts turned into endpoints (with a netmask or prefix, and a failed host
+// lookup reported instead of used); the library's notification streams moved off
+// standard output; SIGINT and SIGTERM turned into a flag that the tools' loops
+// test; the time of day for output lines.
 #ifndef OLUTIL_TOOLS_TOOLARGS_H
 #define OLUTIL_TOOLS_TOOLARGS_H
 
@@ -11,13 +12,16 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <olutil/olInetAddr.h>
 #include <olutil/olInetAddrUtils.h>
@@ -88,18 +92,30 @@ public:
    {
    }
 
-   // Steps to the next argument; false at the end, or (with a message) on an
-   // argument that is not an option.
+   // Arguments that are not options (a file name; "-" among them) go to `sink`
+   // from now on, instead of being refused.
+   void acceptArguments(std::vector<std::string>& sink) { myArguments = &sink; }
+
+   // Steps to the next option; false at the end, or (with a message) on an
+   // argument that is not an option and is not accepted.
    bool next()
    {
-      if (++myIndex >= myArgc || myFailed)
-         return false;
-      std::string const arg = myArgv[myIndex];
-      if (arg.compare(0, 2, "--") != 0 && arg != "-h")
+      std::string arg;
+      for (;;)
       {
-         std::fprintf(stderr, "%s: unexpected argument %s\n", myTool, arg.c_str());
-         myFailed = true;
-         return false;
+         if (++myIndex >= myArgc || myFailed)
+            return false;
+         arg = myArgv[myIndex];
+         bool const option = arg.compare(0, 2, "--") == 0 || arg == "-h";
+         if (option)
+            break;
+         if (!myArguments)
+         {
+            std::fprintf(stderr, "%s: unexpected argument %s\n", myTool, arg.c_str());
+            myFailed = true;
+            return false;
+         }
+         myArguments->push_back(arg);
       }
       std::string::size_type const equals = arg.find('=');
       myName = arg.substr(0, equals);
@@ -146,7 +162,24 @@ private:
    bool myHasInline = false;
    std::string myName;
    std::string myInline;
+   std::vector<std::string>* myArguments = nullptr;
 };
+
+// The time of day, local, to the millisecond: "14:03:07.250".
+inline std::string clockText()
+{
+   using namespace std::chrono;
+   system_clock::time_point const now = system_clock::now();
+   std::time_t const seconds = system_clock::to_time_t(now);
+   long const millis =
+       static_cast<long>(duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000);
+   std::tm local{};
+   localtime_r(&seconds, &local);
+   char text[32];
+   std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min,
+                 local.tm_sec, millis);
+   return text;
+}
 
 // Library texts may span lines ("...Boost socket\nAddress already in use"); a
 // tool's message is one line.

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <string>
 #include <vector>
 
 #include <olutil/olInetAddrUtils.h>
@@ -239,6 +240,11 @@ protected:
    // Records an error number and text and invalidates the socket (state -1).
    void recordFailure(int number, DtString const& text);
    void recordTermination(int code, DtString const& text);
+   // The end of an option operation run by DtInetSockRunOption: true when it worked;
+   // false when the socket was closed (nothing recorded) or when the system refused,
+   // which records the number and `failureText`, a newline and the system's message,
+   // and sets state -1.
+   bool settleOption(int outcome, std::string const& message, std::string const& failureText);
    // The list of a processing type, or null for an unknown type.
    DtInetSockCallbackList* callbackList(DtInetSockProcessingType type);
 

@@ -12,10 +12,12 @@
 #define OLUTIL_OLINETSOCKETUTILS_H
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/container/small_vector.hpp>
+#include <boost/system/error_code.hpp>
 
 #include <olutil/olInetSocket.h>
 
@@ -42,6 +44,23 @@ boost::container::small_vector<Buffer, 16> DtInetSockChainBuffers(DtInetSockChai
          buffers.emplace_back(buffer->data(), buffer->size());
    }
    return buffers;
+}
+
+// Runs one option operation, apply(handle, error_code&), on an open Boost socket or
+// acceptor. -1 when the handle is null or closed (there is nothing to set, and nothing
+// to report); 0 when it worked; otherwise the error number, with the system's message
+// in `message`. DtInetSocket::settleOption turns the outcome into the socket's record.
+template <class Handle, class Apply>
+int DtInetSockRunOption(Handle* handle, Apply const& apply, std::string& message)
+{
+   if (!handle || !handle->is_open())
+      return -1;
+   boost::system::error_code error;
+   apply(*handle, error);
+   if (!error)
+      return 0;
+   message = error.message();
+   return error.value();
 }
 
 #endif  // OLUTIL_OLINETSOCKETUTILS_H

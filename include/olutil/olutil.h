@@ -49,10 +49,19 @@
 #include <olutil/olInetSocket.h>
 #include <olutil/olInetSocketUtils.h>
 #include <olutil/olInetUdpSocket.h>
+#include <olutil/olInetTcpSocket.h>
+#include <olutil/olInetSocketMgr.h>
 
 // DIS
 #include <olutil/olPduFilterTest.h>
 #include <olutil/olDisSocket.h>
+
+// Messaging
+#include <olutil/olShmQueue.h>
+#include <olutil/olShmReader.h>
+#include <olutil/olShmWriter.h>
+#include <olutil/olShmPool.h>
+#include <olutil/olCliServer.h>
 
 // Platform
 #include <olutil/olProcessControl.h>

@@ -283,6 +283,16 @@ void DtInetSocket::recordFailure(int number, DtString const& text)
    myState = DtInetSockStateError;
 }
 
+bool DtInetSocket::settleOption(int outcome, std::string const& message,
+                                std::string const& failureText)
+{
+   if (outcome == 0)
+      return true;
+   if (outcome > 0)
+      recordFailure(outcome, (failureText + "\n" + message).c_str());
+   return false;
+}
+
 void DtInetSocket::recordTermination(int code, DtString const& text)
 {
    myTerminationCode = code;

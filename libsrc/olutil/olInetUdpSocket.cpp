@@ -817,16 +817,10 @@ template <class Apply>
 bool DtInetUdpSocket::applyToSocket(DtInetBoostUdpSocket* socket, Apply const& apply,
                                     DtString const& failureText)
 {
-   if (!socket || !socket->is_open())
-      return false;
-   ErrorCode error;
-   apply(error);
-   if (error)
-   {
-      recordFailure(error.value(), text(failureText) + "\n" + error.message());
-      return false;
-   }
-   return true;
+   std::string message;
+   int const outcome = DtInetSockRunOption(
+       socket, [&apply](DtInetBoostUdpSocket&, ErrorCode& error) { apply(error); }, message);
+   return settleOption(outcome, message, text(failureText));
 }
 
 namespace
