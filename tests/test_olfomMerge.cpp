@@ -27,7 +27,7 @@ struct Outcome
    std::string err;
 };
 
-std::string slurp(std::string const& path)
+[[maybe_unused]] std::string slurp(std::string const& path)
 {
    std::ifstream in(path, std::ios::binary);
    return std::string(std::istreambuf_iterator<char>(in), {});
