@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -119,8 +120,20 @@ DtString collapsed(char const* begin, char const* end)
    bool plain = true;
    if (length < 64)
    {
-      // Names and short values: one pass costs less than several searches.
-      for (char const* p = begin; p < end && plain; ++p)
+      // Names and short values: one pass costs less than several searches. Eight
+      // bytes at a time are passed over while none of them is a blank or a control
+      // byte, which in a name none is.
+      constexpr std::uint64_t theOnes = 0x0101010101010101u;
+      constexpr std::uint64_t theHighBits = 0x8080808080808080u;
+      char const* p = begin;
+      for (; end - p >= 8; p += 8)
+      {
+         std::uint64_t word;
+         std::memcpy(&word, p, sizeof word);
+         if ((word - 0x21 * theOnes) & ~word & theHighBits)
+            break;
+      }
+      for (; p < end && plain; ++p)
          plain = static_cast<unsigned char>(*p) > ' ' || (*p == ' ' && p[1] != ' ');
    }
    else
@@ -415,15 +428,41 @@ private:
       if (depth > DtFomReader::theMaxClassDepth)
          fault(node, "object classes nested deeper than " +
                          std::to_string(DtFomReader::theMaxClassDepth) + " levels");
-      DtString const name = requiredName(node, child(node, "name"), "object class");
-      DtFomObjectClass& entry = myModule.objectClassEntry(fullName(parent, name));
+      // One pass finds the name and keeps the attributes and subclasses in document
+      // order on the shared stack, so that the class's attributes are counted and
+      // their room taken once.
+      std::size_t const first = myNodes.size();
+      std::size_t attributes = 0;
+      pugi::xml_node nameNode;
       for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling())
       {
-         if (isElement(c, "attribute"))
+         if (c.type() != pugi::node_element)
+            continue;
+         char const* const local = localName(c);
+         if (nameIs(local, "attribute"))
+         {
+            myNodes.push_back(c);
+            ++attributes;
+         }
+         else if (nameIs(local, "objectClass"))
+            myNodes.push_back(c);
+         else if (!nameNode && nameIs(local, "name"))
+            nameNode = c;
+      }
+      std::size_t const last = myNodes.size();
+      DtString const name = requiredName(node, nameNode, "object class");
+      DtFomObjectClass& entry = myModule.objectClassEntry(fullName(parent, name));
+      entry.attributes.reserve(entry.attributes.size() + attributes);
+      // The stack grows while subclasses are read: it is indexed, not iterated.
+      for (std::size_t i = first; i < last; ++i)
+      {
+         pugi::xml_node const c = myNodes[i];
+         if (nameIs(localName(c), "attribute"))
             readAttribute(c, entry);
-         else if (isElement(c, "objectClass"))
+         else
             readObjectClass(c, entry.name, depth + 1);
       }
+      myNodes.resize(first);
    }
 
    void readAttribute(pugi::xml_node node, DtFomObjectClass& owner)
@@ -458,17 +497,23 @@ private:
          fault(node, "interaction classes nested deeper than " +
                          std::to_string(DtFomReader::theMaxClassDepth) + " levels");
       // One pass sorts the children; the class is made once its name is known.
+      // The parameters and subclasses wait on the shared stack; the parameters are
+      // read first, then the subclasses.
       pugi::xml_node nameNode, transportationNode, dimensionsNode;
-      std::vector<pugi::xml_node> parameters, subclasses;
+      std::size_t const first = myNodes.size();
+      std::size_t parameters = 0;
       for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling())
       {
          if (c.type() != pugi::node_element)
             continue;
          char const* const local = localName(c);
          if (nameIs(local, "parameter"))
-            parameters.push_back(c);
+         {
+            myNodes.push_back(c);
+            ++parameters;
+         }
          else if (nameIs(local, "interactionClass"))
-            subclasses.push_back(c);
+            myNodes.push_back(c);
          else if (!nameNode && nameIs(local, "name"))
             nameNode = c;
          else if (!transportationNode && nameIs(local, "transportation"))
@@ -491,8 +536,13 @@ private:
                 });
       if (!transportation.isEmpty())
          myModule.addUnresolvedInteractionTransportation(entry.name, transportation);
-      for (pugi::xml_node c : parameters)
+      std::size_t const last = myNodes.size();
+      entry.parameters.reserve(entry.parameters.size() + parameters);
+      for (std::size_t i = first; i < last; ++i)
       {
+         pugi::xml_node const c = myNodes[i];
+         if (!nameIs(localName(c), "parameter"))
+            continue;
          static char const* const theParameterFields[] = {"name", "dataType"};
          pugi::xml_node p[2];
          gather(c, theParameterFields, p);
@@ -501,19 +551,22 @@ private:
          myModule.addParameterTo(entry, parameter, dataType);
          reference(dataType, [&] { return "parameter " + entry.name + "." + parameter; });
       }
-      for (pugi::xml_node c : subclasses)
-         readInteractionClass(c, entry.name, depth + 1);
+      // The stack grows while subclasses are read: it is indexed, not iterated.
+      for (std::size_t i = first; i < last; ++i)
+         if (!nameIs(localName(myNodes[i]), "parameter"))
+            readInteractionClass(myNodes[i], entry.name, depth + 1);
+      myNodes.resize(first);
    }
 
    // A class's full dotted name, from its parent's.
-   static DtString fullName(DtString const& parent, DtString const& name)
+   DtString fullName(DtString const& parent, DtString const& name)
    {
       if (parent.isEmpty())
          return name;
-      std::string full = parent.stdString();
-      full += '.';
-      full += name.c_str();
-      return DtString(full);
+      myFullName.assign(parent.c_str(), static_cast<std::size_t>(parent.length()));
+      myFullName += '.';
+      myFullName.append(name.c_str(), static_cast<std::size_t>(name.length()));
+      return DtString(myFullName.data(), static_cast<int>(myFullName.size()));
    }
 
    void readDimension(pugi::xml_node node)
@@ -742,6 +795,11 @@ private:
    // References made by data types, as (user, type), until every type is read.
    bool myTypesRead = false;
    std::vector<std::pair<DtString, DtString>> myPending;
+   // The members and subclasses of the classes being read, outermost first: one
+   // buffer for the whole walk instead of lists made for each class.
+   std::vector<pugi::xml_node> myNodes;
+   // Where a class's full dotted name is put together.
+   std::string myFullName;
 };
 
 // The 1-based line of a byte offset of the input.

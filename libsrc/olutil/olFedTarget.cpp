@@ -1244,7 +1244,7 @@ void DtFedTarget::addUnresolvedAttributeDimension(DtString const& objectClass,
                                                   DtString const& attribute,
                                                   DtString const& dimension)
 {
-   unresolvedAttributeDimensions[objectClass].insert(std::make_pair(attribute, dimension));
+   unresolvedAttributeDimensions[objectClass].emplace(attribute, dimension);
 }
 
 bool DtFedTarget::removeResolvedAttribute(DtString const& objectClass,
@@ -1269,7 +1269,7 @@ void DtFedTarget::addUnresolvedAttributeTransportation(DtString const& objectCla
                                                        DtString const& attribute,
                                                        DtString const& transportation)
 {
-   unresolvedAttributeTransportation[objectClass].insert(std::make_pair(attribute, transportation));
+   unresolvedAttributeTransportation[objectClass].emplace(attribute, transportation);
 }
 
 bool DtFedTarget::removeResolvedAttributeTransportation(
