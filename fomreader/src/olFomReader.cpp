@@ -109,8 +109,9 @@ bool isBlank(char c)
 
 // The text without the blanks around it, and every inner run of blanks, tabs and line
 // ends as one blank: values that differ only in how a file was laid out read alike,
-// and each value fits on one line.
-DtString collapsed(char const* begin, char const* end)
+// and each value fits on one line. The result is a view of the text itself when nothing
+// needs changing (most values), or of `scratch`, which may already hold the text.
+std::string_view collapsed(char const* begin, char const* end, std::string& scratch)
 {
    while (begin < end && isBlank(*begin))
       ++begin;
@@ -149,37 +150,57 @@ DtString collapsed(char const* begin, char const* end)
       }
    }
    if (plain)
-      return DtString(begin, static_cast<int>(length));
-   std::string out(static_cast<std::size_t>(end - begin), '\0');
-   char* to = &out[0];
-   for (char const* p = begin; p < end; ++p)
+      return std::string_view(begin, length);
+   // Collapsed in place: what is written never passes what is read.
+   std::size_t const offset =
+       begin >= scratch.data() && begin < scratch.data() + scratch.size()
+           ? static_cast<std::size_t>(begin - scratch.data())
+           : std::string::npos;
+   if (offset == std::string::npos)
+      scratch.assign(begin, length);
+   else
+      scratch.erase(offset + length).erase(0, offset);
+   char* to = &scratch[0];
+   for (char const* p = scratch.data(); p < scratch.data() + length; ++p)
    {
       if (!isBlank(*p))
          *to++ = *p;
       else if (to[-1] != ' ')
          *to++ = ' ';
    }
-   return DtString(out.data(), static_cast<int>(to - out.data()));
+   scratch.resize(static_cast<std::size_t>(to - scratch.data()));
+   return scratch;
 }
 
 // The element's text, collapsed. Text split by a comment or a CDATA section is joined
-// again.
-DtString text(pugi::xml_node node)
+// again. The view lives as long as the document and `scratch` stay unchanged.
+std::string_view textView(pugi::xml_node node, std::string& scratch)
 {
    pugi::xml_node first = node.first_child();
    if (!first)
-      return DtString();
+      return std::string_view();
    if (!first.next_sibling() &&
        (first.type() == pugi::node_pcdata || first.type() == pugi::node_cdata))
    {
       char const* const value = first.value();
-      return collapsed(value, value + std::strlen(value));
+      return collapsed(value, value + std::strlen(value), scratch);
    }
-   std::string joined;
+   scratch.clear();
    for (pugi::xml_node c = first; c; c = c.next_sibling())
       if (c.type() == pugi::node_pcdata || c.type() == pugi::node_cdata)
-         joined += c.value();
-   return collapsed(joined.data(), joined.data() + joined.size());
+         scratch += c.value();
+   return collapsed(scratch.data(), scratch.data() + scratch.size(), scratch);
+}
+
+DtString toDtString(std::string_view text)
+{
+   return DtString(text.data(), static_cast<int>(text.size()));
+}
+
+DtString text(pugi::xml_node node)
+{
+   std::string scratch;
+   return toDtString(textView(node, scratch));
 }
 
 std::string quoted(DtString const& value)
@@ -367,12 +388,18 @@ private:
    template <typename MakeUser>
    void reference(DtString const& dataType, MakeUser makeUser)
    {
-      if (dataType.isEmpty() || dataType == "NA")
+      reference(std::string_view(dataType.c_str()), makeUser);
+   }
+
+   template <typename MakeUser>
+   void reference(std::string_view type, MakeUser makeUser)
+   {
+      if (type.empty() || type == "NA")
          return;
-      std::string_view const type(dataType.c_str());
       if (myOwnTypes.count(type) || myReferenced.count(type))
          return;
       myReferenced.insert(myReferencedNames.emplace_back(type));
+      DtString const dataType = toDtString(type);
       // A data type may name one that the module defines further on: what the data
       // types refer to waits until all of them are read.
       if (myTypesRead)
@@ -742,7 +769,7 @@ private:
       eachChild(node, "field",
                 [&](pugi::xml_node field)
                 {
-                   reference(text(child(field, "dataType")),
+                   reference(textView(child(field, "dataType"), myText),
                              [&] { return "field " + name + "." + text(child(field, "name")); });
                 });
    }
@@ -756,26 +783,26 @@ private:
       DtString const name = requiredName(node, f[0], "variant record data type");
       DtString const dataType = text(f[2]);
       // The alternatives in one text: "enumerators=name:dataType; ...".
-      DtString alternatives;
+      std::string alternatives;
       eachChild(node, "alternative",
                 [&](pugi::xml_node a)
                 {
-                   DtString const type = text(child(a, "dataType"));
-                   if (!alternatives.isEmpty())
+                   if (!alternatives.empty())
                       alternatives += "; ";
-                   alternatives += text(child(a, "enumerator"));
-                   alternatives += "=";
-                   alternatives += text(child(a, "name"));
-                   if (!type.isEmpty())
+                   alternatives += textView(child(a, "enumerator"), myText);
+                   alternatives += '=';
+                   alternatives += textView(child(a, "name"), myText);
+                   std::string_view const type = textView(child(a, "dataType"), myText);
+                   if (!type.empty())
                    {
-                      alternatives += ":";
+                      alternatives += ':';
                       alternatives += type;
                    }
                    reference(type, [&] { return "alternative of " + name; });
                 });
       addType(&DtFedTarget::addVariantRecordDataType,
-              new DtVariantRecordDatatypeType{name, text(f[1]), dataType, alternatives, text(f[3]),
-                                              text(f[4])});
+              new DtVariantRecordDatatypeType{name, text(f[1]), dataType,
+                                              toDtString(alternatives), text(f[3]), text(f[4])});
       reference(dataType, [&] { return "variant record data type " + name; });
    }
 
@@ -800,6 +827,8 @@ private:
    std::vector<pugi::xml_node> myNodes;
    // Where a class's full dotted name is put together.
    std::string myFullName;
+   // Where a text that must be changed to be read is kept while it is looked at.
+   std::string myText;
 };
 
 // The 1-based line of a byte offset of the input.

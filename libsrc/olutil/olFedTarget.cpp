@@ -49,14 +49,15 @@ bool adoptRecord(DtFomTable<T>& table, T* record)
 {
    if (!record)
       return false;
-   auto const held = table.find(*record);
-   if (held != table.end())
+   // One descent both looks for the name and gives the place to put a new record.
+   auto const place = table.lower_bound(*record);
+   if (place != table.end() && !(*record < **place))
    {
-      if (held->get() != record)
+      if (place->get() != record)
          delete record;
       return false;
    }
-   table.insert(std::shared_ptr<T>(record));
+   table.emplace_hint(place, std::shared_ptr<T>(record));
    return true;
 }
 
@@ -94,11 +95,11 @@ void uniteUnresolved(Map& target, Map const& source)
       return;
    for (auto const& entry : source)
    {
-      auto const found = target.find(entry.first);
-      if (found == target.end())
-         target.insert(entry);
+      auto const place = target.lower_bound(entry.first);
+      if (place == target.end() || entry.first < place->first)
+         target.emplace_hint(place, entry);
       else
-         found->second.insert(entry.second.begin(), entry.second.end());
+         place->second.insert(entry.second.begin(), entry.second.end());
    }
 }
 
