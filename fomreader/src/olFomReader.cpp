@@ -86,6 +86,9 @@ void eachChild(pugi::xml_node parent, char const* local, Visit visit)
 template <std::size_t N>
 void gather(pugi::xml_node parent, char const* const (&names)[N], pugi::xml_node (&out)[N])
 {
+   // Which names are found is kept here rather than asked of the nodes, each a call
+   // into pugixml.
+   bool taken[N] = {};
    std::size_t found = 0;
    for (pugi::xml_node c = parent.first_child(); c && found < N; c = c.next_sibling())
    {
@@ -93,9 +96,10 @@ void gather(pugi::xml_node parent, char const* const (&names)[N], pugi::xml_node
          continue;
       char const* const local = localName(c);
       for (std::size_t i = 0; i < N; ++i)
-         if (!out[i] && nameIs(local, names[i]))
+         if (!taken[i] && nameIs(local, names[i]))
          {
             out[i] = c;
+            taken[i] = true;
             ++found;
             break;
          }
