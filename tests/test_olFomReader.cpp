@@ -293,6 +293,62 @@ TEST(FomReader, AcceptsTheFormsRealFilesTake)
    }
 }
 
+// Values read alike however a file lays them out: blanks around them dropped, inner
+// runs of blanks, tabs and line ends made one blank, text split by comments or CDATA
+// joined; on both sides of every eight-byte step of the scan for blanks, in short and
+// long values, and with bytes above 0x7f.
+TEST(FomReader, ValuesAreTrimmedCollapsedAndJoined)
+{
+   std::string const longRun(70, 'x');
+   struct Row
+   {
+      std::string raw;
+      std::string read;
+   } const rows[] = {
+       {"  HLAoctetPair  ", "HLAoctetPair"},
+       {"Long\tName With  Blanks", "Long Name With Blanks"},
+       {"ABCDEFGH\tIJ", "ABCDEFGH IJ"},
+       {"ABCDEFG\nH", "ABCDEFG H"},
+       {"ABCDEFGHIJKLMNO  P", "ABCDEFGHIJKLMNO P"},
+       {"ABCDEFGHIJKLMNOP", "ABCDEFGHIJKLMNOP"},
+       {"Split<!-- c -->Name", "SplitName"},
+       {" \n Split <!-- c -->\n\t Name  ", "Split Name"},
+       {"A<![CDATA[  B  ]]>C", "A B C"},
+       {longRun + "\r\n  y", longRun + " y"},
+       {longRun + " y  z", longRun + " y z"},
+       {"\xC3\x84\xC3\x96\xC3\x9C\xC3\x9F\xC3\xA9\t\tx", "\xC3\x84\xC3\x96\xC3\x9C\xC3\x9F\xC3\xA9 x"},
+   };
+   for (Row const& row : rows)
+   {
+      SCOPED_TRACE(row.raw);
+      std::string const text =
+          "<objectModel xmlns=\"http://standards.ieee.org/IEEE1516-2010\"><dataTypes>"
+          "<basicDataRepresentations><basicData><name>" + row.raw +
+          "</name><size>8</size></basicData></basicDataRepresentations>"
+          "<fixedRecordDataTypes><fixedRecordData><name>F</name><field><name>f</name>"
+          "<dataType>" + row.raw + "</dataType></field></fixedRecordData></fixedRecordDataTypes>"
+          "<variantRecordDataTypes><variantRecordData><name>V</name><dataType>E</dataType>"
+          "<alternative><enumerator>" + row.raw + "</enumerator><name>" + row.raw +
+          "</name><dataType>Ext<!-- x -->Type</dataType></alternative>"
+          "<alternative><enumerator> HLAother </enumerator><name>\nOther</name></alternative>"
+          "</variantRecordData></variantRecordDataTypes></dataTypes></objectModel>";
+      DtFomModule m;
+      DtString error;
+      ASSERT_TRUE(DtFomReader::readBuffer(text.data(), text.size(), "m.xml", m, error)) << error;
+      ASSERT_EQ(m.basicDataRepresentationTable().size(), 1u);
+      EXPECT_EQ((*m.basicDataRepresentationTable().begin())->name.stdString(), row.read);
+      ASSERT_EQ(m.variantRecordDatatypeTable().size(), 1u);
+      EXPECT_EQ((*m.variantRecordDatatypeTable().begin())->alternatives.stdString(),
+                row.read + "=" + row.read + ":ExtType; HLAother=Other");
+      // The field's type is the module's own basic type, so only the others are left
+      // to be found elsewhere.
+      std::vector<std::string> references;
+      for (auto const& reference : m.datatypeReferences())
+         references.push_back(reference.first.stdString());
+      EXPECT_EQ(references, (std::vector<std::string>{"E", "ExtType"}));
+   }
+}
+
 TEST(FomReader, EmptyAndAbsentTablesAndNamelessModules)
 {
    std::string const empty =

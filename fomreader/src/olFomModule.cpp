@@ -430,10 +430,11 @@ DtMergeFomStatus_enum DtFomModule::mergeObjectClasses(DtFedTarget const& other)
    // module's stays.
    for (auto const& entry : them->myObjectClasses)
    {
-      auto const mine = myObjectClasses.find(entry.first);
-      if (mine == myObjectClasses.end())
+      // One descent finds the class or the place for it.
+      auto const mine = myObjectClasses.lower_bound(entry.first);
+      if (mine == myObjectClasses.end() || entry.first < mine->first)
       {
-         myObjectClasses.insert(entry);
+         myObjectClasses.emplace_hint(mine, entry);
          continue;
       }
       for (DtFomAttribute const& theirs : entry.second.attributes)
@@ -464,10 +465,11 @@ DtMergeFomStatus_enum DtFomModule::mergeInteractionClasses(DtFedTarget const& ot
       return status;
    for (auto const& entry : them->myInteractionClasses)
    {
-      auto const mine = myInteractionClasses.find(entry.first);
-      if (mine == myInteractionClasses.end())
+      // One descent finds the class or the place for it.
+      auto const mine = myInteractionClasses.lower_bound(entry.first);
+      if (mine == myInteractionClasses.end() || entry.first < mine->first)
       {
-         myInteractionClasses.insert(entry);
+         myInteractionClasses.emplace_hint(mine, entry);
          continue;
       }
       DtFomInteractionClass& held = mine->second;

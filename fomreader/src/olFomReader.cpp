@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -85,6 +86,9 @@ void eachChild(pugi::xml_node parent, char const* local, Visit visit)
 template <std::size_t N>
 void gather(pugi::xml_node parent, char const* const (&names)[N], pugi::xml_node (&out)[N])
 {
+   // Which names are found is kept here rather than asked of the nodes, each a call
+   // into pugixml.
+   bool taken[N] = {};
    std::size_t found = 0;
    for (pugi::xml_node c = parent.first_child(); c && found < N; c = c.next_sibling())
    {
@@ -92,9 +96,10 @@ void gather(pugi::xml_node parent, char const* const (&names)[N], pugi::xml_node
          continue;
       char const* const local = localName(c);
       for (std::size_t i = 0; i < N; ++i)
-         if (!out[i] && nameIs(local, names[i]))
+         if (!taken[i] && nameIs(local, names[i]))
          {
             out[i] = c;
+            taken[i] = true;
             ++found;
             break;
          }
@@ -108,8 +113,9 @@ bool isBlank(char c)
 
 // The text without the blanks around it, and every inner run of blanks, tabs and line
 // ends as one blank: values that differ only in how a file was laid out read alike,
-// and each value fits on one line.
-DtString collapsed(char const* begin, char const* end)
+// and each value fits on one line. The result is a view of the text itself when nothing
+// needs changing (most values), or of `scratch`, which may already hold the text.
+std::string_view collapsed(char const* begin, char const* end, std::string& scratch)
 {
    while (begin < end && isBlank(*begin))
       ++begin;
@@ -119,8 +125,20 @@ DtString collapsed(char const* begin, char const* end)
    bool plain = true;
    if (length < 64)
    {
-      // Names and short values: one pass costs less than several searches.
-      for (char const* p = begin; p < end && plain; ++p)
+      // Names and short values: one pass costs less than several searches. Eight
+      // bytes at a time are passed over while none of them is a blank or a control
+      // byte, which in a name none is.
+      constexpr std::uint64_t theOnes = 0x0101010101010101u;
+      constexpr std::uint64_t theHighBits = 0x8080808080808080u;
+      char const* p = begin;
+      for (; end - p >= 8; p += 8)
+      {
+         std::uint64_t word;
+         std::memcpy(&word, p, sizeof word);
+         if ((word - 0x21 * theOnes) & ~word & theHighBits)
+            break;
+      }
+      for (; p < end && plain; ++p)
          plain = static_cast<unsigned char>(*p) > ' ' || (*p == ' ' && p[1] != ' ');
    }
    else
@@ -136,37 +154,57 @@ DtString collapsed(char const* begin, char const* end)
       }
    }
    if (plain)
-      return DtString(begin, static_cast<int>(length));
-   std::string out(static_cast<std::size_t>(end - begin), '\0');
-   char* to = &out[0];
-   for (char const* p = begin; p < end; ++p)
+      return std::string_view(begin, length);
+   // Collapsed in place: what is written never passes what is read.
+   std::size_t const offset =
+       begin >= scratch.data() && begin < scratch.data() + scratch.size()
+           ? static_cast<std::size_t>(begin - scratch.data())
+           : std::string::npos;
+   if (offset == std::string::npos)
+      scratch.assign(begin, length);
+   else
+      scratch.erase(offset + length).erase(0, offset);
+   char* to = &scratch[0];
+   for (char const* p = scratch.data(); p < scratch.data() + length; ++p)
    {
       if (!isBlank(*p))
          *to++ = *p;
       else if (to[-1] != ' ')
          *to++ = ' ';
    }
-   return DtString(out.data(), static_cast<int>(to - out.data()));
+   scratch.resize(static_cast<std::size_t>(to - scratch.data()));
+   return scratch;
 }
 
 // The element's text, collapsed. Text split by a comment or a CDATA section is joined
-// again.
-DtString text(pugi::xml_node node)
+// again. The view lives as long as the document and `scratch` stay unchanged.
+std::string_view textView(pugi::xml_node node, std::string& scratch)
 {
    pugi::xml_node first = node.first_child();
    if (!first)
-      return DtString();
+      return std::string_view();
    if (!first.next_sibling() &&
        (first.type() == pugi::node_pcdata || first.type() == pugi::node_cdata))
    {
       char const* const value = first.value();
-      return collapsed(value, value + std::strlen(value));
+      return collapsed(value, value + std::strlen(value), scratch);
    }
-   std::string joined;
+   scratch.clear();
    for (pugi::xml_node c = first; c; c = c.next_sibling())
       if (c.type() == pugi::node_pcdata || c.type() == pugi::node_cdata)
-         joined += c.value();
-   return collapsed(joined.data(), joined.data() + joined.size());
+         scratch += c.value();
+   return collapsed(scratch.data(), scratch.data() + scratch.size(), scratch);
+}
+
+DtString toDtString(std::string_view text)
+{
+   return DtString(text.data(), static_cast<int>(text.size()));
+}
+
+DtString text(pugi::xml_node node)
+{
+   std::string scratch;
+   return toDtString(textView(node, scratch));
 }
 
 std::string quoted(DtString const& value)
@@ -354,12 +392,18 @@ private:
    template <typename MakeUser>
    void reference(DtString const& dataType, MakeUser makeUser)
    {
-      if (dataType.isEmpty() || dataType == "NA")
+      reference(std::string_view(dataType.c_str()), makeUser);
+   }
+
+   template <typename MakeUser>
+   void reference(std::string_view type, MakeUser makeUser)
+   {
+      if (type.empty() || type == "NA")
          return;
-      std::string_view const type(dataType.c_str());
       if (myOwnTypes.count(type) || myReferenced.count(type))
          return;
       myReferenced.insert(myReferencedNames.emplace_back(type));
+      DtString const dataType = toDtString(type);
       // A data type may name one that the module defines further on: what the data
       // types refer to waits until all of them are read.
       if (myTypesRead)
@@ -415,15 +459,41 @@ private:
       if (depth > DtFomReader::theMaxClassDepth)
          fault(node, "object classes nested deeper than " +
                          std::to_string(DtFomReader::theMaxClassDepth) + " levels");
-      DtString const name = requiredName(node, child(node, "name"), "object class");
-      DtFomObjectClass& entry = myModule.objectClassEntry(fullName(parent, name));
+      // One pass finds the name and keeps the attributes and subclasses in document
+      // order on the shared stack, so that the class's attributes are counted and
+      // their room taken once.
+      std::size_t const first = myNodes.size();
+      std::size_t attributes = 0;
+      pugi::xml_node nameNode;
       for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling())
       {
-         if (isElement(c, "attribute"))
+         if (c.type() != pugi::node_element)
+            continue;
+         char const* const local = localName(c);
+         if (nameIs(local, "attribute"))
+         {
+            myNodes.push_back(c);
+            ++attributes;
+         }
+         else if (nameIs(local, "objectClass"))
+            myNodes.push_back(c);
+         else if (!nameNode && nameIs(local, "name"))
+            nameNode = c;
+      }
+      std::size_t const last = myNodes.size();
+      DtString const name = requiredName(node, nameNode, "object class");
+      DtFomObjectClass& entry = myModule.objectClassEntry(fullName(parent, name));
+      entry.attributes.reserve(entry.attributes.size() + attributes);
+      // The stack grows while subclasses are read: it is indexed, not iterated.
+      for (std::size_t i = first; i < last; ++i)
+      {
+         pugi::xml_node const c = myNodes[i];
+         if (nameIs(localName(c), "attribute"))
             readAttribute(c, entry);
-         else if (isElement(c, "objectClass"))
+         else
             readObjectClass(c, entry.name, depth + 1);
       }
+      myNodes.resize(first);
    }
 
    void readAttribute(pugi::xml_node node, DtFomObjectClass& owner)
@@ -458,17 +528,23 @@ private:
          fault(node, "interaction classes nested deeper than " +
                          std::to_string(DtFomReader::theMaxClassDepth) + " levels");
       // One pass sorts the children; the class is made once its name is known.
+      // The parameters and subclasses wait on the shared stack; the parameters are
+      // read first, then the subclasses.
       pugi::xml_node nameNode, transportationNode, dimensionsNode;
-      std::vector<pugi::xml_node> parameters, subclasses;
+      std::size_t const first = myNodes.size();
+      std::size_t parameters = 0;
       for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling())
       {
          if (c.type() != pugi::node_element)
             continue;
          char const* const local = localName(c);
          if (nameIs(local, "parameter"))
-            parameters.push_back(c);
+         {
+            myNodes.push_back(c);
+            ++parameters;
+         }
          else if (nameIs(local, "interactionClass"))
-            subclasses.push_back(c);
+            myNodes.push_back(c);
          else if (!nameNode && nameIs(local, "name"))
             nameNode = c;
          else if (!transportationNode && nameIs(local, "transportation"))
@@ -491,8 +567,13 @@ private:
                 });
       if (!transportation.isEmpty())
          myModule.addUnresolvedInteractionTransportation(entry.name, transportation);
-      for (pugi::xml_node c : parameters)
+      std::size_t const last = myNodes.size();
+      entry.parameters.reserve(entry.parameters.size() + parameters);
+      for (std::size_t i = first; i < last; ++i)
       {
+         pugi::xml_node const c = myNodes[i];
+         if (!nameIs(localName(c), "parameter"))
+            continue;
          static char const* const theParameterFields[] = {"name", "dataType"};
          pugi::xml_node p[2];
          gather(c, theParameterFields, p);
@@ -501,19 +582,22 @@ private:
          myModule.addParameterTo(entry, parameter, dataType);
          reference(dataType, [&] { return "parameter " + entry.name + "." + parameter; });
       }
-      for (pugi::xml_node c : subclasses)
-         readInteractionClass(c, entry.name, depth + 1);
+      // The stack grows while subclasses are read: it is indexed, not iterated.
+      for (std::size_t i = first; i < last; ++i)
+         if (!nameIs(localName(myNodes[i]), "parameter"))
+            readInteractionClass(myNodes[i], entry.name, depth + 1);
+      myNodes.resize(first);
    }
 
    // A class's full dotted name, from its parent's.
-   static DtString fullName(DtString const& parent, DtString const& name)
+   DtString fullName(DtString const& parent, DtString const& name)
    {
       if (parent.isEmpty())
          return name;
-      std::string full = parent.stdString();
-      full += '.';
-      full += name.c_str();
-      return DtString(full);
+      myFullName.assign(parent.c_str(), static_cast<std::size_t>(parent.length()));
+      myFullName += '.';
+      myFullName.append(name.c_str(), static_cast<std::size_t>(name.length()));
+      return DtString(myFullName.data(), static_cast<int>(myFullName.size()));
    }
 
    void readDimension(pugi::xml_node node)
@@ -689,7 +773,7 @@ private:
       eachChild(node, "field",
                 [&](pugi::xml_node field)
                 {
-                   reference(text(child(field, "dataType")),
+                   reference(textView(child(field, "dataType"), myText),
                              [&] { return "field " + name + "." + text(child(field, "name")); });
                 });
    }
@@ -703,26 +787,26 @@ private:
       DtString const name = requiredName(node, f[0], "variant record data type");
       DtString const dataType = text(f[2]);
       // The alternatives in one text: "enumerators=name:dataType; ...".
-      DtString alternatives;
+      std::string alternatives;
       eachChild(node, "alternative",
                 [&](pugi::xml_node a)
                 {
-                   DtString const type = text(child(a, "dataType"));
-                   if (!alternatives.isEmpty())
+                   if (!alternatives.empty())
                       alternatives += "; ";
-                   alternatives += text(child(a, "enumerator"));
-                   alternatives += "=";
-                   alternatives += text(child(a, "name"));
-                   if (!type.isEmpty())
+                   alternatives += textView(child(a, "enumerator"), myText);
+                   alternatives += '=';
+                   alternatives += textView(child(a, "name"), myText);
+                   std::string_view const type = textView(child(a, "dataType"), myText);
+                   if (!type.empty())
                    {
-                      alternatives += ":";
+                      alternatives += ':';
                       alternatives += type;
                    }
                    reference(type, [&] { return "alternative of " + name; });
                 });
       addType(&DtFedTarget::addVariantRecordDataType,
-              new DtVariantRecordDatatypeType{name, text(f[1]), dataType, alternatives, text(f[3]),
-                                              text(f[4])});
+              new DtVariantRecordDatatypeType{name, text(f[1]), dataType,
+                                              toDtString(alternatives), text(f[3]), text(f[4])});
       reference(dataType, [&] { return "variant record data type " + name; });
    }
 
@@ -742,6 +826,13 @@ private:
    // References made by data types, as (user, type), until every type is read.
    bool myTypesRead = false;
    std::vector<std::pair<DtString, DtString>> myPending;
+   // The members and subclasses of the classes being read, outermost first: one
+   // buffer for the whole walk instead of lists made for each class.
+   std::vector<pugi::xml_node> myNodes;
+   // Where a class's full dotted name is put together.
+   std::string myFullName;
+   // Where a text that must be changed to be read is kept while it is looked at.
+   std::string myText;
 };
 
 // The 1-based line of a byte offset of the input.

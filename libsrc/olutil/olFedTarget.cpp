@@ -49,14 +49,15 @@ bool adoptRecord(DtFomTable<T>& table, T* record)
 {
    if (!record)
       return false;
-   auto const held = table.find(*record);
-   if (held != table.end())
+   // One descent both looks for the name and gives the place to put a new record.
+   auto const place = table.lower_bound(*record);
+   if (place != table.end() && !(*record < **place))
    {
-      if (held->get() != record)
+      if (place->get() != record)
          delete record;
       return false;
    }
-   table.insert(std::shared_ptr<T>(record));
+   table.emplace_hint(place, std::shared_ptr<T>(record));
    return true;
 }
 
@@ -94,11 +95,11 @@ void uniteUnresolved(Map& target, Map const& source)
       return;
    for (auto const& entry : source)
    {
-      auto const found = target.find(entry.first);
-      if (found == target.end())
-         target.insert(entry);
+      auto const place = target.lower_bound(entry.first);
+      if (place == target.end() || entry.first < place->first)
+         target.emplace_hint(place, entry);
       else
-         found->second.insert(entry.second.begin(), entry.second.end());
+         place->second.insert(entry.second.begin(), entry.second.end());
    }
 }
 
@@ -1244,7 +1245,7 @@ void DtFedTarget::addUnresolvedAttributeDimension(DtString const& objectClass,
                                                   DtString const& attribute,
                                                   DtString const& dimension)
 {
-   unresolvedAttributeDimensions[objectClass].insert(std::make_pair(attribute, dimension));
+   unresolvedAttributeDimensions[objectClass].emplace(attribute, dimension);
 }
 
 bool DtFedTarget::removeResolvedAttribute(DtString const& objectClass,
@@ -1269,7 +1270,7 @@ void DtFedTarget::addUnresolvedAttributeTransportation(DtString const& objectCla
                                                        DtString const& attribute,
                                                        DtString const& transportation)
 {
-   unresolvedAttributeTransportation[objectClass].insert(std::make_pair(attribute, transportation));
+   unresolvedAttributeTransportation[objectClass].emplace(attribute, transportation);
 }
 
 bool DtFedTarget::removeResolvedAttributeTransportation(
