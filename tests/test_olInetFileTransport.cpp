@@ -605,6 +605,24 @@ TEST_F(FileTransporterTest, SendFailuresAreWarnings)
        << warnings.text();
 }
 
+TEST_F(FileTransporterTest, WaitForActivitySeesConnectionsAndBytes)
+{
+   int port = -1;
+   DtInetFileTransporter receiver(0, false, 1, DtFilename(inDir().c_str()), &port);
+   EXPECT_FALSE(receiver.waitForActivity(0));
+   RawPeer peer(port);
+   EXPECT_TRUE(receiver.waitForActivity(5000));  // the connection to accept
+   ASSERT_TRUE(tickUntil(receiver, [&] { return receiver.openConnections() == 1; }));
+   EXPECT_FALSE(receiver.waitForActivity(0));
+   peer.write(laterPacket(1, "x").substr(0, 3));
+   EXPECT_TRUE(receiver.waitForActivity(5000));  // bytes to read
+   receiver.tick();
+   EXPECT_FALSE(receiver.waitForActivity(0));  // half a header is kept, not re-read
+
+   DtInetFileTransporter none(-1, false, 1, DtFilename(inDir().c_str()));
+   EXPECT_FALSE(none.waitForActivity(0));
+}
+
 TEST(FileTransporter, IdentifiersAndObjects)
 {
    int const a = DtInetFileTransporter::nextFileIdentifier();

@@ -161,7 +161,7 @@ int main(int argc, char** argv)
    {
       receiver.tick();
       // Never a busy loop, also while a peer stalls mid-file.
-      std::this_thread::sleep_for(std::chrono::milliseconds(receiver.openConnections() ? 1 : 5));
+      receiver.waitForActivity(100);
    }
    std::fprintf(stderr, "%s: %ld files received, %ld warnings\n", theTool, files, notes.warnings());
    return once && files == 0 ? oltool::theExitProblem : 0;

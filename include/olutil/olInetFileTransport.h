@@ -135,6 +135,9 @@ public:
 
    int port() const { return myPort; }
    virtual void tick();
+   // Waits up to `milliseconds` for a connection to arrive or bytes to be readable, so
+   // that a loop around tick() need not spin; true when something is waiting.
+   bool waitForActivity(int milliseconds);
 
    void addFileTransferedCallback(DtInetFileTransferedCb fn, void* clientData);
    void removeFileTransferedCallback(DtInetFileTransferedCb fn);

@@ -11,6 +11,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +21,8 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+
+#include <boost/asio/ip/tcp.hpp>
 
 #include <olutil/olInetEndpoint.h>
 #include <olutil/olInetSocketMgr.h>
@@ -46,9 +49,12 @@ void writeU32(char* at, std::uint32_t value)
    std::memcpy(at, &value, sizeof value);
 }
 
-// Reads up to this many packets from one connection in one tick, so that a fast
-// sender cannot keep the other connections waiting.
-constexpr int theReadsPerTick = 64;
+// Reads up to this many times from one connection in one tick, so that a fast sender
+// cannot keep the other connections waiting.
+constexpr int theReadsPerTick = 16;
+// One read takes up to this many of the largest packets: fewer system calls for a
+// large file.
+constexpr std::size_t thePacketsPerRead = 4;
 
 }  // namespace
 
@@ -358,7 +364,8 @@ DtInetFileTransporter::DtInetFileTransporter(int port, bool searchPorts, int por
    }
    if (actualPort != nullptr)
       *actualPort = myPort;
-   myReadBuffer.resize(static_cast<std::size_t>(DtInetUtils::getMaxPacketBufferSize()));
+   myReadBuffer.resize(thePacketsPerRead *
+                       static_cast<std::size_t>(DtInetUtils::getMaxPacketBufferSize()));
 }
 
 DtInetFileTransporter::~DtInetFileTransporter()
@@ -395,6 +402,29 @@ void DtInetFileTransporter::tick()
       receiveFileCb(socket, this);
 }
 
+bool DtInetFileTransporter::waitForActivity(int milliseconds)
+{
+   std::vector<pollfd> descriptors;
+   if (myManager != nullptr)
+   {
+      auto* server = dynamic_cast<DtInetTcpSocket*>(myManager->serverSocket());
+      if (server != nullptr && server->tcpServerSocket() != nullptr)
+         descriptors.push_back({server->tcpServerSocket()->native_handle(), POLLIN, 0});
+      for (auto const& entry : myManager->socketList())
+         descriptors.push_back({entry.second->descriptor(), POLLIN, 0});
+   }
+   descriptors.erase(std::remove_if(descriptors.begin(), descriptors.end(),
+                                    [](pollfd const& entry) { return entry.fd < 0; }),
+                     descriptors.end());
+   if (descriptors.empty())
+   {
+      if (milliseconds > 0)
+         ::poll(nullptr, 0, milliseconds);
+      return false;
+   }
+   return ::poll(descriptors.data(), descriptors.size(), milliseconds) > 0;
+}
+
 bool DtInetFileTransporter::receiveFileCb(DtInetSocket* socket, void* transporter)
 {
    auto* tcp = dynamic_cast<DtInetTcpSocket*>(socket);
@@ -407,9 +437,10 @@ bool DtInetFileTransporter::receiveFile(DtInetTcpSocket* socket)
 {
    auto found = myConnections.find(socket);
    if (found == myConnections.end())
-      found =
-          myConnections.emplace(socket, std::make_unique<Connection>(*this, myReadBuffer.size()))
-              .first;
+   {
+      auto const maxPacket = static_cast<std::size_t>(DtInetUtils::getMaxPacketBufferSize());
+      found = myConnections.emplace(socket, std::make_unique<Connection>(*this, maxPacket)).first;
+   }
    Connection& connection = *found->second;
    bool ended = false;
    for (int reads = 0; reads < theReadsPerTick; ++reads)
