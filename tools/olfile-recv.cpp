@@ -23,7 +23,7 @@ void usage(FILE* out)
    std::fprintf(out,
                 "usage: %s [--port N | --range A-B] [--dir DIR] [--once] [--timeout S]\n"
                 "Receives files into DIR and prints the path of each complete file.\n"
-                "  --port N      listen on port N (default %ld)\n"
+                "  --port N      listen on port N (default %ld; 0: a port the system chooses)\n"
                 "  --range A-B   listen on the first free port from A to B\n"
                 "  --dir DIR     directory to write into (default .)\n"
                 "  --once        end after the first complete file\n"
@@ -114,7 +114,7 @@ int main(int argc, char** argv)
       bool ok = true;
       if (arg == "--port")
       {
-         ok = oltool::parseLong(value, 1, 65535, port);
+         ok = oltool::parseLong(value, 0, 65535, port);
          last = port;
       }
       else if (arg == "--range")
