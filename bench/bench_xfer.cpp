@@ -63,34 +63,36 @@ Tally& plainTally()
    return *tally;
 }
 
-// The work directory with the source file, made once.
+// The work directory with the source file, made once. Never destroyed, so that the
+// removal at exit can still read it.
 fs::path const& workDir()
 {
-   static fs::path const dir = []
-   {
-      std::string base =
-          fs::exists("/dev/shm") ? "/dev/shm/olxfer-bench-XXXXXX" : "/tmp/olxfer-bench-XXXXXX";
-      if (::mkdtemp(&base[0]) == nullptr)
-         std::abort();
-      fs::path const path(base);
-      fs::create_directory(path / "in");
-      std::vector<char> bytes(theFileSize);
-      std::mt19937_64 generator(7);
-      for (std::size_t i = 0; i + 8 <= bytes.size(); i += 8)
-      {
-         std::uint64_t const value = generator();
-         std::memcpy(&bytes[i], &value, 8);
-      }
-      std::ofstream(path / "source.bin", std::ios::binary).write(bytes.data(), bytes.size());
-      std::atexit(
-          []
+   static fs::path const* const dir = new fs::path(
+       []
+       {
+          std::string base =
+              fs::exists("/dev/shm") ? "/dev/shm/olxfer-bench-XXXXXX" : "/tmp/olxfer-bench-XXXXXX";
+          if (::mkdtemp(&base[0]) == nullptr)
+             std::abort();
+          fs::path const path(base);
+          fs::create_directory(path / "in");
+          std::vector<char> bytes(theFileSize);
+          std::mt19937_64 generator(7);
+          for (std::size_t i = 0; i + 8 <= bytes.size(); i += 8)
           {
-             std::error_code ignored;
-             fs::remove_all(workDir(), ignored);
-          });
-      return path;
-   }();
-   return dir;
+             std::uint64_t const value = generator();
+             std::memcpy(&bytes[i], &value, 8);
+          }
+          std::ofstream(path / "source.bin", std::ios::binary).write(bytes.data(), bytes.size());
+          std::atexit(
+              []
+              {
+                 std::error_code ignored;
+                 fs::remove_all(workDir(), ignored);
+              });
+          return path;
+       }());
+   return *dir;
 }
 
 void received(DtFilename const&, void* flag)
