@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -1464,4 +1465,94 @@ TEST_F(ToolNetns, Ipv6MulticastByTheNamedInterface)
    ASSERT_EQ(monitor.finish(), 0) << monitor.err();
    EXPECT_EQ(totalsOf(monitor.out()).pdus, 4) << monitor.out();
 }
+// ------------------------------------------------------------------ file tools
+
+char const* const theFileSend = OLFILE_SEND_PATH;
+char const* const theFileRecv = OLFILE_RECV_PATH;
+
+std::string makeScratchDir()
+{
+   char pattern[] = "/tmp/olfile-tools-XXXXXX";
+   return ::mkdtemp(pattern) ? pattern : "";
+}
+
+std::string slurp(std::string const& path)
+{
+   std::string text;
+   if (FILE* file = std::fopen(path.c_str(), "rb"))
+   {
+      char buffer[65536];
+      std::size_t n;
+      while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0)
+         text.append(buffer, n);
+      std::fclose(file);
+   }
+   return text;
+}
+
+TEST(FileTools, SendAndReceiveAFileWithProgress)
+{
+   std::string const dir = makeScratchDir();
+   ASSERT_FALSE(dir.empty());
+   std::string bytes(6u << 20, '\0');
+   for (std::size_t i = 0; i < bytes.size(); ++i)
+      bytes[i] = static_cast<char>(i * 7 + i / 4096);
+   std::string const source = dir + "/payload.bin";
+   {
+      FILE* file = std::fopen(source.c_str(), "wb");
+      ASSERT_NE(file, nullptr);
+      std::fwrite(bytes.data(), 1, bytes.size(), file);
+      std::fclose(file);
+   }
+   ASSERT_EQ(::mkdir((dir + "/in").c_str(), 0700), 0);
+   Tool receiver({theFileRecv, "--port", "0", "--dir", dir + "/in", "--once", "--timeout", "60"});
+   ASSERT_TRUE(receiver.waitForError("writing into"));
+   int port = 0;
+   ASSERT_EQ(std::sscanf(receiver.err().c_str(), "olfile-recv: listening on port %d", &port), 1);
+   Result const sent = run({theFileSend, "127.0.0.1:" + std::to_string(port), source});
+   EXPECT_EQ(sent.status, 0) << sent.err;
+   EXPECT_NE(sent.err.find("of 6291456 bytes"), std::string::npos) << sent.err;
+   EXPECT_EQ(receiver.finish(), 0) << receiver.err();
+   EXPECT_EQ(receiver.out(), dir + "/in/payload.bin\n");
+   EXPECT_TRUE(slurp(dir + "/in/payload.bin") == bytes);
+   std::system(("rm -rf " + dir).c_str());
+}
+
+TEST(FileTools, UsageAndFailures)
+{
+   struct Case
+   {
+      char const* what;
+      Argv argv;
+      int status;
+      char const* text;  // on standard error, or on standard output for --help
+   } const cases[] = {
+       {"send help", {theFileSend, "--help"}, 0, "usage: olfile-send"},
+       {"recv help", {theFileRecv, "--help"}, 0, "usage: olfile-recv"},
+       {"send without files", {theFileSend, "127.0.0.1"}, 2, "needs HOST[:PORT]"},
+       {"send unknown option",
+        {theFileSend, "--fast", "127.0.0.1", "x"},
+        2,
+        "unknown option --fast"},
+       {"send bad port", {theFileSend, "127.0.0.1:99999", "x"}, 2, "bad target"},
+       {"send missing file",
+        {theFileSend, "127.0.0.1:9", "/nonexistent/file"},
+        1,
+        "error opening file"},
+       {"recv bad range", {theFileRecv, "--range", "9-3"}, 2, "bad value for --range"},
+       {"recv nothing arrives",
+        {theFileRecv, "--port", "0", "--once", "--timeout", "0.2"},
+        1,
+        "0 files received"},
+   };
+   for (auto const& test : cases)
+   {
+      SCOPED_TRACE(test.what);
+      Result const result = run(test.argv);
+      EXPECT_EQ(result.status, test.status);
+      std::string const& text = test.status == 0 ? result.out : result.err;
+      EXPECT_NE(text.find(test.text), std::string::npos) << result.out << result.err;
+   }
+}
+
 }  // namespace
