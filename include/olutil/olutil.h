@@ -51,6 +51,7 @@
 #include <olutil/olInetUdpSocket.h>
 #include <olutil/olInetTcpSocket.h>
 #include <olutil/olInetSocketMgr.h>
+#include <olutil/olInetFileTransport.h>
 
 // DIS
 #include <olutil/olPduFilterTest.h>
