@@ -508,6 +508,62 @@ TEST(DtDisSocketLoopback, SendWalksEveryDestinationAndReturnsTheLast)
    EXPECT_TRUE(rx1.receive(200).empty());
 }
 
+TEST(DtDisSocketLoopback, DefaultDestinationWhoseLookupFailedStopsEverySend)
+{
+   Receiver rx1, rx2;
+   // A failed lookup keeps the earlier address, rx1's: a socket that lost the failure on
+   // the way in would be seen sending there.
+   DtInetEndpoint const good = udpEndpoint("127.0.0.1", rx1.port());
+   DtInetEndpoint bad = good;
+   std::string reason;
+   if (!olt::runIsolated(
+           [&] { bad.hostLookup(DtString("nohost.invalid"), 0, DtInetUtils::DtInetFamilyIPv4); },
+           &reason))
+      GTEST_SKIP() << "the failing lookup runs where no query can leave the machine: " << reason;
+   ASSERT_FALSE(bad.isOk());
+   DtInetDevice lo(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
+   // Through the constructor or setDestination; with and without the send socket and
+   // bundling.
+   for (auto [viaConstructor, suppress, bundle] :
+        {std::tuple{true, false, 0}, {true, true, 0}, {false, false, 1400}, {false, true, 0}})
+   {
+      SCOPED_TRACE(::testing::Message() << "constructor " << viaConstructor << ", suppression "
+                                        << suppress << ", bundling " << bundle);
+      DtDisSocket socket(viaConstructor ? bad : good, 0, &lo, DtInetSockFlagsDefault, false,
+                         suppress);
+      socket.setLocalPort(0);
+      ASSERT_TRUE(socket.openSocket()) << socket.getLastErrorString();
+      ASSERT_TRUE(socket.addDestination(udpEndpoint("127.0.0.1", rx2.port())));
+      socket.setBundling(bundle);
+      if (!viaConstructor)
+      {
+         ASSERT_TRUE(socket.setDestination(bad));
+      }
+      EXPECT_FALSE(socket.destination().isOk());
+
+      Bytes pdu = makePdu(7, 1, 1, 64);
+      DtInetSockChain chain{&pdu};
+      // The endpoint's own message is read from a copy, so every attempt fails alike.
+      for (int attempt = 0; attempt < 2; ++attempt)
+      {
+         EXPECT_EQ(-1, socket.send(pdu.data(), pdu.size(), 0));
+         EXPECT_EQ(89, socket.getLastError());
+         EXPECT_STREQ("DtDisSocket::send(): Error - no default destination set: "
+                      "Host lookup failed for nohost.invalid",
+                      socket.getLastErrorString().c_str());
+         EXPECT_EQ(-1, socket.sendChain(chain, 0));
+         EXPECT_STREQ("DtDisSocket::sendChain(): Error - no default destination set: "
+                      "Host lookup failed for nohost.invalid",
+                      socket.getLastErrorString().c_str());
+         EXPECT_EQ(DtInetSockStateError, socket.state());
+      }
+      // The walk ended before the additional destination; nothing waits to be bundled.
+      EXPECT_TRUE(socket.pendingBundles().empty());
+      EXPECT_TRUE(rx1.receive(20).empty());
+      EXPECT_TRUE(rx2.receive(20).empty());
+   }
+}
+
 TEST(DtDisSocketLoopback, SelfReflectSuppressionAndTheSendSocket)
 {
    // Towards a unicast destination the interface must be named.

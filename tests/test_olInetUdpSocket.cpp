@@ -268,6 +268,73 @@ TEST_P(UdpLoopbackTest, SendFailuresKeepTheStateAndInTheBackgroundStick)
    EXPECT_TRUE(recorded(*sender, 90, "", DtInetSockStateOpen, true));
 }
 
+TEST_P(UdpLoopbackTest, DestinationWhoseLookupFailedIsNeverUsed)
+{
+   receiver = open(theSyncFlags);
+   DtInetEndpoint const good = endpoint(address(), receiver->localPort());
+   // A failed lookup keeps the earlier address: the receiver's, so that a socket which
+   // lost the failure on the way in would be seen sending there.
+   DtInetEndpoint bad = good;
+   std::string reason;
+   if (!olt::runIsolated(
+           [&]
+           {
+              bad.hostLookup(DtString("nohost.invalid"), 0,
+                             std::strchr(address(), ':') ? DtInetUtils::DtInetFamilyIPv6
+                                                         : DtInetUtils::DtInetFamilyIPv4);
+           },
+           &reason))
+      GTEST_SKIP() << "the failing lookup runs where no query can leave the machine: " << reason;
+   ASSERT_FALSE(bad.isOk());
+   DtInetEndpoint unspecified = bad;
+   unspecified.setProtocol(DtInetProtocolUnspecified);
+
+   char const* const ways[] = {"constructor", "setDestination", "setSocket, unspecified"};
+   for (char const* way : ways)
+   {
+      SCOPED_TRACE(way);
+      std::unique_ptr<DtInetUdpSocket> socket;
+      if (way == ways[0])
+      {
+         socket = std::make_unique<DtInetUdpSocket>(bad, 0, myDevice.get(), theSyncFlags, true);
+      }
+      else if (way == ways[1])
+      {
+         // A good destination after a bad one is used again.
+         socket = open(theSyncFlags, 9);
+         ASSERT_TRUE(socket->setDestination(bad));
+         ASSERT_TRUE(socket->setDestination(good));
+         ASSERT_EQ(sendText(*socket, "good"), 4);
+         EXPECT_EQ(next(*receiver, from), "good");
+         ASSERT_TRUE(socket->setDestination(bad));
+      }
+      else
+      {
+         socket = std::make_unique<DtInetUdpSocket>();
+         ASSERT_TRUE(socket->setSocket(unspecified, 0, myDevice.get(), theSyncFlags));
+         ASSERT_TRUE(socket->openSocket()) << socket->getLastErrorString();
+         EXPECT_EQ(socket->destination().protocol(), DtInetProtocolUdp);
+      }
+      EXPECT_FALSE(socket->destination().isOk());
+
+      // Every attempt fails alike: the failure is not used up by reporting it.
+      std::vector<char> piece{'x', 'y'};
+      DtInetSockChain chain{&piece, &piece};
+      for (int attempt = 0; attempt < 2; ++attempt)
+      {
+         EXPECT_EQ(sendText(*socket, "lost"), -1);
+         EXPECT_TRUE(recorded(*socket, 89,
+                              "DtInetUdpSocket::send(): Error - no default destination set."));
+         EXPECT_EQ(socket->sendChain(chain, 0), -1);
+         EXPECT_TRUE(recorded(*socket, 89,
+                              "DtInetUdpSocket::sendChain(): Error - no default destination set."));
+      }
+      // Loopback delivers during the send: anything sent would be waiting now.
+      char byte;
+      EXPECT_EQ(receiver->recv(&byte, 1, 0), 0);
+   }
+}
+
 TEST(UdpSocketErrors, RefusedSendsAndOpens)
 {
    char data[4] = {};

@@ -135,7 +135,8 @@ DtInetUdpSocket::DtInetUdpSocket(DtInetEndpoint const& destination, unsigned sho
 {
    setState(DtInetSockStateNone);
    setLocalPort(localPort);
-   myDestination = destination;
+   // Whole, so that a destination whose lookup failed is refused by the sends.
+   myDestination.assignWhole(destination);
    bindToDevice(device);
    setFlags(flags);
    myOpenOnConstruction = open;
@@ -171,7 +172,7 @@ bool DtInetUdpSocket::setDestination(DtInetEndpoint const& destination)
    }
    if (destination.protocol() == DtInetProtocolUnspecified)
    {
-      myDestination = destination;
+      myDestination.assignWhole(destination);
       myDestination.setProtocol(DtInetProtocolUdp);
       return true;
    }
@@ -180,7 +181,7 @@ bool DtInetUdpSocket::setDestination(DtInetEndpoint const& destination)
       recordError(22, std::string(prefix) + "Specified destination endpoint is not UDP");
       return false;
    }
-   myDestination = destination;
+   myDestination.assignWhole(destination);
    return true;
 }
 
