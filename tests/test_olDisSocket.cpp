@@ -564,6 +564,49 @@ TEST(DtDisSocketLoopback, DefaultDestinationWhoseLookupFailedStopsEverySend)
    }
 }
 
+TEST(DtDisSocketLoopback, BundlesOfHundredsOfPdusArriveWhole)
+{
+   // 200 PDUs of 20 bytes, each padded to 24 but the last: a pending chain of 399
+   // buffers, far past the 64 that Boost.Asio passes to one system call.
+   auto receiver = openDis(0);
+   ASSERT_TRUE(receiver);
+   DtInetDevice lo(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
+   for (auto [suppress, flags] :
+        {std::pair{false, unsigned(DtInetSockFlagsDefault)}, {true, DtInetSockFlagsDefault},
+         {true, DtInetSockFlagsDefault | DtInetSockFlagAsyncSend}})
+   {
+      SCOPED_TRACE(::testing::Message() << "suppression " << suppress << ", flags " << flags);
+      auto sender = openDis(receiver->localPort(), &lo, flags, suppress);
+      ASSERT_TRUE(sender);
+      sender->setBundling(65000);
+      std::vector<Bytes> pdus;
+      for (int i = 0; i < 200; ++i)
+      {
+         pdus.push_back(makePdu(7, 1, 1, 20, 0, char('a' + i % 26)));
+         pdus.back()[4] = static_cast<char>(i);  // the time stamp tells them apart
+         ASSERT_EQ(20, sender->send(pdus.back().data(), 20, 0)) << i;
+      }
+      ASSERT_EQ(1u, sender->pendingBundles().size());
+      EXPECT_EQ(399u, sender->pendingBundles().begin()->second.second.size());
+      EXPECT_EQ(200u * 24 - 4, sender->pendingBundles().begin()->second.first);
+      EXPECT_EQ(1, sender->flush()) << sender->getLastErrorString();
+      EXPECT_TRUE(sender->pendingBundles().empty());
+
+      // A later bundle is the next datagram: the first is not sent again.
+      Bytes last = makePdu(7, 1, 2, 20, 0, 'z');
+      ASSERT_EQ(20, sender->send(last.data(), last.size(), 0));
+      EXPECT_TRUE(sender->closeSocket());
+      pdus.push_back(last);
+      for (std::size_t i = 0; i < pdus.size(); ++i)
+      {
+         Bytes buffer(65536);
+         ASSERT_EQ(20, readPdu(*receiver, buffer)) << i;
+         ASSERT_EQ(pdus[i], cut(buffer, 20)) << i;
+      }
+      EXPECT_EQ(0u, receiver->queuedPduCount());
+   }
+}
+
 TEST(DtDisSocketLoopback, SelfReflectSuppressionAndTheSendSocket)
 {
    // Towards a unicast destination the interface must be named.

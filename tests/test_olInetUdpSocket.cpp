@@ -236,6 +236,91 @@ TEST_P(UdpLoopbackTest, BackgroundQueuesKeepTheOrderAndStampTimes)
    EXPECT_TRUE(receiver->closeSocket());
 }
 
+// A chain of `count` buffers of 1 to 23 bytes, every `emptyEvery`-th one empty and the
+// last of those null; each byte tells its buffer and place apart.
+struct Pieces
+{
+   Pieces(std::size_t count, std::size_t emptyEvery = 0) : buffers(count)
+   {
+      for (std::size_t i = 0; i < count; ++i)
+      {
+         bool const empty = emptyEvery != 0 && i % emptyEvery == emptyEvery - 1;
+         buffers[i].resize(empty ? 0 : 1 + i % 23);
+         for (std::size_t j = 0; j < buffers[i].size(); ++j)
+            buffers[i][j] = static_cast<char>('!' + (i * 31 + j) % 90);
+         chain.push_back(&buffers[i]);
+         if (empty)
+            nullAt = i;
+      }
+      if (nullAt < count)
+         chain[nullAt] = nullptr;
+   }
+
+   std::string bytes() const
+   {
+      std::string all;
+      for (std::vector<char> const* buffer : chain)
+         if (buffer)
+            all.append(buffer->begin(), buffer->end());
+      return all;
+   }
+
+   void clear()
+   {
+      for (std::vector<char>& buffer : buffers)
+         std::fill(buffer.begin(), buffer.end(), '\0');
+   }
+
+   std::vector<std::vector<char>> buffers;
+   DtInetSockChain chain;
+   std::size_t nullAt = ~std::size_t(0);
+};
+
+TEST_P(UdpLoopbackTest, ChainsOfAnyLengthTravelAsOneDatagramBothWays)
+{
+   // Boost.Asio hands at most 64 buffers to one system call, and the system takes at
+   // most 1,024 entries: lengths on either side of both, synchronous and queued. Empty
+   // and null buffers do not count: 82 with every fifth empty are 66 to carry.
+   struct Case
+   {
+      std::size_t count, emptyEvery;
+   } const cases[] = {{1, 0}, {64, 0}, {65, 0}, {1024, 0}, {1100, 0}, {82, 5}};
+   for (unsigned int flags : {theSyncFlags, theAsyncRecvFlags | theAsyncSendFlags})
+   {
+      for (Case const& c : cases)
+      {
+         SCOPED_TRACE(::testing::Message() << c.count << " buffers, every " << c.emptyEvery
+                                           << "th empty, flags " << flags);
+         openPair(flags, flags);
+         Pieces out(c.count, c.emptyEvery);
+         std::string const expected = out.bytes();
+         int const total = static_cast<int>(expected.size());
+
+         ASSERT_EQ(sender->sendChain(out.chain, 0), total) << sender->getLastErrorString();
+         EXPECT_EQ(next(*receiver, from, 65536), expected);
+         EXPECT_EQ(from.port(), sender->localPort());
+
+         // One datagram scattered over the same layout fills every buffer in turn.
+         Pieces in(c.count, c.emptyEvery);
+         in.clear();
+         ASSERT_EQ(sendText(*sender, expected), total);
+         from.setPort(1);
+         EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(in.chain, from, 0); }), total);
+         EXPECT_EQ(in.bytes(), expected);
+         EXPECT_EQ(from.port(), sender->localPort());
+
+         // One byte more than the chain holds does not fit, and the next one is read.
+         ASSERT_EQ(sendText(*sender, expected + "+"), total + 1);
+         ASSERT_EQ(sendText(*sender, expected), total);
+         EXPECT_EQ(waitFor([&] { return receiver->recvToChain(in.chain, 0); }),
+                   DtInetSockResultNoFit);
+         in.clear();
+         EXPECT_EQ(waitFor([&] { return receiver->recvToChain(in.chain, 0); }), total);
+         EXPECT_EQ(in.bytes(), expected);
+      }
+   }
+}
+
 TEST_P(UdpLoopbackTest, ClosingDeliversQueuedSendsFirst)
 {
    openPair(theSyncFlags, theAsyncSendFlags);

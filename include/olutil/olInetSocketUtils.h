@@ -4,18 +4,22 @@
 //
 // Small operations on chains (vectors of pointers to caller-owned byte vectors) that
 // the sockets, their background queues and the DIS callbacks share: the byte count of
-// a chain, scattering bytes across its buffers, gathering it into one vector, and its
-// buffers as one sequence for a gathered or scattered system call.
+// a chain, scattering bytes across its buffers, gathering it into one vector, its
+// buffers as one sequence for a gathered or scattered system call, and the datagram
+// send and read of a chain of any length.
 //
 //===----------------------------------------------------------------------===//
 #ifndef OLUTIL_OLINETSOCKETUTILS_H
 #define OLUTIL_OLINETSOCKETUTILS_H
 
+#include <algorithm>
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/container/small_vector.hpp>
+#include <boost/system/error_code.hpp>
 
 #include <olutil/olInetSocket.h>
 
@@ -32,6 +36,8 @@ void DtInetSockGatherChain(DtInetSockChain const& chain, std::vector<char>& targ
 
 // The chain's non-empty buffers as a sequence of Buffer (boost::asio::const_buffer to
 // send, mutable_buffer to receive) for one system call; short chains need no heap.
+// Boost.Asio takes no more than DtInetSockGatherLimit of them: see
+// DtInetSockSendChainTo.
 template <class Buffer>
 boost::container::small_vector<Buffer, 16> DtInetSockChainBuffers(DtInetSockChain const& chain)
 {
@@ -42,6 +48,52 @@ boost::container::small_vector<Buffer, 16> DtInetSockChainBuffers(DtInetSockChai
          buffers.emplace_back(buffer->data(), buffer->size());
    }
    return buffers;
+}
+
+// The most buffers Boost.Asio passes to one system call; it leaves out the rest of a
+// longer sequence without a word.
+constexpr std::size_t DtInetSockGatherLimit = 64;
+
+// Whether the chain has no more than DtInetSockGatherLimit non-empty buffers.
+bool DtInetSockWithinGatherLimit(DtInetSockChain const& chain);
+
+// Sends the chain's bytes to `target` as one datagram on a Boost.Asio datagram
+// socket, whatever the number of its buffers: the bytes sent, or 0 with `error` set.
+// Up to DtInetSockGatherLimit non-empty buffers go to the system as they are; a longer
+// chain is gathered into one copy first, which is also faster than one system entry
+// per buffer (bench_udp).
+template <class Socket, class Endpoint>
+std::size_t DtInetSockSendChainTo(Socket& socket, DtInetSockChain const& chain,
+                                  Endpoint const& target, boost::system::error_code& error)
+{
+   if (chain.size() <= DtInetSockGatherLimit || DtInetSockWithinGatherLimit(chain))
+      return socket.send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain), target, 0,
+                            error);
+   std::vector<char> joined;
+   DtInetSockGatherChain(chain, joined);
+   return socket.send_to(boost::asio::buffer(joined), target, 0, error);
+}
+
+// Reads one datagram across the chain's buffers in turn, whatever their number, with
+// the message flags `flags`, and stores its sender: the byte count the system reports
+// (with MSG_TRUNC the datagram's whole length, which may exceed what the chain
+// holds), or 0 with `error` set. Past DtInetSockGatherLimit non-empty buffers the
+// datagram is read into one buffer and then scattered.
+template <class Socket, class Endpoint>
+std::size_t DtInetSockReceiveChainFrom(Socket& socket, DtInetSockChain& chain, Endpoint& sender,
+                                       int flags, boost::system::error_code& error)
+{
+   if (chain.size() <= DtInetSockGatherLimit || DtInetSockWithinGatherLimit(chain))
+      return socket.receive_from(DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain),
+                                 sender, flags, error);
+   // No UDP payload is longer; left uninitialised, as the read fills what is scattered.
+   std::size_t const size = std::min<std::size_t>(DtInetSockChainSize(chain), 65536);
+   std::unique_ptr<char[]> joined(new char[size]);
+   std::size_t const bytes =
+       socket.receive_from(boost::asio::buffer(joined.get(), size), sender, flags, error);
+   if (!error)
+      DtInetSockCopyToChain(joined.get(), std::min(bytes, size), chain);
+   return bytes;
 }
 
 #endif  // OLUTIL_OLINETSOCKETUTILS_H

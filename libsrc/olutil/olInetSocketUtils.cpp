@@ -45,3 +45,14 @@ void DtInetSockGatherChain(DtInetSockChain const& chain, std::vector<char>& targ
          target.insert(target.end(), buffer->begin(), buffer->end());
    }
 }
+
+bool DtInetSockWithinGatherLimit(DtInetSockChain const& chain)
+{
+   std::size_t used = 0;
+   for (std::vector<char> const* buffer : chain)
+   {
+      if (buffer && !buffer->empty() && ++used > DtInetSockGatherLimit)
+         return false;
+   }
+   return true;
+}

@@ -640,8 +640,7 @@ int DtInetUdpSocket::transmitChain(DtInetSockChain& chain, DtInetEndpoint& targe
    else
    {
       result = static_cast<int>(
-          myUdpSocket->send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain),
-                               boostEndpoint(target), 0, error));
+          DtInetSockSendChainTo(*myUdpSocket, chain, boostEndpoint(target), error));
    }
    if (error)
    {
@@ -774,8 +773,7 @@ int DtInetUdpSocket::readChain(DtInetSockChain& chain, DtInetEndpoint& sender,
       else
       {
          capacity = DtInetSockChainSize(chain);
-         bytes = mySecondUdpSocket->receive_from(
-             DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain), from, MSG_TRUNC, error);
+         bytes = DtInetSockReceiveChainFrom(*mySecondUdpSocket, chain, from, MSG_TRUNC, error);
       }
       if (!error)
       {
