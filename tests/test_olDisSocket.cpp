@@ -548,13 +548,15 @@ TEST(DtDisSocketLoopback, DefaultDestinationWhoseLookupFailedStopsEverySend)
       {
          EXPECT_EQ(-1, socket.send(pdu.data(), pdu.size(), 0));
          EXPECT_EQ(89, socket.getLastError());
-         EXPECT_STREQ("DtDisSocket::send(): Error - no default destination set: "
-                      "Host lookup failed for nohost.invalid",
-                      socket.getLastErrorString().c_str());
+         EXPECT_STREQ(
+             "DtDisSocket::send(): Error - no default destination set: "
+             "Host lookup failed for nohost.invalid",
+             socket.getLastErrorString().c_str());
          EXPECT_EQ(-1, socket.sendChain(chain, 0));
-         EXPECT_STREQ("DtDisSocket::sendChain(): Error - no default destination set: "
-                      "Host lookup failed for nohost.invalid",
-                      socket.getLastErrorString().c_str());
+         EXPECT_STREQ(
+             "DtDisSocket::sendChain(): Error - no default destination set: "
+             "Host lookup failed for nohost.invalid",
+             socket.getLastErrorString().c_str());
          EXPECT_EQ(DtInetSockStateError, socket.state());
       }
       // The walk ended before the additional destination; nothing waits to be bundled.
@@ -571,9 +573,9 @@ TEST(DtDisSocketLoopback, BundlesOfHundredsOfPdusArriveWhole)
    auto receiver = openDis(0);
    ASSERT_TRUE(receiver);
    DtInetDevice lo(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
-   for (auto [suppress, flags] :
-        {std::pair{false, unsigned(DtInetSockFlagsDefault)}, {true, DtInetSockFlagsDefault},
-         {true, DtInetSockFlagsDefault | DtInetSockFlagAsyncSend}})
+   for (auto [suppress, flags] : {std::pair{false, unsigned(DtInetSockFlagsDefault)},
+                                  {true, DtInetSockFlagsDefault},
+                                  {true, DtInetSockFlagsDefault | DtInetSockFlagAsyncSend}})
    {
       SCOPED_TRACE(::testing::Message() << "suppression " << suppress << ", flags " << flags);
       auto sender = openDis(receiver->localPort(), &lo, flags, suppress);

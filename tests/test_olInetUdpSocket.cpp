@@ -408,8 +408,8 @@ TEST_P(UdpLoopbackTest, DestinationWhoseLookupFailedIsNeverUsed)
       for (int attempt = 0; attempt < 2; ++attempt)
       {
          EXPECT_EQ(sendText(*socket, "lost"), -1);
-         EXPECT_TRUE(recorded(*socket, 89,
-                              "DtInetUdpSocket::send(): Error - no default destination set."));
+         EXPECT_TRUE(
+             recorded(*socket, 89, "DtInetUdpSocket::send(): Error - no default destination set."));
          EXPECT_EQ(socket->sendChain(chain, 0), -1);
          EXPECT_TRUE(recorded(*socket, 89,
                               "DtInetUdpSocket::sendChain(): Error - no default destination set."));

@@ -12,9 +12,7 @@
 #ifndef OLUTIL_OLINETSOCKETUTILS_H
 #define OLUTIL_OLINETSOCKETUTILS_H
 
-#include <algorithm>
 #include <cstddef>
-#include <memory>
 #include <vector>
 
 #include <boost/asio/buffer.hpp>
@@ -22,6 +20,7 @@
 #include <boost/system/error_code.hpp>
 
 #include <olutil/olInetSocket.h>
+#include <olutil/olInetUdpSocket.h>
 
 // The number of bytes in a chain: the sum of the size() of its buffers. Null buffers
 // count as empty.
@@ -57,43 +56,46 @@ constexpr std::size_t DtInetSockGatherLimit = 64;
 // Whether the chain has no more than DtInetSockGatherLimit non-empty buffers.
 bool DtInetSockWithinGatherLimit(DtInetSockChain const& chain);
 
-// Sends the chain's bytes to `target` as one datagram on a Boost.Asio datagram
-// socket, whatever the number of its buffers: the bytes sent, or 0 with `error` set.
-// Up to DtInetSockGatherLimit non-empty buffers go to the system as they are; a longer
-// chain is gathered into one copy first, which is also faster than one system entry
-// per buffer (bench_udp).
+// The halves of the two operations below for chains past DtInetSockGatherLimit: the
+// chain gathered into one copy and sent, or one datagram read into one buffer and
+// scattered across the chain. Either copy is faster than handing the system one
+// entry per buffer (bench_udp, LongChainSendWays and LongChainReadWays).
+std::size_t DtInetSockSendGathered(DtInetBoostUdpSocket& socket, DtInetSockChain const& chain,
+                                   DtInetEndpoint::UdpEndpoint const& target,
+                                   boost::system::error_code& error);
+std::size_t DtInetSockReceiveScattered(DtInetBoostUdpSocket& socket, DtInetSockChain& chain,
+                                       DtInetEndpoint::UdpEndpoint& sender, int flags,
+                                       boost::system::error_code& error);
+
+// Sends the chain's bytes to `target` as one datagram, whatever the number of its
+// buffers: the bytes sent, or 0 with `error` set. Up to DtInetSockGatherLimit
+// non-empty buffers go to the system as they are, with no copy. Always inlined, so
+// that a short chain costs what a direct Boost.Asio send costs.
 template <class Socket, class Endpoint>
-std::size_t DtInetSockSendChainTo(Socket& socket, DtInetSockChain const& chain,
-                                  Endpoint const& target, boost::system::error_code& error)
+[[gnu::always_inline]] inline std::size_t DtInetSockSendChainTo(Socket& socket,
+                                                                DtInetSockChain const& chain,
+                                                                Endpoint const& target,
+                                                                boost::system::error_code& error)
 {
    if (chain.size() <= DtInetSockGatherLimit || DtInetSockWithinGatherLimit(chain))
       return socket.send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain), target, 0,
                             error);
-   std::vector<char> joined;
-   DtInetSockGatherChain(chain, joined);
-   return socket.send_to(boost::asio::buffer(joined), target, 0, error);
+   return DtInetSockSendGathered(socket, chain, target, error);
 }
 
 // Reads one datagram across the chain's buffers in turn, whatever their number, with
 // the message flags `flags`, and stores its sender: the byte count the system reports
 // (with MSG_TRUNC the datagram's whole length, which may exceed what the chain
-// holds), or 0 with `error` set. Past DtInetSockGatherLimit non-empty buffers the
-// datagram is read into one buffer and then scattered.
+// holds), or 0 with `error` set. Always inlined, as the send is.
 template <class Socket, class Endpoint>
-std::size_t DtInetSockReceiveChainFrom(Socket& socket, DtInetSockChain& chain, Endpoint& sender,
-                                       int flags, boost::system::error_code& error)
+[[gnu::always_inline]] inline std::size_t DtInetSockReceiveChainFrom(
+    Socket& socket, DtInetSockChain& chain, Endpoint& sender, int flags,
+    boost::system::error_code& error)
 {
    if (chain.size() <= DtInetSockGatherLimit || DtInetSockWithinGatherLimit(chain))
-      return socket.receive_from(DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain),
-                                 sender, flags, error);
-   // No UDP payload is longer; left uninitialised, as the read fills what is scattered.
-   std::size_t const size = std::min<std::size_t>(DtInetSockChainSize(chain), 65536);
-   std::unique_ptr<char[]> joined(new char[size]);
-   std::size_t const bytes =
-       socket.receive_from(boost::asio::buffer(joined.get(), size), sender, flags, error);
-   if (!error)
-      DtInetSockCopyToChain(joined.get(), std::min(bytes, size), chain);
-   return bytes;
+      return socket.receive_from(DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain), sender,
+                                 flags, error);
+   return DtInetSockReceiveScattered(socket, chain, sender, flags, error);
 }
 
 #endif  // OLUTIL_OLINETSOCKETUTILS_H
