@@ -234,4 +234,24 @@ int joinGroupSocket(std::string const& group, std::string const& device, std::st
    return -1;
 }
 
+bool runIsolated(std::function<void()> const& body, std::string* reason)
+{
+   TestNetns ns;
+   if (!ns.ok())
+   {
+      if (reason)
+         *reason = ns.error();
+      return false;
+   }
+   NetnsGuard inside(ns);
+   if (!inside.ok())
+   {
+      if (reason)
+         *reason = inside.error();
+      return false;
+   }
+   body();
+   return true;
+}
+
 }  // namespace olt

@@ -6,6 +6,7 @@
 #ifndef OLUTIL_TESTS_SUPPORT_NETNS_H
 #define OLUTIL_TESTS_SUPPORT_NETNS_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -129,6 +130,11 @@ private:
 /// thread's namespace, held until the descriptor is closed; -1 on failure.
 int joinGroupSocket(std::string const& group, std::string const& device,
                     std::string* error = nullptr);
+
+/// Runs `body` on the calling thread inside a fresh namespace with loopback alone,
+/// where nothing can leave the machine and a name lookup fails at once. False, with
+/// *reason, when no namespace can be made (body not run).
+bool runIsolated(std::function<void()> const& body, std::string* reason = nullptr);
 
 }  // namespace olt
 

@@ -510,6 +510,107 @@ TEST(DtDisSocketLoopback, SendWalksEveryDestinationAndReturnsTheLast)
    EXPECT_TRUE(rx1.receive(200).empty());
 }
 
+TEST(DtDisSocketLoopback, DefaultDestinationWhoseLookupFailedStopsEverySend)
+{
+   Receiver rx1, rx2;
+   // A failed lookup keeps the earlier address, rx1's: a socket that lost the failure on
+   // the way in would be seen sending there.
+   DtInetEndpoint const good = udpEndpoint("127.0.0.1", rx1.port());
+   DtInetEndpoint bad = good;
+   std::string reason;
+   if (!olt::runIsolated(
+           [&] { bad.hostLookup(DtString("nohost.invalid"), 0, DtInetUtils::DtInetFamilyIPv4); },
+           &reason))
+      GTEST_SKIP() << "the failing lookup runs where no query can leave the machine: " << reason;
+   ASSERT_FALSE(bad.isOk());
+   DtInetDevice lo(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
+   // Through the constructor or setDestination; with and without the send socket and
+   // bundling.
+   for (auto [viaConstructor, suppress, bundle] :
+        {std::tuple{true, false, 0}, {true, true, 0}, {false, false, 1400}, {false, true, 0}})
+   {
+      SCOPED_TRACE(::testing::Message() << "constructor " << viaConstructor << ", suppression "
+                                        << suppress << ", bundling " << bundle);
+      DtDisSocket socket(viaConstructor ? bad : good, 0, &lo, DtInetSockFlagsDefault, false,
+                         suppress);
+      socket.setLocalPort(0);
+      ASSERT_TRUE(socket.openSocket()) << socket.getLastErrorString();
+      ASSERT_TRUE(socket.addDestination(udpEndpoint("127.0.0.1", rx2.port())));
+      socket.setBundling(bundle);
+      if (!viaConstructor)
+      {
+         ASSERT_TRUE(socket.setDestination(bad));
+      }
+      EXPECT_FALSE(socket.destination().isOk());
+
+      Bytes pdu = makePdu(7, 1, 1, 64);
+      DtInetSockChain chain{&pdu};
+      // The endpoint's own message is read from a copy, so every attempt fails alike.
+      for (int attempt = 0; attempt < 2; ++attempt)
+      {
+         EXPECT_EQ(-1, socket.send(pdu.data(), pdu.size(), 0));
+         EXPECT_EQ(89, socket.getLastError());
+         EXPECT_STREQ(
+             "DtDisSocket::send(): Error - no default destination set: "
+             "Host lookup failed for nohost.invalid",
+             socket.getLastErrorString().c_str());
+         EXPECT_EQ(-1, socket.sendChain(chain, 0));
+         EXPECT_STREQ(
+             "DtDisSocket::sendChain(): Error - no default destination set: "
+             "Host lookup failed for nohost.invalid",
+             socket.getLastErrorString().c_str());
+         EXPECT_EQ(DtInetSockStateError, socket.state());
+      }
+      // The walk ended before the additional destination; nothing waits to be bundled.
+      EXPECT_TRUE(socket.pendingBundles().empty());
+      EXPECT_TRUE(rx1.receive(20).empty());
+      EXPECT_TRUE(rx2.receive(20).empty());
+   }
+}
+
+TEST(DtDisSocketLoopback, BundlesOfHundredsOfPdusArriveWhole)
+{
+   // 200 PDUs of 20 bytes, each padded to 24 but the last: a pending chain of 399
+   // buffers, far past the 64 that Boost.Asio passes to one system call.
+   auto receiver = openDis(0);
+   ASSERT_TRUE(receiver);
+   DtInetDevice lo(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
+   for (auto [suppress, flags] : {std::pair{false, unsigned(DtInetSockFlagsDefault)},
+                                  {true, DtInetSockFlagsDefault},
+                                  {true, DtInetSockFlagsDefault | DtInetSockFlagAsyncSend}})
+   {
+      SCOPED_TRACE(::testing::Message() << "suppression " << suppress << ", flags " << flags);
+      auto sender = openDis(receiver->localPort(), &lo, flags, suppress);
+      ASSERT_TRUE(sender);
+      sender->setBundling(65000);
+      std::vector<Bytes> pdus;
+      for (int i = 0; i < 200; ++i)
+      {
+         pdus.push_back(makePdu(7, 1, 1, 20, 0, char('a' + i % 26)));
+         pdus.back()[4] = static_cast<char>(i);  // the time stamp tells them apart
+         ASSERT_EQ(20, sender->send(pdus.back().data(), 20, 0)) << i;
+      }
+      ASSERT_EQ(1u, sender->pendingBundles().size());
+      EXPECT_EQ(399u, sender->pendingBundles().begin()->second.second.size());
+      EXPECT_EQ(200u * 24 - 4, sender->pendingBundles().begin()->second.first);
+      EXPECT_EQ(1, sender->flush()) << sender->getLastErrorString();
+      EXPECT_TRUE(sender->pendingBundles().empty());
+
+      // A later bundle is the next datagram: the first is not sent again.
+      Bytes last = makePdu(7, 1, 2, 20, 0, 'z');
+      ASSERT_EQ(20, sender->send(last.data(), last.size(), 0));
+      EXPECT_TRUE(sender->closeSocket());
+      pdus.push_back(last);
+      for (std::size_t i = 0; i < pdus.size(); ++i)
+      {
+         Bytes buffer(65536);
+         ASSERT_EQ(20, readPdu(*receiver, buffer)) << i;
+         ASSERT_EQ(pdus[i], cut(buffer, 20)) << i;
+      }
+      EXPECT_EQ(0u, receiver->queuedPduCount());
+   }
+}
+
 TEST(DtDisSocketLoopback, SelfReflectSuppressionAndTheSendSocket)
 {
    // Towards a unicast destination the interface must be named.

@@ -158,6 +158,18 @@ TEST(InetEndpointLookup, InterfacesFailuresAndErrorState)
    EXPECT_EQ(text(failed.toDtString(true)), "10.0.0.1:53(UDP)");
    EXPECT_TRUE(failed.tcpEndpoint() && failed.tcpEndpoint()->port() == 2000);
    EXPECT_TRUE(!failed.isOk() && failed == udp);
+
+   // A whole assignment makes what the copy constructor makes, both ways round.
+   DtInetEndpoint whole(DtInetAddr("10.0.0.2", ""), 9, DtInetProtocolTcp);
+   whole.assignWhole(failed);
+   EXPECT_TRUE(whole.tcpEndpoint() && whole.tcpEndpoint()->port() == 2000 && whole == udp);
+   whole.assignWhole(whole);
+   EXPECT_EQ(text(whole.getLastErrorString()), "Host lookup failed for no-such-host.invalid");
+   EXPECT_FALSE(failed.isOk()) << "the source keeps its own error";
+   whole.assignWhole(failed);
+   whole.assignWhole(udp);
+   EXPECT_TRUE(whole.isOk() && whole == udp && !whole.tcpEndpoint());
+   EXPECT_EQ(text(whole.toDtString(true)), "10.0.0.1:53(UDP)");
 }
 
 TEST(InetEndpointCompare, ByBoostEndpointOfTheLeftProtocol)

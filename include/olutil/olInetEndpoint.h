@@ -75,6 +75,10 @@ public:
    // Replaces a Boost endpoint only where the source has one, copies address,
    // port and protocol, and leaves this endpoint's error state as it was.
    DtInetEndpoint& operator=(DtInetEndpoint const& other);
+   // Makes this endpoint what the copy constructor would make of `other`: its Boost
+   // endpoints, error state and cached texts too. Sockets take their destination this
+   // way, so that a failed lookup stays visible and the stale address is never used.
+   void assignWhole(DtInetEndpoint const& other);
    virtual ~DtInetEndpoint();
 
    // Resolves a destination text: a local interface name, a numeric address

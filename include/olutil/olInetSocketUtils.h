@@ -4,8 +4,9 @@
 //
 // Small operations on chains (vectors of pointers to caller-owned byte vectors) that
 // the sockets, their background queues and the DIS callbacks share: the byte count of
-// a chain, scattering bytes across its buffers, gathering it into one vector, and its
-// buffers as one sequence for a gathered or scattered system call.
+// a chain, scattering bytes across its buffers, gathering it into one vector, its
+// buffers as one sequence for a gathered or scattered system call, and the datagram
+// send and read of a chain of any length.
 //
 //===----------------------------------------------------------------------===//
 #ifndef OLUTIL_OLINETSOCKETUTILS_H
@@ -20,6 +21,7 @@
 #include <boost/system/error_code.hpp>
 
 #include <olutil/olInetSocket.h>
+#include <olutil/olInetUdpSocket.h>
 
 // The number of bytes in a chain: the sum of the size() of its buffers. Null buffers
 // count as empty.
@@ -34,6 +36,8 @@ void DtInetSockGatherChain(DtInetSockChain const& chain, std::vector<char>& targ
 
 // The chain's non-empty buffers as a sequence of Buffer (boost::asio::const_buffer to
 // send, mutable_buffer to receive) for one system call; short chains need no heap.
+// Boost.Asio takes no more than DtInetSockGatherLimit of them: see
+// DtInetSockSendChainTo.
 template <class Buffer>
 boost::container::small_vector<Buffer, 16> DtInetSockChainBuffers(DtInetSockChain const& chain)
 {
@@ -61,6 +65,55 @@ int DtInetSockRunOption(Handle* handle, Apply const& apply, std::string& message
       return 0;
    message = error.message();
    return error.value();
+}
+
+// The most buffers Boost.Asio passes to one system call; it leaves out the rest of a
+// longer sequence without a word.
+constexpr std::size_t DtInetSockGatherLimit = 64;
+
+// Whether the chain has no more than DtInetSockGatherLimit non-empty buffers.
+bool DtInetSockWithinGatherLimit(DtInetSockChain const& chain);
+
+// The halves of the two operations below for chains past DtInetSockGatherLimit: the
+// chain gathered into one copy and sent, or one datagram read into one buffer and
+// scattered across the chain. Either copy is faster than handing the system one
+// entry per buffer (bench_udp, LongChainSendWays and LongChainReadWays).
+std::size_t DtInetSockSendGathered(DtInetBoostUdpSocket& socket, DtInetSockChain const& chain,
+                                   DtInetEndpoint::UdpEndpoint const& target,
+                                   boost::system::error_code& error);
+std::size_t DtInetSockReceiveScattered(DtInetBoostUdpSocket& socket, DtInetSockChain& chain,
+                                       DtInetEndpoint::UdpEndpoint& sender, int flags,
+                                       boost::system::error_code& error);
+
+// Sends the chain's bytes to `target` as one datagram, whatever the number of its
+// buffers: the bytes sent, or 0 with `error` set. Up to DtInetSockGatherLimit
+// non-empty buffers go to the system as they are, with no copy. Always inlined, so
+// that a short chain costs what a direct Boost.Asio send costs.
+template <class Socket, class Endpoint>
+[[gnu::always_inline]] inline std::size_t DtInetSockSendChainTo(Socket& socket,
+                                                                DtInetSockChain const& chain,
+                                                                Endpoint const& target,
+                                                                boost::system::error_code& error)
+{
+   if (chain.size() <= DtInetSockGatherLimit || DtInetSockWithinGatherLimit(chain))
+      return socket.send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain), target, 0,
+                            error);
+   return DtInetSockSendGathered(socket, chain, target, error);
+}
+
+// Reads one datagram across the chain's buffers in turn, whatever their number, with
+// the message flags `flags`, and stores its sender: the byte count the system reports
+// (with MSG_TRUNC the datagram's whole length, which may exceed what the chain
+// holds), or 0 with `error` set. Always inlined, as the send is.
+template <class Socket, class Endpoint>
+[[gnu::always_inline]] inline std::size_t DtInetSockReceiveChainFrom(
+    Socket& socket, DtInetSockChain& chain, Endpoint& sender, int flags,
+    boost::system::error_code& error)
+{
+   if (chain.size() <= DtInetSockGatherLimit || DtInetSockWithinGatherLimit(chain))
+      return socket.receive_from(DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain), sender,
+                                 flags, error);
+   return DtInetSockReceiveScattered(socket, chain, sender, flags, error);
 }
 
 #endif  // OLUTIL_OLINETSOCKETUTILS_H

@@ -540,10 +540,7 @@ int DtDisSocket::transmitOnSendSocket(DtInetSockChain& chain, DtInetEndpoint& en
    return sendOnSendSocket(
        endpoint, "DtDisSocket::sendChain()/sendChainTo() failed from ",
        [&](boost::asio::ip::udp::endpoint const& udp, boost::system::error_code& error)
-       {
-          return mySendSocket->send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain),
-                                       udp, 0, error);
-       },
+       { return DtInetSockSendChainTo(*mySendSocket, chain, udp, error); },
        [&](boost::asio::ip::udp::endpoint* udp, boost::system::error_code& error)
        { return myDisPimpl->asyncSendChainTo(chain, udp, error); });
 }

@@ -154,6 +154,31 @@ DtInetEndpoint& DtInetEndpoint::operator=(DtInetEndpoint const& other)
    return *this;
 }
 
+void DtInetEndpoint::assignWhole(DtInetEndpoint const& other)
+{
+   if (this == &other)
+   {
+      return;
+   }
+   *this = other;
+   // Assignment keeps a Boost endpoint that the source lacks; a copy has none.
+   if (!other.myTcpEndpoint)
+   {
+      delete myTcpEndpoint;
+      myTcpEndpoint = nullptr;
+   }
+   if (!other.myUdpEndpoint)
+   {
+      delete myUdpEndpoint;
+      myUdpEndpoint = nullptr;
+   }
+   myError = other.myError;
+   myLastError = other.myLastError;
+   myTextValid = other.myTextValid;
+   myShortText = other.myShortText;
+   myLongText = other.myLongText;
+}
+
 DtInetEndpoint::~DtInetEndpoint()
 {
    delete myTcpEndpoint;

@@ -140,7 +140,8 @@ DtInetUdpSocket::DtInetUdpSocket(DtInetEndpoint const& destination, unsigned sho
 {
    setState(DtInetSockStateNone);
    setLocalPort(localPort);
-   myDestination = destination;
+   // Whole, so that a destination whose lookup failed is refused by the sends.
+   myDestination.assignWhole(destination);
    bindToDevice(device);
    setFlags(flags);
    myOpenOnConstruction = open;
@@ -176,7 +177,7 @@ bool DtInetUdpSocket::setDestination(DtInetEndpoint const& destination)
    }
    if (destination.protocol() == DtInetProtocolUnspecified)
    {
-      myDestination = destination;
+      myDestination.assignWhole(destination);
       myDestination.setProtocol(DtInetProtocolUdp);
       return true;
    }
@@ -185,7 +186,7 @@ bool DtInetUdpSocket::setDestination(DtInetEndpoint const& destination)
       recordError(22, std::string(prefix) + "Specified destination endpoint is not UDP");
       return false;
    }
-   myDestination = destination;
+   myDestination.assignWhole(destination);
    return true;
 }
 
@@ -647,8 +648,7 @@ int DtInetUdpSocket::transmitChain(DtInetSockChain& chain, DtInetEndpoint& targe
    else
    {
       result = static_cast<int>(
-          myUdpSocket->send_to(DtInetSockChainBuffers<boost::asio::const_buffer>(chain),
-                               boostEndpoint(target), 0, error));
+          DtInetSockSendChainTo(*myUdpSocket, chain, boostEndpoint(target), error));
    }
    if (error)
    {
@@ -781,8 +781,7 @@ int DtInetUdpSocket::readChain(DtInetSockChain& chain, DtInetEndpoint& sender,
       else
       {
          capacity = DtInetSockChainSize(chain);
-         bytes = mySecondUdpSocket->receive_from(
-             DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain), from, MSG_TRUNC, error);
+         bytes = DtInetSockReceiveChainFrom(*mySecondUdpSocket, chain, from, MSG_TRUNC, error);
       }
       if (!error)
       {
