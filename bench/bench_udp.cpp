@@ -1,5 +1,8 @@
-// Datagram receive throughput on loopback: DtInetUdpSocket's chain read and its
-// background queue, each against a plain Boost.Asio receive_from loop in the same run.
+// Datagram throughput on loopback: DtInetUdpSocket's chain read and its background
+// queue, each against a plain Boost.Asio receive_from loop in the same run; chains of
+// 9 to 1,024 buffers, sent and read by the socket against plain Boost.Asio doing the
+// same; and the two ways of moving a chain as one datagram (one entry per buffer, or
+// one gathered copy) against each other.
 //
 // Each benchmark sends bursts of 144-byte datagrams from a plain Boost.Asio socket to
 // 127.0.0.1 and reads them back, alternating bursts between the DtInetUdpSocket and a
@@ -9,7 +12,14 @@
 // the burst is sent. The counters and a closing
 // summary line give the DtInetUdpSocket rate as a fraction of the plain one.
 //
+// The chain comparisons time rounds of up to 16 datagrams in the benchmark thread's
+// CPU time, both sides of a comparison in alternating order within each iteration; the
+// receiving socket is emptied, or the datagrams to read are sent, outside the timing.
+// A closing summary line gives each ratio (above 1: the first named is faster).
+//
 // Only loopback is used, and every wait is bounded.
+#include <sys/socket.h>
+#include <sys/uio.h>
 #include <time.h>
 
 #include <chrono>
@@ -25,6 +35,7 @@
 #include <boost/asio/ip/udp.hpp>
 
 #include <olutil/olInetDevice.h>
+#include <olutil/olInetSocketUtils.h>
 #include <olutil/olInetUdpSocket.h>
 
 namespace
@@ -61,6 +72,13 @@ void printRatio(char const* what, char const* measured, char const* baseline)
                   m.rate(), b.rate(), m.rate() / b.rate());
 }
 
+// CPU seconds of the two sides of each chain comparison, by the line that reports it.
+std::map<std::string, std::pair<double, double>>& chainSeconds()
+{
+   static auto* theSeconds = new std::map<std::string, std::pair<double, double>>;
+   return *theSeconds;
+}
+
 // Prints the summary when the program ends, after Google Benchmark's own report.
 struct Summary
 {
@@ -69,6 +87,12 @@ struct Summary
       printRatio("recvToChainFrom (synchronous chain read)", "DtRecvToChainFrom", "PlainReceive");
       printRatio("background receive queue (burst + reads)", "DtBackgroundQueue",
                  "PlainSendReceive");
+      for (auto const& entry : chainSeconds())
+      {
+         if (entry.second.first > 0 && entry.second.second > 0)
+            std::printf("%s: ratio %.3f\n", entry.first.c_str(),
+                        entry.second.second / entry.second.first);
+      }
    }
 } theSummary;
 
@@ -276,8 +300,314 @@ void BackgroundQueueVsPlain(benchmark::State& state)
    compare(state, receiver, "DtBackgroundQueue", "PlainSendReceive", false);
 }
 
+// ---------------------------------------------------------------- chains
+
+constexpr int theChainRound = 16;
+// Iterations of each chain comparison: a fixed count, so that a loaded machine makes a
+// case last longer in wall time only, never in work.
+constexpr int theChainIterations = 2000;
+
+// One datagram as a chain of `count` buffers, each of the PDU size or less, so that
+// the whole stays within one datagram (9,360 bytes for 65 buffers, the bundle that
+// went wrong when Boost.Asio left out every buffer past 64).
+struct LongChain
+{
+   explicit LongChain(std::size_t count)
+       : buffers(count,
+                 std::vector<char>(std::min<std::size_t>(theDatagramSize, 60000 / count), 'c'))
+   {
+      for (std::vector<char>& buffer : buffers)
+      {
+         chain.push_back(&buffer);
+         entries.push_back(iovec{buffer.data(), buffer.size()});
+         asio.emplace_back(buffer.data(), buffer.size());
+      }
+      total = count * buffers[0].size();
+      // What a round leaves queued stays well inside a default receive buffer.
+      perRound = static_cast<int>(
+          std::max<std::size_t>(1, std::min<std::size_t>(theChainRound, 150000 / total)));
+   }
+
+   std::vector<std::vector<char>> buffers;
+   DtInetSockChain chain;
+   std::vector<iovec> entries;
+   std::vector<boost::asio::mutable_buffer> asio;
+   std::size_t total = 0;
+   int perRound = theChainRound;
+};
+
+// A plain socket on 127.0.0.1 that sends, reads, or takes what is sent and is emptied
+// between rounds.
+struct PlainSocket
+{
+   PlainSocket() : socket(context, Udp::endpoint(boost::asio::ip::address_v4::loopback(), 0))
+   {
+      socket.non_blocking(true);
+      socket.set_option(boost::asio::socket_base::receive_buffer_size(8 << 20));
+   }
+
+   Udp::endpoint local() const { return socket.local_endpoint(); }
+   int handle() { return socket.native_handle(); }
+
+   void drain()
+   {
+      boost::system::error_code error;
+      while (!error)
+         socket.receive(boost::asio::buffer(scratch), 0, error);
+   }
+
+   boost::asio::io_context context;
+   Udp::socket socket;
+   std::vector<char> scratch = std::vector<char>(65536);
+};
+
+// Runs `first` and `second` once per iteration, in an order that alternates, and
+// adds up their thread CPU times under `line`. Each answers whether its round went
+// through; `prepare` runs first, untimed.
+template <class Prepare, class First, class Second>
+void alternate(benchmark::State& state, std::string const& line, int perRound, Prepare prepare,
+               First first, Second second)
+{
+   double seconds[2] = {0, 0};
+   long rounds = 0;
+   for (auto _ : state)
+   {
+      prepare();
+      bool done = true;
+      for (int side : {rounds % 2, 1 - rounds % 2})
+      {
+         double const start = threadSeconds();
+         done = (side == 0 ? first() : second()) && done;
+         seconds[side] += threadSeconds() - start;
+      }
+      ++rounds;
+      if (!done)
+      {
+         state.SkipWithError("a chain did not travel whole");
+         return;
+      }
+      state.SetIterationTime(seconds[0] / static_cast<double>(rounds));
+   }
+   std::pair<double, double>& total = chainSeconds()[line];
+   total.first += seconds[0];
+   total.second += seconds[1];
+   state.SetItemsProcessed(rounds * perRound);
+   state.counters["ratio"] = seconds[0] > 0 ? seconds[1] / seconds[0] : 0;
+}
+
+std::string chainLine(char const* what, std::size_t count)
+{
+   return std::string(what) + ", " + std::to_string(count) + " buffers";
+}
+
+// sendChainTo on a synchronous socket against the same datagram sent by plain
+// Boost.Asio the way the socket does it: the buffers as one gathered send_to up to 64
+// of them, beyond that one gathered copy (into a buffer kept between sends) sent from
+// one buffer. The ratio is the socket's overhead above the bare send.
+void ChainSendVsPlain(benchmark::State& state)
+{
+   std::size_t const count = static_cast<std::size_t>(state.range(0));
+   LongChain data(count);
+   PlainSocket sink, plain;
+   DtInetEndpoint target(DtInetAddr("127.0.0.1"), sink.local().port(), DtInetProtocolUdp);
+   DtInetUdpSocket socket(target, 0, nullptr, DtInetSockFlagsDefault, true);
+   Udp::endpoint const to = sink.local();
+   std::vector<char> joined;
+   int const total = static_cast<int>(data.total);
+   alternate(
+       state, chainLine("sendChainTo / plain send", count), data.perRound, [&] { sink.drain(); },
+       [&]
+       {
+          for (int i = 0; i < data.perRound; ++i)
+             if (socket.sendChainTo(data.chain, target, 0) != total)
+                return false;
+          return true;
+       },
+       [&]
+       {
+          for (int i = 0; i < data.perRound; ++i)
+          {
+             boost::system::error_code error;
+             if (count > 64)
+                DtInetSockGatherChain(data.chain, joined);
+             std::size_t const sent =
+                 count <= 64 ? plain.socket.send_to(data.asio, to, 0, error)
+                             : plain.socket.send_to(boost::asio::buffer(joined), to, 0, error);
+             if (sent != data.total)
+                return false;
+          }
+          return true;
+       });
+}
+
+// recvToChainFrom on a synchronous socket against the same read by plain Boost.Asio
+// the way the socket does it: a scattered receive_from up to 64 buffers, beyond that
+// a read into one buffer, then scattered.
+void ChainReadVsPlain(benchmark::State& state)
+{
+   std::size_t const count = static_cast<std::size_t>(state.range(0));
+   LongChain data(count);
+   PlainSocket sender, plain;
+   DtInetDevice device(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
+   DtInetUdpSocket socket(DtInetEndpoint(DtInetAddr("127.0.0.1"), 9, DtInetProtocolUdp), 0, &device,
+                          DtInetSockFlagsDefault | DtInetSockFlagNonBlocking, true);
+   socket.setReceiveBufferSize(8u << 20);
+   DtInetEndpoint from(DtInetAddr("127.0.0.1"), 0, DtInetProtocolUdp);
+   std::vector<char> const datagram(data.total, 'd');
+   std::vector<char> whole(65536);
+   Udp::endpoint plainFrom;
+   int const total = static_cast<int>(data.total);
+   alternate(
+       state, chainLine("recvToChainFrom / plain read", count), data.perRound,
+       [&]
+       {
+          boost::system::error_code error;
+          for (Udp::endpoint to :
+               {plain.local(), Udp::endpoint(plain.local().address(), socket.localPort())})
+             for (int i = 0; i < data.perRound; ++i)
+                sender.socket.send_to(boost::asio::buffer(datagram), to, 0, error);
+       },
+       [&]
+       {
+          for (int i = 0; i < data.perRound; ++i)
+             if (socket.recvToChainFrom(data.chain, from, 0) != total)
+                return false;
+          return true;
+       },
+       [&]
+       {
+          for (int i = 0; i < data.perRound; ++i)
+          {
+             boost::system::error_code error;
+             std::size_t const read =
+                 count <= 64
+                     ? plain.socket.receive_from(data.asio, plainFrom, 0, error)
+                     : plain.socket.receive_from(boost::asio::buffer(whole), plainFrom, 0, error);
+             if (read != data.total ||
+                 (count > 64 && !DtInetSockCopyToChain(whole.data(), read, data.chain)))
+                return false;
+          }
+          return true;
+       });
+}
+
+// The two ways of sending a chain as one datagram, on the same plain socket: sendmsg
+// with one entry per buffer against a gathered copy (into a buffer kept between sends,
+// the copy's best case) sent from one buffer. The socket copies past 64 buffers,
+// where Boost.Asio stops taking entries; 9 and 64 show the shorter chains it hands on.
+void LongChainSendWays(benchmark::State& state)
+{
+   std::size_t const count = static_cast<std::size_t>(state.range(0));
+   LongChain data(count);
+   PlainSocket sink, plain;
+   Udp::endpoint const to = sink.local();
+   msghdr message{};
+   message.msg_name = const_cast<sockaddr*>(to.data());
+   message.msg_namelen = static_cast<socklen_t>(to.size());
+   message.msg_iov = data.entries.data();
+   message.msg_iovlen = data.entries.size();
+   std::vector<char> joined;
+   alternate(
+       state, chainLine("long chain send, entries / gathered copy", count), data.perRound,
+       [&] { sink.drain(); },
+       [&]
+       {
+          for (int i = 0; i < data.perRound; ++i)
+             if (::sendmsg(plain.handle(), &message, 0) != static_cast<ssize_t>(data.total))
+                return false;
+          return true;
+       },
+       [&]
+       {
+          for (int i = 0; i < data.perRound; ++i)
+          {
+             DtInetSockGatherChain(data.chain, joined);
+             boost::system::error_code error;
+             if (plain.socket.send_to(boost::asio::buffer(joined), to, 0, error) != data.total)
+                return false;
+          }
+          return true;
+       });
+}
+
+// The two ways of reading one datagram into a chain: recvmsg with one entry per buffer
+// against a read into one buffer scattered afterwards.
+void LongChainReadWays(benchmark::State& state)
+{
+   std::size_t const count = static_cast<std::size_t>(state.range(0));
+   LongChain data(count);
+   PlainSocket sender, plain;
+   std::vector<char> const datagram(data.total, 'd');
+   std::vector<char> whole(65536);
+   Udp::endpoint from;
+   msghdr message{};
+   message.msg_name = from.data();
+   message.msg_iov = data.entries.data();
+   message.msg_iovlen = data.entries.size();
+   alternate(
+       state, chainLine("long chain read, entries / one buffer scattered", count), data.perRound,
+       [&]
+       {
+          boost::system::error_code error;
+          for (int i = 0; i < 2 * data.perRound; ++i)
+             sender.socket.send_to(boost::asio::buffer(datagram), plain.local(), 0, error);
+       },
+       [&]
+       {
+          for (int i = 0; i < data.perRound; ++i)
+          {
+             message.msg_namelen = static_cast<socklen_t>(from.capacity());
+             if (::recvmsg(plain.handle(), &message, 0) != static_cast<ssize_t>(data.total))
+                return false;
+          }
+          return true;
+       },
+       [&]
+       {
+          for (int i = 0; i < data.perRound; ++i)
+          {
+             boost::system::error_code error;
+             std::size_t const read =
+                 plain.socket.receive_from(boost::asio::buffer(whole), from, 0, error);
+             if (read != data.total || !DtInetSockCopyToChain(whole.data(), read, data.chain))
+                return false;
+          }
+          return true;
+       });
+}
+
 BENCHMARK(RecvToChainFromVsPlain)->MinTime(2.0)->UseManualTime();
 BENCHMARK(BackgroundQueueVsPlain)->MinTime(2.0)->UseManualTime();
+BENCHMARK(ChainSendVsPlain)
+    ->Arg(9)
+    ->Arg(64)
+    ->Arg(65)
+    ->Arg(1024)
+    ->Iterations(theChainIterations)
+    ->UseManualTime();
+BENCHMARK(ChainReadVsPlain)
+    ->Arg(9)
+    ->Arg(64)
+    ->Arg(65)
+    ->Arg(1024)
+    ->Iterations(theChainIterations)
+    ->UseManualTime();
+BENCHMARK(LongChainSendWays)
+    ->Arg(9)
+    ->Arg(64)
+    ->Arg(65)
+    ->Arg(256)
+    ->Arg(1024)
+    ->Iterations(theChainIterations)
+    ->UseManualTime();
+BENCHMARK(LongChainReadWays)
+    ->Arg(9)
+    ->Arg(64)
+    ->Arg(65)
+    ->Arg(256)
+    ->Arg(1024)
+    ->Iterations(theChainIterations)
+    ->UseManualTime();
 
 }  // namespace
 
