@@ -154,109 +154,92 @@ std::string jsonNames(std::set<DtString> const& names)
 
 // ---------------------------------------------------------------- records as JSON
 
+// One member as a JSON value: texts quoted, flags true or false, numbers as numbers.
+void member(JsonObject& out, char const* key, DtString const& value)
+{
+   out.text(key, value);
+}
+void member(JsonObject& out, char const* key, bool value)
+{
+   out.flag(key, value);
+}
+template <typename Number>
+void member(JsonObject& out, char const* key, Number value)
+{
+   out.number(key, static_cast<double>(value));
+}
+
+// An object of the members given as key, value, key, value..., in that order.
+void members(JsonObject&) {}
+template <typename Value, typename... Rest>
+void members(JsonObject& out, char const* key, Value const& value, Rest const&... rest)
+{
+   member(out, key, value);
+   members(out, rest...);
+}
+template <typename... KeysAndValues>
+std::string jsonObject(KeysAndValues const&... keysAndValues)
+{
+   JsonObject out;
+   members(out, keysAndValues...);
+   return out.str();
+}
+
+// A record of each table, its members in the order of the record.
 std::string json(DtTimeType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .text("dataType", r.dataType)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "dataType", r.dataType, "semantics", r.semantics);
 }
 std::string json(DtUserSuppliedTagsType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .text("dataType", r.dataType)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "dataType", r.dataType, "semantics", r.semantics);
 }
 std::string json(DtSynchronizationPointsType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .text("dataType", r.dataType)
-       .number("capability", r.capability)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "dataType", r.dataType, "capability", r.capability,
+                     "semantics", r.semantics);
 }
 std::string json(DtTransportationType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .text("description", r.description)
-       .flag("reliable", r.reliable)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "description", r.description, "reliable", r.reliable,
+                     "semantics", r.semantics);
 }
 std::string json(DtUpdateRateType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .number("rate", r.rate)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "rate", r.rate, "semantics", r.semantics);
 }
 std::string json(DtBasicDataRepresentationType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .number("size", r.size)
-       .text("interpretation", r.interpretation)
-       .number("endian", r.endian)
-       .text("encoding", r.encoding)
-       .str();
+   return jsonObject("name", r.name, "size", r.size, "interpretation", r.interpretation, "endian",
+                     r.endian, "encoding", r.encoding);
 }
 std::string json(DtSimpleDatatypeType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .text("representation", r.representation)
-       .text("units", r.units)
-       .text("resolution", r.resolution)
-       .text("accuracy", r.accuracy)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "representation", r.representation, "units", r.units,
+                     "resolution", r.resolution, "accuracy", r.accuracy, "semantics", r.semantics);
 }
 std::string json(DtEnumeratedDatatypeType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .text("representation", r.representation)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "representation", r.representation, "semantics", r.semantics);
 }
 std::string json(DtArrayDatatypeType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .text("dataType", r.dataType)
-       .text("cardinality", r.cardinality)
-       .text("encoding", r.encoding)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "dataType", r.dataType, "cardinality", r.cardinality,
+                     "encoding", r.encoding, "semantics", r.semantics);
 }
 std::string json(DtFixedRecordDatatypeType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .text("encoding", r.encoding)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "encoding", r.encoding, "semantics", r.semantics);
 }
 std::string json(DtVariantRecordDatatypeType const& r)
 {
-   return JsonObject()
-       .text("name", r.name)
-       .text("discriminant", r.discriminant)
-       .text("dataType", r.dataType)
-       .text("alternatives", r.alternatives)
-       .text("encoding", r.encoding)
-       .text("semantics", r.semantics)
-       .str();
+   return jsonObject("name", r.name, "discriminant", r.discriminant, "dataType", r.dataType,
+                     "alternatives", r.alternatives, "encoding", r.encoding, "semantics",
+                     r.semantics);
 }
 std::string json(DtNotesType const& r)
 {
-   return JsonObject().text("name", r.name).text("semantics", r.semantics).str();
+   return jsonObject("name", r.name, "semantics", r.semantics);
 }
 
 // ---------------------------------------------------------------- conflicts
@@ -265,21 +248,30 @@ typedef DtFomModule::Conflicts Conflicts;
 
 // The records of a table that differ from the merged target's record of the same name,
 // compared as the merge compares them.
-template <typename Table>
-void recordConflicts(Table const& merged, Table const& module, Conflicts& out)
+template <auto table>
+Conflicts recordConflicts(DtFomModule const& merged, DtFomModule const& module)
 {
-   for (auto const& theirs : module)
+   Conflicts out;
+   for (auto const& theirs : (module.*table)())
    {
-      auto const mine = merged.find(*theirs);
-      if (mine == merged.end() || (*mine)->compareSubcomponents(*theirs, true))
+      auto const mine = (merged.*table)().find(*theirs);
+      if (mine == (merged.*table)().end() || (*mine)->compareSubcomponents(*theirs, true))
          continue;
       out.emplace_back();
       (*mine)->appendToString(out.back().first);
       theirs->appendToString(out.back().second);
    }
+   return out;
 }
 
-void timeConflicts(DtFomModule const& merged, DtFomModule const& module, Conflicts& out)
+// The classes and dimensions that differ, as the module finds them.
+template <auto conflicts>
+Conflicts classConflicts(DtFomModule const& merged, DtFomModule const& module)
+{
+   return (merged.*conflicts)(module);
+}
+
+Conflicts timeConflicts(DtFomModule const& merged, DtFomModule const& module)
 {
    auto const all = [](DtTimeTypeTable const& table)
    {
@@ -292,11 +284,12 @@ void timeConflicts(DtFomModule const& merged, DtFomModule const& module, Conflic
       }
       return text.isEmpty() ? DtString("(none)") : text;
    };
-   out.emplace_back(all(merged.timeTypeTable()), all(module.timeTypeTable()));
+   return Conflicts{{all(merged.timeTypeTable()), all(module.timeTypeTable())}};
 }
 
-void switchConflicts(DtFomModule const& merged, DtFomModule const& module, Conflicts& out)
+Conflicts switchConflicts(DtFomModule const& merged, DtFomModule const& module)
 {
+   Conflicts out;
    for (auto const& entry : module.switchTable())
    {
       if (!merged.isStandardSwitch(entry.first) || merged.switchValue(entry.first) == entry.second)
@@ -311,47 +304,45 @@ void switchConflicts(DtFomModule const& merged, DtFomModule const& module, Confl
                            DtFedTarget::enumAsString(merged.automaticResignAction()),
                        DtString("automaticResignAction: ") +
                            DtFedTarget::enumAsString(module.automaticResignAction()));
+   return out;
 }
 
-// The table a failed merge names by its status, and the entries that differ.
+// The table a failed merge names by its status, and how to find the entries that differ.
+struct ConflictingTable
+{
+   int status;
+   char const* name;
+   Conflicts (*differences)(DtFomModule const& merged, DtFomModule const& module);
+};
+
+ConflictingTable const theConflictingTables[] = {
+    {DtMergeFomSwitchConflict, "Switches", switchConflicts},
+    {DtMergeFomUpdateRateConflict, "Update Rates", recordConflicts<&DtFomModule::updateRateTable>},
+    {DtMergeFomTransportTypeConflict, "Transport Types",
+     recordConflicts<&DtFomModule::transportTypeTable>},
+    {DtMergeFomSyncPointConflict, "Synchronizations",
+     recordConflicts<&DtFomModule::syncPointTable>},
+    {DtMergeFomUserSuppliedTagConflict, "User Supplied Tags",
+     recordConflicts<&DtFomModule::userSuppliedTagTable>},
+    {DtMergeFomNoteConflict, "Notes", recordConflicts<&DtFomModule::noteTable>},
+    {DtMergeFomTimeTypeConflict, "Time Types", timeConflicts},
+    {DtMergeFomObjectClassConflict, "Object Classes",
+     classConflicts<&DtFomModule::objectClassConflicts>},
+    {DtMergeFomInteractionClassConflict, "Interaction Classes",
+     classConflicts<&DtFomModule::interactionClassConflicts>},
+    {DtMergeFomDimensionConflict, "Dimensions", classConflicts<&DtFomModule::dimensionConflicts>},
+};
+
 char const* conflictingTable(int status, DtFomModule const& merged, DtFomModule const& module,
                              Conflicts& out)
 {
-   switch (status)
-   {
-      case DtMergeFomSwitchConflict:
-         switchConflicts(merged, module, out);
-         return "Switches";
-      case DtMergeFomUpdateRateConflict:
-         recordConflicts(merged.updateRateTable(), module.updateRateTable(), out);
-         return "Update Rates";
-      case DtMergeFomTransportTypeConflict:
-         recordConflicts(merged.transportTypeTable(), module.transportTypeTable(), out);
-         return "Transport Types";
-      case DtMergeFomSyncPointConflict:
-         recordConflicts(merged.syncPointTable(), module.syncPointTable(), out);
-         return "Synchronizations";
-      case DtMergeFomUserSuppliedTagConflict:
-         recordConflicts(merged.userSuppliedTagTable(), module.userSuppliedTagTable(), out);
-         return "User Supplied Tags";
-      case DtMergeFomNoteConflict:
-         recordConflicts(merged.noteTable(), module.noteTable(), out);
-         return "Notes";
-      case DtMergeFomTimeTypeConflict:
-         timeConflicts(merged, module, out);
-         return "Time Types";
-      case DtMergeFomObjectClassConflict:
-         out = merged.objectClassConflicts(module);
-         return "Object Classes";
-      case DtMergeFomInteractionClassConflict:
-         out = merged.interactionClassConflicts(module);
-         return "Interaction Classes";
-      case DtMergeFomDimensionConflict:
-         out = merged.dimensionConflicts(module);
-         return "Dimensions";
-      default:
-         return "";
-   }
+   for (ConflictingTable const& t : theConflictingTables)
+      if (t.status == status)
+      {
+         out = t.differences(merged, module);
+         return t.name;
+      }
+   return "";
 }
 
 // ---------------------------------------------------------------- the tables
@@ -389,8 +380,7 @@ struct Tables
       {
          switches.lines.push_back("switch " + plain(s.first) + ": " +
                                   (s.second ? "enabled" : "disabled"));
-         switches.items.push_back(
-             JsonObject().text("name", s.first).flag("enabled", s.second).str());
+         switches.items.push_back(jsonObject("name", s.first, "enabled", s.second));
       }
       tables.push_back(std::move(switches));
       addRecords("time", "time", m.timeTypeTable());
@@ -412,15 +402,11 @@ struct Tables
          DtString line;
          DtFomModule::appendToString(d.second, line);
          dimensions.lines.push_back("dimension " + plain(line));
-         dimensions.items.push_back(JsonObject()
-                                        .text("name", d.second.name)
-                                        .text("dataType", d.second.dataType)
-                                        .number("upperBound", d.second.upperBound)
-                                        .text("normalization", d.second.normalization)
-                                        .flag("excluded", d.second.rangeExcluded)
-                                        .number("rangeLower", d.second.rangeLower)
-                                        .number("rangeUpper", d.second.rangeUpper)
-                                        .str());
+         dimensions.items.push_back(
+             jsonObject("name", d.second.name, "dataType", d.second.dataType, "upperBound",
+                        d.second.upperBound, "normalization", d.second.normalization, "excluded",
+                        d.second.rangeExcluded, "rangeLower", d.second.rangeLower, "rangeUpper",
+                        d.second.rangeUpper));
       }
       tables.push_back(std::move(dimensions));
 
@@ -459,8 +445,7 @@ struct Tables
             DtString member = "parameter " + c.first + ".";
             DtFomModule::appendToString(p, member);
             interactions.lines.push_back(plain(member));
-            parameters.push_back(
-                JsonObject().text("name", p.name).text("dataType", p.dataType).str());
+            parameters.push_back(jsonObject("name", p.name, "dataType", p.dataType));
          }
          interactions.items.push_back(JsonObject()
                                           .text("name", c.first)
@@ -599,7 +584,7 @@ int main(int argc, char** argv)
       {
          std::vector<std::string> records;
          for (auto const& c : conflicts)
-            records.push_back(JsonObject().text("merged", c.first).text("module", c.second).str());
+            records.push_back(jsonObject("merged", c.first, "module", c.second));
          out.add("conflict", JsonObject()
                                  .add("module", Json::quote(options.modules[failed]))
                                  .text("identification", modules[failed]->modelIdentification())
