@@ -105,30 +105,8 @@ void usage(FILE* out)
 
 bool parse(int argc, char** argv, Options& options)
 {
-   oltool::OptionReader in(theTool, argc, argv);
-   while (in.next())
+   auto const take = [&](std::string const& arg, char const* value)
    {
-      std::string const& arg = in.name();
-      if (arg == "--help" || arg == "-h")
-      {
-         usage(stdout);
-         std::exit(0);
-      }
-      bool* flag = arg == "--summary"    ? &options.summary
-                   : arg == "--suppress" ? &options.suppress
-                   : arg == "--stats"    ? &options.stats
-                   : arg == "--entities" ? &options.entities
-                                         : nullptr;
-      if (flag)
-      {
-         if (!in.noValue())
-            return false;
-         *flag = true;
-         continue;
-      }
-      char const* value = in.value();
-      if (!value)
-         return false;
       long number = 0;
       bool ok = true;
       if (arg == "--port" && (ok = parseLong(value, 1, 65535, number)))
@@ -158,11 +136,17 @@ bool parse(int argc, char** argv, Options& options)
       else if (arg == "--rcvbuf")
          ok = parseLong(value, 1, 0x7FFFFFFF, options.receiveBuffer);
       else if (ok)
-         return oltool::refuseOption(theTool, arg.c_str(), value, false);
-      if (!ok)
-         return oltool::refuseOption(theTool, arg.c_str(), value, true);
-   }
-   if (in.failed())
+         return oltool::OptionReader::Unknown;
+      return oltool::OptionReader::verdict(ok);
+   };
+   oltool::OptionReader in(theTool, argc, argv);
+   if (!in.readAll(usage,
+                   {{"--summary", &options.summary},
+                    {"--suppress", &options.suppress},
+                    {"--stats", &options.stats},
+                    {"--entities", &options.entities}},
+                   take) ||
+       in.failed())
       return false;
    if (!options.listen.empty() && (!options.group.empty() || !options.interfaceName.empty()))
    {

@@ -80,20 +80,8 @@ void usage(FILE* out)
 
 bool parse(int argc, char** argv, Options& options)
 {
-   std::vector<std::string> files;
-   oltool::OptionReader in(theTool, argc, argv);
-   in.acceptArguments(files);
-   while (in.next())
+   auto const take = [&](std::string const& arg, char const* value)
    {
-      std::string const& arg = in.name();
-      if (arg == "--help" || arg == "-h")
-      {
-         usage(stdout);
-         std::exit(0);
-      }
-      char const* value = in.value();
-      if (!value)
-         return false;
       long number = 0;
       bool ok = true;
       if (arg == "--dest")
@@ -116,11 +104,13 @@ bool parse(int argc, char** argv, Options& options)
       else if (arg == "--udp-port")
          ok = parseLong(value, 1, 65535, options.udpPort);
       else if (ok)
-         return oltool::refuseOption(theTool, arg.c_str(), value, false);
-      if (!ok)
-         return oltool::refuseOption(theTool, arg.c_str(), value, true);
-   }
-   if (in.failed())
+         return oltool::OptionReader::Unknown;
+      return oltool::OptionReader::verdict(ok);
+   };
+   std::vector<std::string> files;
+   oltool::OptionReader in(theTool, argc, argv);
+   in.acceptArguments(files);
+   if (!in.readAll(usage, {}, take) || in.failed())
       return false;
    if (files.size() != 1)
    {

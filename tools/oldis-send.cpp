@@ -99,25 +99,8 @@ void usage(FILE* out)
 
 bool parse(int argc, char** argv, Options& options)
 {
-   oltool::OptionReader in(theTool, argc, argv);
-   while (in.next())
+   auto const take = [&](std::string const& arg, char const* value)
    {
-      std::string const& arg = in.name();
-      if (arg == "--help" || arg == "-h")
-      {
-         usage(stdout);
-         std::exit(0);
-      }
-      if (arg == "--suppress")
-      {
-         if (!in.noValue())
-            return false;
-         options.suppress = true;
-         continue;
-      }
-      char const* value = in.value();
-      if (!value)
-         return false;
       long number = 0;
       bool ok = true;
       bool on = false;
@@ -160,11 +143,11 @@ bool parse(int argc, char** argv, Options& options)
       else if (arg == "--loopback" && (ok = oltool::parseOnOff(value, on)))
          options.loopback = on ? 1 : 0;
       else if (ok)
-         return oltool::refuseOption(theTool, arg.c_str(), value, false);
-      if (!ok)
-         return oltool::refuseOption(theTool, arg.c_str(), value, true);
-   }
-   return !in.failed();
+         return oltool::OptionReader::Unknown;
+      return oltool::OptionReader::verdict(ok);
+   };
+   oltool::OptionReader in(theTool, argc, argv);
+   return in.readAll(usage, {{"--suppress", &options.suppress}}, take) && !in.failed();
 }
 
 // ------------------------------------------------------------------ PDU bytes

@@ -272,37 +272,27 @@ int runReader(Options const& o)
    return result;
 }
 
+void usage(std::FILE* out)
+{
+   std::fprintf(out,
+                "usage: %s [options]\n"
+                "  --role R          both, reader or writer (default both)\n"
+                "  --name NAME       the queue's name (default olshm-demo-PID for both, else olshm-demo)\n"
+                "  --seconds S       how long the writer writes (default 5)\n"
+                "  --size BYTES      bytes per message, 8 or more (default 256)\n"
+                "  --rate N          messages per second, 0 for as fast as possible (default 0)\n"
+                "  --queue-size B    the queue's area in bytes (default 32760)\n"
+                "  --drop-oldest     overwrite the oldest messages instead of waiting\n",
+                theTool);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
    Options o;
-   for (oltool::OptionReader in(theTool, argc, argv); in.next();)
+   auto const take = [&](std::string const& name, char const* value)
    {
-      std::string const& name = in.name();
-      if (name == "--help" || name == "-h")
-      {
-         std::printf("usage: %s [options]\n"
-                     "  --role R          both, reader or writer (default both)\n"
-                     "  --name NAME       the queue's name (default olshm-demo-PID for both, else olshm-demo)\n"
-                     "  --seconds S       how long the writer writes (default 5)\n"
-                     "  --size BYTES      bytes per message, 8 or more (default 256)\n"
-                     "  --rate N          messages per second, 0 for as fast as possible (default 0)\n"
-                     "  --queue-size B    the queue's area in bytes (default 32760)\n"
-                     "  --drop-oldest     overwrite the oldest messages instead of waiting\n",
-                     theTool);
-         return 0;
-      }
-      if (name == "--drop-oldest")
-      {
-         if (!in.noValue())
-            return oltool::theExitUsage;
-         o.dropOldest = true;
-         continue;
-      }
-      char const* value = in.value();
-      if (!value)
-         return oltool::theExitUsage;
       bool good = false;
       if (name == "--role")
       {
@@ -323,10 +313,12 @@ int main(int argc, char** argv)
       else if (name == "--queue-size")
          good = oltool::parseLong(value, 64, 1 << 28, o.queueSize);
       else
-         return oltool::refuseOption(theTool, name.c_str(), value, false), oltool::theExitUsage;
-      if (!good)
-         return oltool::refuseOption(theTool, name.c_str(), value, true), oltool::theExitUsage;
-   }
+         return oltool::OptionReader::Unknown;
+      return oltool::OptionReader::verdict(good);
+   };
+   oltool::OptionReader in(theTool, argc, argv);
+   if (!in.readAll(usage, {{"--drop-oldest", &o.dropOldest}}, take))
+      return oltool::theExitUsage;
    if (!o.dropOldest && o.queueSize > DtShmMaxBlockingQueueSize)
    {
       std::fprintf(stderr, "%s: a blocking queue holds at most %d bytes\n", theTool, DtShmMaxBlockingQueueSize);

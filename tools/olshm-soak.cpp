@@ -339,28 +339,25 @@ int run(Options const& o, bool dropOldest)
    return good ? 0 : oltool::theExitProblem;
 }
 
+void usage(std::FILE* out)
+{
+   std::fprintf(out,
+                "usage: %s [options]\n"
+                "  --messages N        messages per run (default 10000000)\n"
+                "  --queue-size BYTES  the queue's element area, 64 to 32767 (default 32760)\n"
+                "  --mode M            blocking, drop-oldest or both (default both)\n"
+                "  --seed N            seed of sizes and contents (default 1)\n"
+                "  --slow-every N      drop-oldest reader pauses after every N messages (default 8)\n",
+                theTool);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
    Options o;
-   for (oltool::OptionReader in(theTool, argc, argv); in.next();)
+   auto const take = [&](std::string const& name, char const* value)
    {
-      std::string const& name = in.name();
-      if (name == "--help" || name == "-h")
-      {
-         std::printf("usage: %s [options]\n"
-                     "  --messages N        messages per run (default 10000000)\n"
-                     "  --queue-size BYTES  the queue's element area, 64 to 32767 (default 32760)\n"
-                     "  --mode M            blocking, drop-oldest or both (default both)\n"
-                     "  --seed N            seed of sizes and contents (default 1)\n"
-                     "  --slow-every N      drop-oldest reader pauses after every N messages (default 8)\n",
-                     theTool);
-         return 0;
-      }
-      char const* value = in.value();
-      if (!value)
-         return oltool::theExitUsage;
       bool good = false;
       if (name == "--messages")
          good = oltool::parseLong(value, 1, 4000000000L, o.messages);  // below the mark
@@ -376,10 +373,12 @@ int main(int argc, char** argv)
          good = o.mode == "blocking" || o.mode == "drop-oldest" || o.mode == "both";
       }
       else
-         return oltool::refuseOption(theTool, name.c_str(), value, false), oltool::theExitUsage;
-      if (!good)
-         return oltool::refuseOption(theTool, name.c_str(), value, true), oltool::theExitUsage;
-   }
+         return oltool::OptionReader::Unknown;
+      return oltool::OptionReader::verdict(good);
+   };
+   oltool::OptionReader in(theTool, argc, argv);
+   if (!in.readAll(usage, {}, take))
+      return oltool::theExitUsage;
    std::setvbuf(stdout, nullptr, _IOLBF, 0);
    oltool::catchInterrupts();
    signal(SIGTERM, onSignal);

@@ -18,9 +18,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <olutil/olInetAddr.h>
@@ -152,6 +154,53 @@ public:
 
    // True once an argument was refused by next(), value() or noValue().
    bool failed() const { return myFailed; }
+
+   // What a tool made of one option and its value.
+   enum Verdict
+   {
+      Taken,
+      BadValue,
+      Unknown
+   };
+   static Verdict verdict(bool ok) { return ok ? Taken : BadValue; }
+
+   // Reads the options to the end. "--help" or "-h" writes `usage` to standard
+   // output and ends the program with 0; a name in `flags` takes no value and sets
+   // its flag; any other option's value goes to `take(name, value)`, which returns
+   // its Verdict. False, with the message, at the first option refused (a missing,
+   // needless or bad value, an unknown name); true at the end, where failed() tells
+   // of an argument that is no option.
+   template <class Take>
+   bool readAll(void (*usage)(std::FILE*),
+                std::initializer_list<std::pair<char const*, bool*>> flags, Take take)
+   {
+      while (next())
+      {
+         if (myName == "--help" || myName == "-h")
+         {
+            usage(stdout);
+            std::exit(0);
+         }
+         bool* flag = nullptr;
+         for (auto const& f : flags)
+            if (myName == f.first)
+               flag = f.second;
+         if (flag)
+         {
+            if (!noValue())
+               return false;
+            *flag = true;
+            continue;
+         }
+         char const* const text = value();
+         if (!text)
+            return false;
+         Verdict const v = take(myName, text);
+         if (v != Taken)
+            return refuseOption(myTool, myName.c_str(), text, v == BadValue);
+      }
+      return true;
+   }
 
 private:
    char const* myTool;
