@@ -476,12 +476,7 @@ private:
 
 int main(int argc, char** argv)
 {
-   Options options;
-   if (!parse(argc, argv, options))
-   {
-      usage(stderr);
-      return oltool::theExitUsage;
-   }
+   Options options = oltool::optionsOrExit(argc, argv, parse, usage);
    // Per-PDU lines reach a pipe as they are made.
    std::setvbuf(stdout, nullptr, _IOLBF, 0);
    // Records in CSV or JSON stay alone on standard output, for other programs to

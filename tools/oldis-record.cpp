@@ -228,12 +228,7 @@ bool flushFile(pcap_dumper_t* dumper, std::string const& name)
 
 int main(int argc, char** argv)
 {
-   Options options;
-   if (!parse(argc, argv, options))
-   {
-      usage(stderr);
-      return oltool::theExitUsage;
-   }
+   Options options = oltool::optionsOrExit(argc, argv, parse, usage);
    oltool::NotificationToStderr notes(theTool, true);
    oltool::catchInterrupts();
    std::signal(SIGPIPE, SIG_IGN);  // a closed output pipe is a write error, reported

@@ -200,32 +200,11 @@ private:
    long myFailures = 0;
 };
 
-// Sleeps until `when`, in steps short enough to notice an interrupt, calling
-// `tick` at each; false when interrupted.
-template <class Tick>
-bool waitUntil(std::chrono::steady_clock::time_point when, Tick tick)
-{
-   while (!oltool::theInterrupted)
-   {
-      tick();
-      auto const now = std::chrono::steady_clock::now();
-      if (now >= when)
-         return true;
-      std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
-          when - now, std::chrono::milliseconds(100)));
-   }
-   return false;
-}
 }  // namespace
 
 int main(int argc, char** argv)
 {
-   Options options;
-   if (!parse(argc, argv, options))
-   {
-      usage(stderr);
-      return oltool::theExitUsage;
-   }
+   Options options = oltool::optionsOrExit(argc, argv, parse, usage);
    oltool::NotificationToStderr notes(theTool, true);
    oltool::catchInterrupts();
 
@@ -326,7 +305,7 @@ int main(int argc, char** argv)
             {
                // What is bundled leaves before a pause, never after it.
                sender.flush();
-               if (!waitUntil(due, progress))
+               if (!oltool::waitUntil(due, progress))
                   break;
             }
          }

@@ -546,31 +546,11 @@ bool applyOptions(CountingDisSocket& socket, Options const& options, DtInetDevic
    return true;
 }
 
-// Sleeps until `when`, in steps short enough to notice an interrupt; false when
-// interrupted.
-template <class TimePoint>
-bool waitUntil(TimePoint when)
-{
-   while (!oltool::theInterrupted)
-   {
-      auto const now = std::chrono::steady_clock::now();
-      if (now >= when)
-         return true;
-      std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
-          when - now, std::chrono::milliseconds(100)));
-   }
-   return false;
-}
 }  // namespace
 
 int main(int argc, char** argv)
 {
-   Options options;
-   if (!parse(argc, argv, options))
-   {
-      usage(stderr);
-      return oltool::theExitUsage;
-   }
+   Options options = oltool::optionsOrExit(argc, argv, parse, usage);
    oltool::NotificationToStderr notes(theTool, true);
    oltool::catchInterrupts();
 
@@ -631,7 +611,7 @@ int main(int argc, char** argv)
    long failed = 0;
    for (long i = 0; i < options.count && !oltool::theInterrupted; ++i)
    {
-      if (options.rate > 0 && !waitUntil(start + std::chrono::duration_cast<Clock::duration>(
+      if (options.rate > 0 && !oltool::waitUntil(start + std::chrono::duration_cast<Clock::duration>(
                                                      std::chrono::duration<double>(
                                                          static_cast<double>(i) / options.rate))))
          break;

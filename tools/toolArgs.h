@@ -1,16 +1,18 @@
-// Command-line and output helpers shared by the DIS tools: options as
-// "--name value" or "--name=value" (and file names, for a tool that takes them),
-// numbers with their bounds and the messages a bad option gets; destination and
-// group texts turned into endpoints (with a netmask or prefix, and a failed host
-// lookup reported instead of used); the library's notification streams moved off
-// standard output; SIGINT and SIGTERM turned into a flag that the tools' loops
-// test; the time of day for output lines.
+// Command-line and output helpers shared by the tools: options as "--name value"
+// or "--name=value" (and file names, for a tool that takes them), read in one loop
+// (help, flags, values), numbers with their bounds and the messages a bad option
+// gets; destination and group texts turned into endpoints (with a netmask or
+// prefix, and a failed host lookup reported instead of used); the library's
+// notification streams moved off standard output; SIGINT and SIGTERM turned into
+// a flag that the tools' loops test, and a wait that such a signal ends; the time
+// of day for output lines.
 #ifndef OLUTIL_TOOLS_TOOLARGS_H
 #define OLUTIL_TOOLS_TOOLARGS_H
 
 #include <arpa/inet.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -22,6 +24,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -449,6 +452,43 @@ inline void catchInterrupts()
    sigemptyset(&action.sa_mask);
    sigaction(SIGINT, &action, nullptr);
    sigaction(SIGTERM, &action, nullptr);
+}
+
+// Sleeps until `when`, in steps short enough to notice an interrupt, calling
+// `tick` at each; false when interrupted.
+template <class Tick>
+bool waitUntil(std::chrono::steady_clock::time_point when, Tick tick)
+{
+   while (!theInterrupted)
+   {
+      tick();
+      auto const now = std::chrono::steady_clock::now();
+      if (now >= when)
+         return true;
+      std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+          when - now, std::chrono::milliseconds(100)));
+   }
+   return false;
+}
+
+inline bool waitUntil(std::chrono::steady_clock::time_point when)
+{
+   return waitUntil(when, [] {});
+}
+
+// The options a tool runs with, read by `parse`; when they are refused, the usage
+// goes to standard error and the program ends with theExitUsage.
+template <class Options>
+Options optionsOrExit(int argc, char** argv, bool (*parse)(int, char**, Options&),
+                      void (*usage)(std::FILE*))
+{
+   Options options;
+   if (!parse(argc, argv, options))
+   {
+      usage(stderr);
+      std::exit(theExitUsage);
+   }
+   return options;
 }
 
 }  // namespace oltool
