@@ -9,6 +9,7 @@
 #include <olutil/olFilename.h>
 #include <olutil/olInetFileTransport.h>
 
+#include "fileProgress.h"
 #include "toolArgs.h"
 
 namespace
@@ -16,7 +17,6 @@ namespace
 
 char const* const theTool = "olfile-recv";
 long const theDefaultPort = 5050;
-std::uint64_t const theProgressFrom = 4u << 20;
 
 void usage(FILE* out)
 {
@@ -40,35 +40,24 @@ class ProgressReceiver : public DtInetFileTransporter
 {
 public:
    ProgressReceiver(int port, int range, DtFilename const& dir, int* found, bool quiet)
-       : DtInetFileTransporter(port, range > 1, range, dir, found), myQuiet(quiet)
+       : DtInetFileTransporter(port, range > 1, range, dir, found), myProgress(theTool, quiet)
    {
    }
 
 protected:
    void receiveProgress(std::string const& name, std::uint64_t done, std::uint64_t total) override
    {
-      if (myQuiet || total < theProgressFrom)
-         return;
-      auto const now = std::chrono::steady_clock::now();
-      if (name != myName)
+      if (myProgress.shows(total) && name != myName)
       {
          myName = name;
-         myStart = myLast = now;
+         myProgress.start();
       }
-      if (done < total && now - myLast < std::chrono::seconds(1))
-         return;
-      myLast = now;
-      double const seconds = std::chrono::duration<double>(now - myStart).count();
-      double const rate = seconds > 0 ? static_cast<double>(done) / seconds / 1e6 : 0;
-      std::fprintf(stderr, "%s: %s: %llu of %llu bytes, %.1f MB/s\n", theTool, name.c_str(),
-                   static_cast<unsigned long long>(done), static_cast<unsigned long long>(total),
-                   rate);
+      myProgress.report(name.c_str(), done, total);
    }
 
 private:
-   bool myQuiet;
+   oltool::FileProgress myProgress;
    std::string myName;
-   std::chrono::steady_clock::time_point myStart, myLast;
 };
 
 void printFile(DtFilename const& file, void* count)

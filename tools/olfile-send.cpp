@@ -10,6 +10,7 @@
 #include <olutil/olFilename.h>
 #include <olutil/olInetFileTransport.h>
 
+#include "fileProgress.h"
 #include "toolArgs.h"
 
 namespace
@@ -17,7 +18,6 @@ namespace
 
 char const* const theTool = "olfile-send";
 long const theDefaultPort = 5050;
-std::uint64_t const theProgressFrom = 4u << 20;  // files below this show no progress
 
 void usage(FILE* out)
 {
@@ -39,31 +39,20 @@ class ProgressSender : public DtInetFileTransporter
 public:
    // It listens on a port of the system's choice, which nothing sends to.
    explicit ProgressSender(bool quiet)
-       : DtInetFileTransporter(0, false, 1, DtFilename(".")), myQuiet(quiet)
+       : DtInetFileTransporter(0, false, 1, DtFilename(".")), myProgress(theTool, quiet)
    {
    }
 
-   void start() { myStart = myLast = std::chrono::steady_clock::now(); }
+   void start() { myProgress.start(); }
 
 protected:
    void sendProgress(DtFilename const& file, std::uint64_t done, std::uint64_t total) override
    {
-      if (myQuiet || total < theProgressFrom)
-         return;
-      auto const now = std::chrono::steady_clock::now();
-      if (done < total && now - myLast < std::chrono::seconds(1))
-         return;
-      myLast = now;
-      double const seconds = std::chrono::duration<double>(now - myStart).count();
-      double const rate = seconds > 0 ? static_cast<double>(done) / seconds / 1e6 : 0;
-      std::fprintf(stderr, "%s: %s: %llu of %llu bytes, %.1f MB/s\n", theTool, file.c_str(),
-                   static_cast<unsigned long long>(done), static_cast<unsigned long long>(total),
-                   rate);
+      myProgress.report(file.c_str(), done, total);
    }
 
 private:
-   bool myQuiet;
-   std::chrono::steady_clock::time_point myStart, myLast;
+   oltool::FileProgress myProgress;
 };
 
 // "host", "host:port", "[v6]:port" or a bare IPv6 address.
