@@ -41,7 +41,7 @@ using oltool::DisId;
 using oltool::DisPdu;
 using oltool::parseLong;
 char const* const theTool = "oldis-monitor";
-unsigned short const theDefaultPort = 3000;
+using oltool::theDefaultPort;
 
 enum class Format
 {
@@ -50,12 +50,9 @@ enum class Format
    Json
 };
 
-struct Options
+struct Options : oltool::ReceiveOptions
 {
-   unsigned short port = theDefaultPort;
-   std::string group;
    std::string listen;
-   std::string interfaceName;
    std::vector<unsigned int> exercises;
    std::vector<unsigned int> versions;
    std::vector<unsigned int> kinds;
@@ -63,9 +60,6 @@ struct Options
    Format format = Format::Text;
    bool stats = false;
    bool entities = false;
-   double duration = 0.0;
-   long count = 0;
-   long receiveBuffer = 0;
    bool suppress = false;
 };
 
@@ -109,14 +103,8 @@ bool parse(int argc, char** argv, Options& options)
    {
       long number = 0;
       bool ok = true;
-      if (arg == "--port" && (ok = parseLong(value, 1, 65535, number)))
-         options.port = static_cast<unsigned short>(number);
-      else if (arg == "--group")
-         options.group = value;
-      else if (arg == "--listen")
+      if (arg == "--listen")
          options.listen = value;
-      else if (arg == "--interface")
-         options.interfaceName = value;
       else if (arg == "--exercise" && (ok = parseLong(value, 0, 255, number)))
          options.exercises.push_back(static_cast<unsigned int>(number));
       else if (arg == "--version" && (ok = parseLong(value, 0, 255, number)))
@@ -129,14 +117,8 @@ bool parse(int argc, char** argv, Options& options)
          ok = f == "text" || f == "csv" || f == "json";
          options.format = f == "csv" ? Format::Csv : f == "json" ? Format::Json : Format::Text;
       }
-      else if (arg == "--duration")
-         ok = oltool::parseNonNegative(value, options.duration);
-      else if (arg == "--count" && (ok = parseLong(value, 0, 1000000000, number)))
-         options.count = number;
-      else if (arg == "--rcvbuf")
-         ok = parseLong(value, 1, 0x7FFFFFFF, options.receiveBuffer);
       else if (ok)
-         return oltool::OptionReader::Unknown;
+         return options.take(arg, value);
       return oltool::OptionReader::verdict(ok);
    };
    oltool::OptionReader in(theTool, argc, argv);

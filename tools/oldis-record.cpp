@@ -38,17 +38,11 @@ namespace
 {
 using oltool::parseLong;
 char const* const theTool = "oldis-record";
-unsigned short const theDefaultPort = 3000;
+using oltool::theDefaultPort;
 
-struct Options
+struct Options : oltool::ReceiveOptions
 {
-   unsigned short port = theDefaultPort;
-   std::string group;
-   std::string interfaceName;
    std::string output;
-   double duration = 0.0;
-   long count = 0;
-   long receiveBuffer = 0;
 };
 
 void usage(FILE* out)
@@ -76,25 +70,9 @@ bool parse(int argc, char** argv, Options& options)
 {
    auto const take = [&](std::string const& arg, char const* value)
    {
-      long number = 0;
-      bool ok = true;
-      if (arg == "--port" && (ok = parseLong(value, 1, 65535, number)))
-         options.port = static_cast<unsigned short>(number);
-      else if (arg == "--group")
-         options.group = value;
-      else if (arg == "--interface")
-         options.interfaceName = value;
-      else if (arg == "--output")
-         ok = (options.output = value) != "";
-      else if (arg == "--duration")
-         ok = oltool::parseNonNegative(value, options.duration);
-      else if (arg == "--count" && (ok = parseLong(value, 0, 1000000000, number)))
-         options.count = number;
-      else if (arg == "--rcvbuf")
-         ok = parseLong(value, 1, 0x7FFFFFFF, options.receiveBuffer);
-      else if (ok)
-         return oltool::OptionReader::Unknown;
-      return oltool::OptionReader::verdict(ok);
+      if (arg == "--output")
+         return oltool::OptionReader::verdict((options.output = value) != "");
+      return options.take(arg, value);
    };
    oltool::OptionReader in(theTool, argc, argv);
    if (!in.readAll(usage, {}, take) || in.failed())

@@ -36,7 +36,7 @@ namespace
 {
 using oltool::parseLong;
 char const* const theTool = "oldis-replay";
-unsigned short const theDefaultPort = 3000;
+using oltool::theDefaultPort;
 
 struct Options
 {

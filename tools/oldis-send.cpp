@@ -38,7 +38,7 @@ namespace
 using oltool::CountingDisSocket;
 using oltool::parseLong;
 char const* const theTool = "oldis-send";
-unsigned short const theDefaultPort = 3000;
+using oltool::theDefaultPort;
 
 struct Options
 {
@@ -611,9 +611,10 @@ int main(int argc, char** argv)
    long failed = 0;
    for (long i = 0; i < options.count && !oltool::theInterrupted; ++i)
    {
-      if (options.rate > 0 && !oltool::waitUntil(start + std::chrono::duration_cast<Clock::duration>(
-                                                     std::chrono::duration<double>(
-                                                         static_cast<double>(i) / options.rate))))
+      if (options.rate > 0 &&
+          !oltool::waitUntil(
+              start + std::chrono::duration_cast<Clock::duration>(
+                          std::chrono::duration<double>(static_cast<double>(i) / options.rate))))
          break;
       std::vector<char> pdu = makePdu(options.kind, sender, i);
       if (socket.send(pdu.data(), pdu.size(), 0) > 0)

@@ -24,6 +24,43 @@
 namespace oltool
 {
 
+// The UDP port of DIS traffic where no option names another.
+unsigned short const theDefaultPort = 3000;
+
+// The options of a receiving tool: where it listens, for how long and for how
+// many, and its receive buffer. Values the tool's own options do not take go to
+// take(), which returns its verdict.
+struct ReceiveOptions
+{
+   unsigned short port = theDefaultPort;
+   std::string group;
+   std::string interfaceName;
+   double duration = 0.0;
+   long count = 0;
+   long receiveBuffer = 0;
+
+   OptionReader::Verdict take(std::string const& arg, char const* value)
+   {
+      long number = 0;
+      bool ok = true;
+      if (arg == "--port" && (ok = parseLong(value, 1, 65535, number)))
+         port = static_cast<unsigned short>(number);
+      else if (arg == "--group")
+         group = value;
+      else if (arg == "--interface")
+         interfaceName = value;
+      else if (arg == "--duration")
+         ok = parseNonNegative(value, duration);
+      else if (arg == "--count" && (ok = parseLong(value, 0, 1000000000, number)))
+         count = number;
+      else if (arg == "--rcvbuf")
+         ok = parseLong(value, 1, 0x7FFFFFFF, receiveBuffer);
+      else if (ok)
+         return OptionReader::Unknown;
+      return OptionReader::verdict(ok);
+   }
+};
+
 // The kernel's count of datagrams it dropped for this socket (a full receive
 // buffer, mostly). Each datagram carries the count as it stood when the datagram
 // was queued (SO_RXQ_OVFL); the socket's memory figures give it now (SO_MEMINFO),
