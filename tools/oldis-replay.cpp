@@ -219,24 +219,12 @@ int main(int argc, char** argv)
    }
 
    std::unique_ptr<DtInetEndpoint> destination =
-       oltool::makeEndpoint(options.dest, options.port, error);
+       oltool::sendDestination(theTool, options.dest, options.port);
    if (!destination)
-   {
-      std::fprintf(stderr, "%s: bad destination %s: %s\n", theTool, options.dest.c_str(),
-                   error.c_str());
       return oltool::theExitUsage;
-   }
-   oltool::hintAtMissingMask(theTool, options.dest, *destination);
    oltool::CountingDisSocket socket(*destination, 0, nullptr, DtInetSockFlagsDefault, false, false);
-   // A port of its own, not the destination's (see oldis-send).
-   socket.setLocalPort(0);
-   if (!socket.openSocket())
-   {
-      std::fprintf(stderr, "%s: cannot open a socket to %s: %s\n", theTool,
-                   destination->toDtString().c_str(),
-                   oltool::oneLine(socket.getLastErrorString().c_str()).c_str());
+   if (!oltool::openSender(theTool, socket, *destination))
       return oltool::theExitProblem;
-   }
    Sender sender(socket, options);
    std::fprintf(stderr, "%s: replaying %s (%s) to %s\n", theTool, options.file.c_str(),
                 capture->linkTypeName().c_str(), destination->toDtString().c_str());

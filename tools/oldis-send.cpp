@@ -554,16 +554,10 @@ int main(int argc, char** argv)
    oltool::NotificationToStderr notes(theTool, true);
    oltool::catchInterrupts();
 
-   std::string error;
    std::unique_ptr<DtInetEndpoint> destination =
-       oltool::makeEndpoint(options.dest, options.port, error);
+       oltool::sendDestination(theTool, options.dest, options.port);
    if (!destination)
-   {
-      std::fprintf(stderr, "%s: bad destination %s: %s\n", theTool, options.dest.c_str(),
-                   error.c_str());
       return oltool::theExitUsage;
-   }
-   oltool::hintAtMissingMask(theTool, options.dest, *destination);
    std::unique_ptr<DtInetDevice> device;
    if (!options.interfaceName.empty())
    {
@@ -579,16 +573,8 @@ int main(int argc, char** argv)
 
    CountingDisSocket socket(*destination, 0, device.get(), DtInetSockFlagsDefault, false,
                             options.suppress);
-   // Local port 0 would mean the destination's port; a unicast sender needs a port
-   // of its own, or it would share (and compete for) the receiver's.
-   socket.setLocalPort(0);
-   if (!socket.openSocket())
-   {
-      std::fprintf(stderr, "%s: cannot open a socket to %s: %s\n", theTool,
-                   destination->toDtString().c_str(),
-                   oltool::oneLine(socket.getLastErrorString().c_str()).c_str());
+   if (!oltool::openSender(theTool, socket, *destination))
       return oltool::theExitProblem;
-   }
    if (!applyOptions(socket, options, device.get(), *destination))
       return oltool::theExitProblem;
    if (options.bundle > 0)

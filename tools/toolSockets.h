@@ -1,7 +1,8 @@
 // Sockets of the DIS tools: where a receiving tool listens (a group, a broadcast
 // address with its mask, a local address, an interface), the kernel's count of
-// datagrams it dropped for a socket, and a DtDisSocket that counts the datagrams
-// that actually leave when it bundles.
+// datagrams it dropped for a socket; where a sending tool sends and the socket it
+// opens, and a DtDisSocket that counts the datagrams that actually leave when it
+// bundles.
 #ifndef OLUTIL_TOOLS_TOOLSOCKETS_H
 #define OLUTIL_TOOLS_TOOLSOCKETS_H
 
@@ -191,6 +192,34 @@ inline std::unique_ptr<DtDisSocket> openReceiver(char const* tool, Binding& bind
       socket.reset();
    }
    return socket;
+}
+
+// The destination of a sending tool, from its --dest and --port, with the hint at
+// a missing mask; null, with the message, when it is unusable.
+inline std::unique_ptr<DtInetEndpoint> sendDestination(char const* tool, std::string const& text,
+                                                       unsigned short port)
+{
+   std::string error;
+   std::unique_ptr<DtInetEndpoint> destination = makeEndpoint(text, port, error);
+   if (destination)
+      hintAtMissingMask(tool, text, *destination);
+   else
+      std::fprintf(stderr, "%s: bad destination %s: %s\n", tool, text.c_str(), error.c_str());
+   return destination;
+}
+
+// Opens a sending socket on a port of its own: local port 0 would mean the
+// destination's port, and a unicast sender would share (and compete for) the
+// receiver's. False, with the message, when it cannot be opened.
+inline bool openSender(char const* tool, DtDisSocket& socket, DtInetEndpoint const& destination)
+{
+   socket.setLocalPort(0);
+   if (socket.openSocket())
+      return true;
+   std::fprintf(stderr, "%s: cannot open a socket to %s: %s\n", tool,
+                destination.toDtString().c_str(),
+                oneLine(socket.getLastErrorString().c_str()).c_str());
+   return false;
 }
 
 // Counts the datagrams that actually leave: sends past the pre-send callbacks are
