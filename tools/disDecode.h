@@ -459,6 +459,27 @@ inline std::vector<DisField> disFields(DisPdu const& pdu)
 
 // ------------------------------------------------------------------ output forms
 
+// `value` in double quotes, with " and \ escaped by a backslash and every byte
+// outside printable ASCII written by `escape`, a printf format taking the byte.
+inline std::string disQuoted(std::string const& value, char const* escape)
+{
+   std::string out = "\"";
+   for (unsigned char c : value)
+   {
+      if (c == '"' || c == '\\')
+         (out += '\\') += static_cast<char>(c);
+      else if (c < 0x20 || c >= 0x7F)
+      {
+         char escaped[8];
+         std::snprintf(escaped, sizeof escaped, escape, c);
+         out += escaped;
+      }
+      else
+         out += static_cast<char>(c);
+   }
+   return out + "\"";
+}
+
 // Text: "name value" pairs split by spaces. A value that is empty or holds a
 // space, quote, backslash or a byte outside printable ASCII is quoted, with \"
 // and \\ inside and other bytes as \xNN, so that a line stays one line.
@@ -467,23 +488,7 @@ inline std::string disTextValue(std::string const& value)
    bool plain = !value.empty();
    for (unsigned char c : value)
       plain = plain && c > 0x20 && c < 0x7F && c != '"' && c != '\\';
-   if (plain)
-      return value;
-   std::string quoted = "\"";
-   for (unsigned char c : value)
-   {
-      if (c == '"' || c == '\\')
-         quoted += '\\';
-      if (c < 0x20 || c >= 0x7F)
-      {
-         char escape[8];
-         std::snprintf(escape, sizeof escape, "\\x%02x", c);
-         quoted += escape;
-      }
-      else
-         quoted += static_cast<char>(c);
-   }
-   return quoted + "\"";
+   return plain ? value : disQuoted(value, "\\x%02x");
 }
 
 inline std::string disTextLine(std::vector<DisField> const& fields)
@@ -498,24 +503,7 @@ inline std::string disTextLine(std::vector<DisField> const& fields)
 // UTF-8 JSON whatever bytes they hold (a byte above 0x7F is taken as Latin-1).
 inline std::string disJsonString(std::string const& value)
 {
-   std::string out = "\"";
-   for (unsigned char c : value)
-   {
-      if (c == '"' || c == '\\')
-      {
-         out += '\\';
-         out += static_cast<char>(c);
-      }
-      else if (c < 0x20 || c >= 0x7F)
-      {
-         char escape[8];
-         std::snprintf(escape, sizeof escape, "\\u%04x", c);
-         out += escape;
-      }
-      else
-         out += static_cast<char>(c);
-   }
-   return out + "\"";
+   return disQuoted(value, "\\u%04x");
 }
 
 inline std::string disJsonLine(std::vector<DisField> const& fields)
