@@ -321,13 +321,8 @@ void setAcceptList(DtPduFilterTest& test, std::vector<unsigned int>& values)
 // The date and time, UTC, for machine readers: "2026-11-21T14:03:07.250Z".
 std::string utcText()
 {
-   using namespace std::chrono;
-   system_clock::time_point const now = system_clock::now();
-   std::time_t const seconds = system_clock::to_time_t(now);
-   long const millis =
-       static_cast<long>(duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000);
-   std::tm utc{};
-   gmtime_r(&seconds, &utc);
+   long millis = 0;
+   std::tm const utc = oltool::timeNow(true, millis);
    char text[96];
    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", utc.tm_year + 1900,
                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, millis);

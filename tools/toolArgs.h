@@ -217,16 +217,26 @@ private:
    std::vector<std::string>* myArguments = nullptr;
 };
 
-// The time of day, local, to the millisecond: "14:03:07.250".
-inline std::string clockText()
+// The time now, broken down in local time or in UTC, and its milliseconds.
+inline std::tm timeNow(bool utc, long& millis)
 {
    using namespace std::chrono;
    system_clock::time_point const now = system_clock::now();
    std::time_t const seconds = system_clock::to_time_t(now);
-   long const millis =
-       static_cast<long>(duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000);
-   std::tm local{};
-   localtime_r(&seconds, &local);
+   millis = static_cast<long>(duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000);
+   std::tm broken{};
+   if (utc)
+      gmtime_r(&seconds, &broken);
+   else
+      localtime_r(&seconds, &broken);
+   return broken;
+}
+
+// The time of day, local, to the millisecond: "14:03:07.250".
+inline std::string clockText()
+{
+   long millis = 0;
+   std::tm const local = timeNow(false, millis);
    char text[32];
    std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min,
                  local.tm_sec, millis);
