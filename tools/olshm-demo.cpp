@@ -317,7 +317,7 @@ int main(int argc, char** argv)
       return oltool::OptionReader::verdict(good);
    };
    oltool::OptionReader in(theTool, argc, argv);
-   if (!in.readAll(usage, {{"--drop-oldest", &o.dropOldest}}, take))
+   if (!in.readAll(usage, {{"--drop-oldest", &o.dropOldest}}, take) || in.failed())
       return oltool::theExitUsage;
    if (!o.dropOldest && o.queueSize > DtShmMaxBlockingQueueSize)
    {

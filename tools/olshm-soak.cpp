@@ -377,7 +377,7 @@ int main(int argc, char** argv)
       return oltool::OptionReader::verdict(good);
    };
    oltool::OptionReader in(theTool, argc, argv);
-   if (!in.readAll(usage, {}, take))
+   if (!in.readAll(usage, {}, take) || in.failed())
       return oltool::theExitUsage;
    std::setvbuf(stdout, nullptr, _IOLBF, 0);
    oltool::catchInterrupts();
