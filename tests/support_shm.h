@@ -86,8 +86,7 @@ inline int sizeFor(std::uint32_t sequence, int smallest, int largest)
                                       static_cast<std::uint64_t>(largest - smallest + 1));
 }
 
-// Message `sequence` of `size` bytes: the sequence number in its first four bytes (as
-// many as there are), then bytes that depend on the sequence number and the place.
+// Message `sequence` of `size` bytes: the sequence number first, then bytes of it and the place.
 inline std::vector<char> payloadFor(std::uint32_t sequence, int size)
 {
    std::vector<char> bytes(static_cast<std::size_t>(size));
@@ -104,8 +103,7 @@ inline std::uint32_t sequenceOf(char const* bytes)
    return sequence;
 }
 
-// A queue in shared memory with its writer (which made it) and its reader, using
-// semaphores `index` and `index` + 1.
+// A queue with its writer (which made it) and its reader, on semaphores `index` and `index` + 1.
 struct QueuePair
 {
    QueuePair(int queueSize, bool dropOldest, bool waitForLock = true, int index = 0)
@@ -118,10 +116,7 @@ struct QueuePair
    {
    }
    // The byte (or lock) semaphore and the packet semaphore.
-   std::pair<int, int> counts() const
-   {
-      return {semaphores.value(index), semaphores.value(index + 1)};
-   }
+   std::pair<int, int> counts() const { return {semaphores.value(index), semaphores.value(index + 1)}; }
    int write(std::uint32_t sequence, int bytes)
    {
       return writer.Write(payloadFor(sequence, bytes).data(), static_cast<unsigned long>(bytes));
@@ -134,8 +129,7 @@ struct QueuePair
       got.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
       return n;
    }
-   // Whether the last message read is message `sequence` of `bytes` bytes, padded to 8
-   // with zeros as Read gives it.
+   // Whether the last message read is message `sequence` of `bytes` bytes (padded to 8 by Read).
    bool holds(std::uint32_t sequence, int bytes) const
    {
       std::vector<char> expected = payloadFor(sequence, bytes);
@@ -171,12 +165,8 @@ inline int waitChild(pid_t child)
    for (int i = 0; child > 0 && ended == 0 && i < 30000; ++i)
       if ((ended = waitpid(child, &status, WNOHANG)) == 0)
          usleep(2000);
-   if (child > 0 && ended == 0)
-   {
-      kill(child, SIGKILL);
-      waitpid(child, &status, 0);
-      return -1;
-   }
+   if (child > 0 && ended == 0 && kill(child, SIGKILL) == 0)
+      ended = waitpid(child, &status, 0);  // killed, unless it had just exited
    return ended == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
