@@ -1,43 +1,40 @@
-// Test support: System V objects for queue tests, each removed by its owner, and
-// the payloads that let a reader check every message it gets.
+// Test support: System V objects for queue tests, each removed by its owner, a queue
+// with its two ends, and payloads that let a reader check every message it gets.
 #ifndef OLUTIL_TESTS_SUPPORT_SHM_H
 #define OLUTIL_TESTS_SUPPORT_SHM_H
 
-#include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include <olutil/olShmQueue.h>
+#include <olutil/olShmReader.h>
+#include <olutil/olShmWriter.h>
 
 namespace olt
 {
 
-// A private set of two semaphores, removed when the owner goes.
+// A private semaphore set, removed when the process that made it lets it go.
 class SemaphoreSet
 {
 public:
-   SemaphoreSet() : myId(semget(IPC_PRIVATE, 2, IPC_CREAT | 0600)) {}
+   explicit SemaphoreSet(int count = 2) : myId(semget(IPC_PRIVATE, count, IPC_CREAT | 0600)) {}
    ~SemaphoreSet()
    {
       if (myId >= 0 && myOwner == getpid())
          semctl(myId, 0, IPC_RMID);
    }
-   SemaphoreSet(SemaphoreSet const&) = delete;
-   SemaphoreSet& operator=(SemaphoreSet const&) = delete;
    int id() const { return myId; }
    int value(int index) const { return semctl(myId, index, GETVAL); }
    void set(int index, int value) const { semctl(myId, index, SETVAL, value); }
-   // Processes waiting for the semaphore to grow.
    int waiting(int index) const { return semctl(myId, index, GETNCNT); }
 
 private:
@@ -45,35 +42,29 @@ private:
    pid_t myOwner = getpid();
 };
 
-// A private segment for one queue. It is marked for removal as soon as it is
-// attached, so the system frees it when the last process that uses it ends, however
-// that process ends; forked children share it.
+// A private segment for one queue, marked for removal as soon as it is attached: the
+// system frees it when the last process using it ends, however it ends.
 class SharedBlock
 {
 public:
    explicit SharedBlock(int queueSize)
    {
       int const id = shmget(IPC_PRIVATE, DtShmMsgQueueBytes(queueSize), IPC_CREAT | 0600);
-      if (id >= 0)
-      {
-         void* address = shmat(id, nullptr, 0);
-         shmctl(id, IPC_RMID, nullptr);
-         if (address != reinterpret_cast<void*>(-1))
-            myAddress = address;
-      }
+      myAddress = id < 0 ? nullptr : shmat(id, nullptr, 0);
+      shmctl(id, IPC_RMID, nullptr);
+      if (myAddress == reinterpret_cast<void*>(-1))
+         myAddress = nullptr;
    }
    ~SharedBlock()
    {
       if (myAddress)
          shmdt(myAddress);
    }
-   SharedBlock(SharedBlock const&) = delete;
-   SharedBlock& operator=(SharedBlock const&) = delete;
    Dt_Shm_Msg_Queue* queue() const { return static_cast<Dt_Shm_Msg_Queue*>(myAddress); }
-   char* area() const { return static_cast<char*>(myAddress) + DtShmMsgQueueHeaderSize; }
    Dt_Shm_Msg_Queue_Element* element(int offset) const
    {
-      return reinterpret_cast<Dt_Shm_Msg_Queue_Element*>(area() + offset);
+      return reinterpret_cast<Dt_Shm_Msg_Queue_Element*>(static_cast<char*>(myAddress) +
+                                                         DtShmMsgQueueHeaderSize + offset);
    }
 
 private:
@@ -95,8 +86,7 @@ inline int sizeFor(std::uint32_t sequence, int smallest, int largest)
                                       static_cast<std::uint64_t>(largest - smallest + 1));
 }
 
-// Message `sequence` of `size` bytes: the sequence number in its first four bytes (as
-// many as there are), then bytes that depend on the sequence number and the place.
+// Message `sequence` of `size` bytes: the sequence number first, then bytes of it and the place.
 inline std::vector<char> payloadFor(std::uint32_t sequence, int size)
 {
    std::vector<char> bytes(static_cast<std::size_t>(size));
@@ -106,7 +96,6 @@ inline std::vector<char> payloadFor(std::uint32_t sequence, int size)
    return bytes;
 }
 
-// The sequence number at the head of a message of at least four bytes.
 inline std::uint32_t sequenceOf(char const* bytes)
 {
    std::uint32_t sequence;
@@ -114,23 +103,52 @@ inline std::uint32_t sequenceOf(char const* bytes)
    return sequence;
 }
 
-// True when `got` (as Read returned it: padded to 8 with zeros) is message `sequence`
-// of `size` bytes.
-inline bool isMessage(char const* got, int gotLength, std::uint32_t sequence, int size)
+// A queue with its writer (which made it) and its reader, on semaphores `index` and `index` + 1.
+struct QueuePair
 {
-   if (gotLength != ((size + 7) & ~7))
-      return false;
-   std::vector<char> const expected = payloadFor(sequence, size);
-   if (std::memcmp(got, expected.data(), size) != 0)
-      return false;
-   for (int i = size; i < gotLength; ++i)
-      if (got[i] != 0)
-         return false;
-   return true;
-}
+   QueuePair(int queueSize, bool dropOldest, bool waitForLock = true, int index = 0)
+       : size(queueSize),
+         semaphores(index + 2),
+         block(queueSize),
+         writer(block.queue(), queueSize, semaphores.id(), index, waitForLock, true, dropOldest),
+         reader(block.queue(), queueSize, semaphores.id(), index, waitForLock, false, dropOldest),
+         index(index)
+   {
+   }
+   // The byte (or lock) semaphore and the packet semaphore.
+   std::pair<int, int> counts() const { return {semaphores.value(index), semaphores.value(index + 1)}; }
+   int write(std::uint32_t sequence, int bytes)
+   {
+      return writer.Write(payloadFor(sequence, bytes).data(), static_cast<unsigned long>(bytes));
+   }
+   // Reads one message into `got`; returns what Read returned, its status in `status`.
+   int read()
+   {
+      got.assign(static_cast<std::size_t>(size), 0);
+      int const n = reader.Read(got.data(), got.size(), &status);
+      got.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+      return n;
+   }
+   // Whether the last message read is message `sequence` of `bytes` bytes (padded to 8 by Read).
+   bool holds(std::uint32_t sequence, int bytes) const
+   {
+      std::vector<char> expected = payloadFor(sequence, bytes);
+      expected.resize(static_cast<std::size_t>((bytes + 7) & ~7), 0);
+      return got == expected;
+   }
+   bool reads(std::uint32_t sequence, int bytes) { return read() > 0 && holds(sequence, bytes); }
 
-// Runs `body` in a child process and returns its exit status (the body's result), or
-// -1 if it ended otherwise. The child leaves with _exit, past the test framework.
+   int size;
+   char status = -1;
+   std::vector<char> got;
+   SemaphoreSet semaphores;
+   SharedBlock block;
+   DtShmMsgQueueWriter writer;
+   DtShmMsgQueueReader reader;
+   int index;
+};
+
+// Runs `body` in a child process, which leaves with _exit past the test framework.
 inline pid_t startChild(std::function<int()> const& body)
 {
    pid_t const child = fork();
@@ -139,38 +157,17 @@ inline pid_t startChild(std::function<int()> const& body)
    return child;
 }
 
-// The child's exit status, or -1 if it ended otherwise or had to be killed after
-// 60 s.
+// The child's exit status, or -1 if it ended otherwise or had to be killed after 60 s.
 inline int waitChild(pid_t child)
 {
-   if (child < 0)
-      return -1;
    int status = 0;
-   auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-   while (waitpid(child, &status, WNOHANG) == 0)
-   {
-      if (std::chrono::steady_clock::now() > deadline)
-      {
-         kill(child, SIGKILL);
-         waitpid(child, &status, 0);
-         return -1;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-   }
-   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// Polls `condition` for at most 20 s.
-inline bool eventually(std::function<bool()> const& condition)
-{
-   auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-   while (!condition())
-   {
-      if (std::chrono::steady_clock::now() > deadline)
-         return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-   }
-   return true;
+   pid_t ended = 0;
+   for (int i = 0; child > 0 && ended == 0 && i < 30000; ++i)
+      if ((ended = waitpid(child, &status, WNOHANG)) == 0)
+         usleep(2000);
+   if (child > 0 && ended == 0 && kill(child, SIGKILL) == 0)
+      ended = waitpid(child, &status, 0);  // killed, unless it had just exited
+   return ended == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace olt
