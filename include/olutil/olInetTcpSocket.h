@@ -170,6 +170,9 @@ protected:
    bool applyOption(Apply const& apply, std::string const& failureText);
    template <class Option, class Value>
    Value readOption(char const* failureText, Value failed);
+   // The options both sockets share, set and read through applyOption.
+   bool setCommonOption(DtInetSockOption option, unsigned int value);
+   int getCommonOption(DtInetSockOption option);
    void createStreamSocket();
    // The common end of openSocket and listenForConnections on the handle prepare()
    // gives (stream socket or acceptor): open, options, bind, listen for an acceptor,

@@ -151,6 +151,9 @@ protected:
    // failure or on a closed socket.
    template <class Option, class Value>
    Value readOption(char const* failureText, Value failed);
+   // The options both sockets share, set and read through applyToSocket on udpSocket().
+   bool setCommonOption(DtInetSockOption option, unsigned int value);
+   int getCommonOption(DtInetSockOption option);
    // The interface for joining or dropping `group`, as the group operations choose it.
    bool findGroupInterface(DtInetAddr const& group, DtInetDevice* device,
                            DtInetAddr& interfaceAddress, unsigned int& interfaceIndex);

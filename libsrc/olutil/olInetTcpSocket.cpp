@@ -68,11 +68,6 @@ std::string enabling(bool enable)
    return enable ? "enabling" : "disabling";
 }
 
-std::string sizeText(char const* what, unsigned int value)
-{
-   return std::string(what) + std::to_string(value);
-}
-
 BoostEndpoint boostEndpoint(DtInetEndpoint const& endpoint)
 {
    if (DtInetEndpoint::TcpEndpoint const* ready = endpoint.tcpEndpoint())
@@ -952,12 +947,24 @@ Value DtInetTcpSocket::readOption(char const* failureText, Value failed)
               : failed;
 }
 
+bool DtInetTcpSocket::setCommonOption(DtInetSockOption option, unsigned int value)
+{
+   return DtInetSockSetOption([this](auto const& apply, std::string const& text)
+                              { return applyOption(apply, text); },
+                              "DtInetTcpSocket", option, value);
+}
+
+int DtInetTcpSocket::getCommonOption(DtInetSockOption option)
+{
+   return DtInetSockGetOption(
+       [this](auto const& boostOption, std::string const& text)
+       { return readOption<std::decay_t<decltype(boostOption)>>(text.c_str(), -1); },
+       "DtInetTcpSocket", option);
+}
+
 bool DtInetTcpSocket::setNonBlockingOption(bool enable)
 {
-   bool const done =
-       applyOption([enable](auto& handle, ErrorCode& error) { handle.non_blocking(enable, error); },
-                   "DtInetTcpSocket::setNonBlockingOption(): Error " + enabling(enable) +
-                       " non-blocking IO\n");
+   bool const done = setCommonOption(DtInetSockOptionNonBlocking, enable);
    if (done)
       myNonBlocking = enable;
    return done;
@@ -965,16 +972,12 @@ bool DtInetTcpSocket::setNonBlockingOption(bool enable)
 
 bool DtInetTcpSocket::setReuseAddressOption(bool enable)
 {
-   return applyOption(setter(boost::asio::socket_base::reuse_address(enable)),
-                      "DtInetTcpSocket::setReuseAddressOption(): Error " + enabling(enable) +
-                          " address reuse\n");
+   return setCommonOption(DtInetSockOptionReuseAddress, enable);
 }
 
 bool DtInetTcpSocket::setDoNotRouteOption(bool enable)
 {
-   return applyOption(setter(boost::asio::socket_base::do_not_route(enable)),
-                      "DtInetTcpSocket::setDoNotRouteOption(): Error " + enabling(enable) +
-                          " do-not-route\n");
+   return setCommonOption(DtInetSockOptionDoNotRoute, enable);
 }
 
 bool DtInetTcpSocket::setTcpNoDelayOption(bool enable)
@@ -1010,71 +1013,52 @@ bool DtInetTcpSocket::setTcpKeepAliveOption(bool enable)
 
 bool DtInetTcpSocket::setSendBufferSize(unsigned int size)
 {
-   // All bits set asks for the system's maximum; the kernel clamps the value.
-   return applyOption(
-       setter(boost::asio::socket_base::send_buffer_size(static_cast<int>(size))),
-       sizeText("DtInetTcpSocket::setSendBufferSize(): Error setting send buffer size to ", size));
+   return setCommonOption(DtInetSockOptionSendBuffer, size);
 }
 
 bool DtInetTcpSocket::setReceiveBufferSize(unsigned int size)
 {
-   return applyOption(
-       setter(boost::asio::socket_base::receive_buffer_size(static_cast<int>(size))),
-       sizeText("DtInetTcpSocket::setReceiveBufferSize(): Error setting receive buffer size to ",
-                size));
+   return setCommonOption(DtInetSockOptionReceiveBuffer, size);
 }
 
 bool DtInetTcpSocket::setSendLowWatermark(unsigned int size)
 {
-   return applyOption(
-       setter(boost::asio::socket_base::send_low_watermark(static_cast<int>(size))),
-       sizeText("DtInetTcpSocket::setSendLowWatermark(): Error setting send low watermark to ",
-                size));
+   return setCommonOption(DtInetSockOptionSendLowWatermark, size);
 }
 
 bool DtInetTcpSocket::setReceiveLowWatermark(unsigned int size)
 {
-   return applyOption(
-       setter(boost::asio::socket_base::receive_low_watermark(static_cast<int>(size))),
-       sizeText(
-           "DtInetTcpSocket::setReceiveLowWatermark(): Error setting receive low watermark to ",
-           size));
+   return setCommonOption(DtInetSockOptionReceiveLowWatermark, size);
 }
 
 bool DtInetTcpSocket::getReuseAddressOption()
 {
-   return readOption<boost::asio::socket_base::reuse_address>(
-       "DtInetTcpSocket::getReuseAddressOption(): Error reading address reuse", false);
+   return getCommonOption(DtInetSockOptionReuseAddress) > 0;
 }
 
 bool DtInetTcpSocket::getDoNotRouteOption()
 {
-   return readOption<boost::asio::socket_base::do_not_route>(
-       "DtInetTcpSocket::getDoNotRouteOption(): Error reading do-not-route", false);
+   return getCommonOption(DtInetSockOptionDoNotRoute) > 0;
 }
 
 int DtInetTcpSocket::getSendBufferSize()
 {
-   return readOption<boost::asio::socket_base::send_buffer_size>(
-       "DtInetTcpSocket::getSendBufferSize(): Error reading send buffer size", -1);
+   return getCommonOption(DtInetSockOptionSendBuffer);
 }
 
 int DtInetTcpSocket::getReceiveBufferSize()
 {
-   return readOption<boost::asio::socket_base::receive_buffer_size>(
-       "DtInetTcpSocket::getReceiveBufferSize(): Error reading receive buffer size", -1);
+   return getCommonOption(DtInetSockOptionReceiveBuffer);
 }
 
 int DtInetTcpSocket::getSendLowWatermark()
 {
-   return readOption<boost::asio::socket_base::send_low_watermark>(
-       "DtInetTcpSocket::getSendLowWatermark(): Error reading send low watermark", -1);
+   return getCommonOption(DtInetSockOptionSendLowWatermark);
 }
 
 int DtInetTcpSocket::getReceiveLowWatermark()
 {
-   return readOption<boost::asio::socket_base::receive_low_watermark>(
-       "DtInetTcpSocket::getReceiveLowWatermark(): Error reading receive low watermark", -1);
+   return getCommonOption(DtInetSockOptionReceiveLowWatermark);
 }
 
 bool DtInetTcpSocket::getConnAbortedOption()
