@@ -131,6 +131,10 @@ public:
 protected:
    friend class DtInetUdpSockPimpl;
 
+   // The checks that open sendTo and sendChainTo: the endpoint to send to (the
+   // destination once connected), or null after a recorded failure; `notEnabledText`
+   // is the text for a socket not enabled for sending.
+   DtInetEndpoint* sendTarget(DtInetEndpoint& endpoint, char const* notEnabledText);
    // The transmit step of sendChainTo: gathered synchronous send or background queue.
    int transmitChain(DtInetSockChain& chain, DtInetEndpoint& target);
    // The read step of recvToChain and recvToChainFrom; `operation` names the caller in

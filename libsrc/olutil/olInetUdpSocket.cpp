@@ -561,25 +561,32 @@ int DtInetUdpSocket::sendChain(DtInetSockChain& chain, unsigned int flags)
    return sendChainTo(chain, myDestination, flags);
 }
 
-int DtInetUdpSocket::sendTo(char* buffer, unsigned long length, DtInetEndpoint& endpoint,
-                            unsigned int)
+DtInetEndpoint* DtInetUdpSocket::sendTarget(DtInetEndpoint& endpoint, char const* notEnabledText)
 {
    if ((myFlags & (DtInetSockFlagSend | DtInetSockFlagAsyncSend)) == 0)
    {
-      recordFailure(95, theSendNotEnabled);
-      return DtInetSockResultFailed;
+      recordFailure(95, notEnabledText);
+      return nullptr;
    }
-   if (myState != DtInetSockStateConnected)
+   if (myState == DtInetSockStateConnected)
+      return &myDestination;
+   if (endpoint.protocol() == DtInetProtocolTcp)
    {
-      if (endpoint.protocol() == DtInetProtocolTcp)
-      {
-         recordFailure(95, theTcpEndpoint);
-         return DtInetSockResultFailed;
-      }
-      if (endpoint.protocol() == DtInetProtocolUnspecified)
-         endpoint.setProtocol(DtInetProtocolUdp);
+      recordFailure(95, theTcpEndpoint);
+      return nullptr;
    }
-   DtInetEndpoint& target = myState == DtInetSockStateConnected ? myDestination : endpoint;
+   if (endpoint.protocol() == DtInetProtocolUnspecified)
+      endpoint.setProtocol(DtInetProtocolUdp);
+   return &endpoint;
+}
+
+int DtInetUdpSocket::sendTo(char* buffer, unsigned long length, DtInetEndpoint& endpoint,
+                            unsigned int)
+{
+   DtInetEndpoint* const found = sendTarget(endpoint, theSendNotEnabled);
+   if (!found)
+      return DtInetSockResultFailed;
+   DtInetEndpoint& target = *found;
 
    ErrorCode error;
    int result = 0;
@@ -610,22 +617,10 @@ int DtInetUdpSocket::sendTo(char* buffer, unsigned long length, DtInetEndpoint& 
 int DtInetUdpSocket::sendChainTo(DtInetSockChain& chain, DtInetEndpoint& endpoint,
                                  unsigned int flags)
 {
-   if ((myFlags & (DtInetSockFlagSend | DtInetSockFlagAsyncSend)) == 0)
-   {
-      recordFailure(95, theChainSendNotEnabled);
+   DtInetEndpoint* const found = sendTarget(endpoint, theChainSendNotEnabled);
+   if (!found)
       return DtInetSockResultFailed;
-   }
-   if (myState != DtInetSockStateConnected)
-   {
-      if (endpoint.protocol() == DtInetProtocolTcp)
-      {
-         recordFailure(95, theTcpEndpoint);
-         return DtInetSockResultFailed;
-      }
-      if (endpoint.protocol() == DtInetProtocolUnspecified)
-         endpoint.setProtocol(DtInetProtocolUdp);
-   }
-   DtInetEndpoint& target = myState == DtInetSockStateConnected ? myDestination : endpoint;
+   DtInetEndpoint& target = *found;
    return runSendPipeline(
        DtInetProtocolUdp, chain, target, flags,
        [this](DtInetSockChain& packet, DtInetEndpoint& to) { return transmitChain(packet, to); },
