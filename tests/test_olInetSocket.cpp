@@ -272,3 +272,73 @@ TEST_F(InetSocketTest, ReceiveResultsOfDropsAndReads)
 }
 
 }  // namespace
+
+namespace
+{
+
+// The failure texts of the options both sockets share, byte for byte as each socket
+// records them before the newline and system message that follow.
+TEST(InetSockOptionTexts, SetAndReadFailureTextsOfBothSockets)
+{
+   struct Case
+   {
+      DtInetSockOption option;
+      unsigned int value;
+      char const* set;   // after the class name
+      char const* read;  // after the class name; null for a set-only option
+   };
+   Case const cases[] = {
+       {DtInetSockOptionReuseAddress, 1, "::setReuseAddressOption(): Error enabling address reuse\n",
+        "::getReuseAddressOption(): Error reading address reuse"},
+       {DtInetSockOptionReuseAddress, 0, "::setReuseAddressOption(): Error disabling address reuse\n",
+        "::getReuseAddressOption(): Error reading address reuse"},
+       {DtInetSockOptionDoNotRoute, 1, "::setDoNotRouteOption(): Error enabling do-not-route\n",
+        "::getDoNotRouteOption(): Error reading do-not-route"},
+       {DtInetSockOptionNonBlocking, 0, "::setNonBlockingOption(): Error disabling non-blocking IO\n",
+        nullptr},
+       {DtInetSockOptionSendBuffer, 4294967295u,
+        "::setSendBufferSize(): Error setting send buffer size to 4294967295",
+        "::getSendBufferSize(): Error reading send buffer size"},
+       {DtInetSockOptionReceiveBuffer, 0,
+        "::setReceiveBufferSize(): Error setting receive buffer size to 0",
+        "::getReceiveBufferSize(): Error reading receive buffer size"},
+       {DtInetSockOptionSendLowWatermark, 1,
+        "::setSendLowWatermark(): Error setting send low watermark to 1",
+        "::getSendLowWatermark(): Error reading send low watermark"},
+       {DtInetSockOptionReceiveLowWatermark, 42,
+        "::setReceiveLowWatermark(): Error setting receive low watermark to 42",
+        "::getReceiveLowWatermark(): Error reading receive low watermark"},
+   };
+   for (char const* owner : {"DtInetTcpSocket", "DtInetUdpSocket"})
+   {
+      for (Case const& one : cases)
+      {
+         SCOPED_TRACE(std::string(owner) + one.set);
+         EXPECT_EQ(DtInetSockOptionSetFailure(owner, one.option, one.value),
+                   std::string(owner) + one.set);
+         if (one.read)
+         {
+            EXPECT_EQ(DtInetSockOptionReadFailure(owner, one.option),
+                      std::string(owner) + one.read);
+         }
+      }
+   }
+}
+
+// A refused option records the shared text on the datagram socket as on the stream
+// socket: Linux refuses to set the send low watermark.
+TEST(InetSockOptionTexts, RefusedOptionOnTheDatagramSocket)
+{
+   DtInetUdpSocket socket(DtInetEndpoint(DtInetAddr("127.0.0.1"), 9, DtInetProtocolUdp));
+   ASSERT_TRUE(socket.isOk()) << socket.getLastErrorString().c_str();
+   EXPECT_FALSE(socket.setSendLowWatermark(1));
+   std::string const text = socket.getLastErrorString().c_str();
+   EXPECT_EQ(text.rfind("DtInetUdpSocket::setSendLowWatermark(): Error setting send low watermark "
+                        "to 1\n",
+                        0),
+             0u)
+       << text;
+   EXPECT_EQ(socket.state(), DtInetSockStateError);
+}
+
+}  // namespace

@@ -434,6 +434,29 @@ TEST(UdpSocketErrors, RefusedSendsAndOpens)
    EXPECT_EQ(socket.sendTo(data, 4, tcp, 0), -1);
    EXPECT_TRUE(recorded(socket, 95,
                         "DtInetUdpSocket::send()/sendTo(): Socket not initialized for sending."));
+   // The plain and the chain send open with the same checks, each with its own text.
+   std::vector<char> bytes(4);
+   DtInetSockChain chain{&bytes};
+   struct SendCase
+   {
+      unsigned int flags;
+      bool chained;
+      char const* text;
+   };
+   SendCase const sendCases[] = {
+       {DtInetSockFlagRecv, true,
+        "DtInetUdpSocket::sendChain()/sendChainTo(): Socket not initialized for sending."},
+       {theSyncFlags, false, "DtInetUdpSocket::sendTo(): endpoint is a TCP endpoint"},
+       {theSyncFlags, true, "DtInetUdpSocket::sendTo(): endpoint is a TCP endpoint"},
+   };
+   for (SendCase const& one : sendCases)
+   {
+      SCOPED_TRACE(one.text);
+      DtInetUdpSocket sender(endpoint("127.0.0.1", 9), 0, nullptr, one.flags, true);
+      EXPECT_EQ(one.chained ? sender.sendChainTo(chain, tcp, 0) : sender.sendTo(data, 4, tcp, 0), -1);
+      EXPECT_TRUE(recorded(sender, 95, one.text));
+      EXPECT_EQ(sender.totalPacketsSent(), 0u);
+   }
 
    DtInetUdpSocket remote(tcp, 0, nullptr, theSyncFlags, true);
    EXPECT_TRUE(

@@ -63,6 +63,10 @@ enum DtInetSockCallFlag : unsigned int
    DtInetSockCallNoPostCallbacks = 0x2000
 };
 
+// The socket options that both concrete sockets set and read the same way; defined,
+// with the operations on them, in olInetSocketUtils.h.
+enum DtInetSockOption : int;
+
 // Socket states as returned by DtInetSocket::state(). 5 and 7 are not used.
 enum DtInetSockState
 {

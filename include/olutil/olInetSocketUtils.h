@@ -17,6 +17,7 @@
 #include <vector>
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/socket_base.hpp>
 #include <boost/container/small_vector.hpp>
 #include <boost/system/error_code.hpp>
 
@@ -65,6 +66,96 @@ int DtInetSockRunOption(Handle* handle, Apply const& apply, std::string& message
       return 0;
    message = error.message();
    return error.value();
+}
+
+// The socket options that both concrete sockets set and read the same way.
+enum DtInetSockOption : int
+{
+   DtInetSockOptionReuseAddress,
+   DtInetSockOptionDoNotRoute,
+   DtInetSockOptionNonBlocking,  // set only
+   DtInetSockOptionSendBuffer,
+   DtInetSockOptionReceiveBuffer,
+   DtInetSockOptionSendLowWatermark,
+   DtInetSockOptionReceiveLowWatermark
+};
+
+// The failure text of setting `option` on a socket of class `owner` to `value`:
+// "<owner>::setReuseAddressOption(): Error enabling address reuse\n" for an on/off
+// option, "<owner>::setSendBufferSize(): Error setting send buffer size to <value>"
+// for a size.
+std::string DtInetSockOptionSetFailure(char const* owner, DtInetSockOption option,
+                                       unsigned int value);
+// The failure text of reading it: "<owner>::getSendBufferSize(): Error reading send
+// buffer size".
+std::string DtInetSockOptionReadFailure(char const* owner, DtInetSockOption option);
+
+// Sets `option` to `value` (an on/off option is on when it is not 0) through the
+// socket's own run(apply, text), which runs apply(handle, error_code&) on its Boost
+// socket or acceptor and settles the outcome with `text` as the failure text.
+template <class Run>
+bool DtInetSockSetOption(Run const& run, char const* owner, DtInetSockOption option,
+                         unsigned int value)
+{
+   typedef boost::asio::socket_base Base;
+   std::string const text = DtInetSockOptionSetFailure(owner, option, value);
+   bool const on = value != 0;
+   // All bits set asks for the system's maximum; the kernel clamps the value.
+   int const size = static_cast<int>(value);
+   auto set = [&run, &text](auto const& boostOption)
+   {
+      return run([&boostOption](auto& handle, boost::system::error_code& error)
+                 { handle.set_option(boostOption, error); },
+                 text);
+   };
+   switch (option)
+   {
+      case DtInetSockOptionReuseAddress:
+         return set(Base::reuse_address(on));
+      case DtInetSockOptionDoNotRoute:
+         return set(Base::do_not_route(on));
+      case DtInetSockOptionNonBlocking:
+         return run([on](auto& handle, boost::system::error_code& error)
+                    { handle.non_blocking(on, error); },
+                    text);
+      case DtInetSockOptionSendBuffer:
+         return set(Base::send_buffer_size(size));
+      case DtInetSockOptionReceiveBuffer:
+         return set(Base::receive_buffer_size(size));
+      case DtInetSockOptionSendLowWatermark:
+         return set(Base::send_low_watermark(size));
+      case DtInetSockOptionReceiveLowWatermark:
+         return set(Base::receive_low_watermark(size));
+   }
+   return false;
+}
+
+// Reads `option` through the socket's own read(boostOption, text), which answers the
+// option's value, or -1 after a failure recorded with `text`. An on/off option reads
+// as 1 or 0.
+template <class Read>
+int DtInetSockGetOption(Read const& read, char const* owner, DtInetSockOption option)
+{
+   typedef boost::asio::socket_base Base;
+   std::string const text = DtInetSockOptionReadFailure(owner, option);
+   switch (option)
+   {
+      case DtInetSockOptionReuseAddress:
+         return read(Base::reuse_address(), text);
+      case DtInetSockOptionDoNotRoute:
+         return read(Base::do_not_route(), text);
+      case DtInetSockOptionSendBuffer:
+         return read(Base::send_buffer_size(), text);
+      case DtInetSockOptionReceiveBuffer:
+         return read(Base::receive_buffer_size(), text);
+      case DtInetSockOptionSendLowWatermark:
+         return read(Base::send_low_watermark(), text);
+      case DtInetSockOptionReceiveLowWatermark:
+         return read(Base::receive_low_watermark(), text);
+      case DtInetSockOptionNonBlocking:
+         break;
+   }
+   return -1;
 }
 
 // The most buffers Boost.Asio passes to one system call; it leaves out the rest of a

@@ -149,6 +149,15 @@ protected:
    bool checkSendable(char const* prefix, char const* uninitializedText);
    // The checks that open recv and recvToChain; true when the read may go ahead.
    bool checkReadable(char const* unconnectedText, char const* uninitializedText);
+   // Runs finishConnect(): true when the connect failed, or the connection ended,
+   // just now (and that was recorded).
+   bool connectFailedNow();
+   // One send or read: queued(error) through the background queue when `background`,
+   // direct(error) otherwise. A failure is classified; `sendOperation` names a send in
+   // its text and is null for a read.
+   template <class Queued, class Direct>
+   int transfer(bool background, Queued const& queued, Direct const& direct,
+                char const* sendOperation);
    // Looks whether a connect in progress has finished (state 4 to 6, or -1).
    void finishConnect();
    // The state and the background thread of a connection that has just come up.
@@ -161,7 +170,15 @@ protected:
    bool applyOption(Apply const& apply, std::string const& failureText);
    template <class Option, class Value>
    Value readOption(char const* failureText, Value failed);
+   // The options both sockets share, set and read through applyOption.
+   bool setCommonOption(DtInetSockOption option, unsigned int value);
+   int getCommonOption(DtInetSockOption option);
    void createStreamSocket();
+   // The common end of openSocket and listenForConnections on the handle prepare()
+   // gives (stream socket or acceptor): open, options, bind, listen for an acceptor,
+   // the new state and the bound port. A failure records `prefix` and `failureText`.
+   template <class Prepare>
+   bool bindLocal(Prepare const& prepare, char const* prefix, char const* failureText);
 
    DtInetTcpSockPimpl* myPimpl;
    boost::asio::io_context* myIoContext;

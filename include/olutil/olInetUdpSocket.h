@@ -131,6 +131,10 @@ public:
 protected:
    friend class DtInetUdpSockPimpl;
 
+   // The checks that open sendTo and sendChainTo: the endpoint to send to (the
+   // destination once connected), or null after a recorded failure; `notEnabledText`
+   // is the text for a socket not enabled for sending.
+   DtInetEndpoint* sendTarget(DtInetEndpoint& endpoint, char const* notEnabledText);
    // The transmit step of sendChainTo: gathered synchronous send or background queue.
    int transmitChain(DtInetSockChain& chain, DtInetEndpoint& target);
    // The read step of recvToChain and recvToChainFrom; `operation` names the caller in
@@ -151,6 +155,9 @@ protected:
    // failure or on a closed socket.
    template <class Option, class Value>
    Value readOption(char const* failureText, Value failed);
+   // The options both sockets share, set and read through applyToSocket on udpSocket().
+   bool setCommonOption(DtInetSockOption option, unsigned int value);
+   int getCommonOption(DtInetSockOption option);
    // The interface for joining or dropping `group`, as the group operations choose it.
    bool findGroupInterface(DtInetAddr const& group, DtInetDevice* device,
                            DtInetAddr& interfaceAddress, unsigned int& interfaceIndex);

@@ -17,6 +17,46 @@ namespace
 constexpr std::size_t theLargestDatagram = 65536;
 }  // namespace
 
+namespace
+{
+
+struct OptionNames
+{
+   char const* name;  // after "set" or "get"
+   char const* what;  // in the failure text
+};
+
+// In the order of DtInetSockOption.
+constexpr OptionNames theOptionNames[] = {
+    {"ReuseAddressOption", "address reuse"},   {"DoNotRouteOption", "do-not-route"},
+    {"NonBlockingOption", "non-blocking IO"},  {"SendBufferSize", "send buffer size"},
+    {"ReceiveBufferSize", "receive buffer size"}, {"SendLowWatermark", "send low watermark"},
+    {"ReceiveLowWatermark", "receive low watermark"}};
+
+bool isOnOff(DtInetSockOption option)
+{
+   return option == DtInetSockOptionReuseAddress || option == DtInetSockOptionDoNotRoute ||
+          option == DtInetSockOptionNonBlocking;
+}
+
+}  // namespace
+
+std::string DtInetSockOptionSetFailure(char const* owner, DtInetSockOption option,
+                                       unsigned int value)
+{
+   OptionNames const& names = theOptionNames[option];
+   std::string text = std::string(owner) + "::set" + names.name + "(): Error ";
+   if (isOnOff(option))
+      return text + (value != 0 ? "enabling " : "disabling ") + names.what + "\n";
+   return text + "setting " + names.what + " to " + std::to_string(value);
+}
+
+std::string DtInetSockOptionReadFailure(char const* owner, DtInetSockOption option)
+{
+   OptionNames const& names = theOptionNames[option];
+   return std::string(owner) + "::get" + names.name + "(): Error reading " + names.what;
+}
+
 std::size_t DtInetSockChainSize(DtInetSockChain const& chain)
 {
    std::size_t total = 0;

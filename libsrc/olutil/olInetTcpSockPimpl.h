@@ -28,8 +28,7 @@
 #include <olutil/olInetTcpSocket.h>
 #include <olutil/olThreadSafe.h>
 
-class DtRunnable;
-class DtThreadedObject;
+#include "olInetSockPimplBase.h"
 
 // Threads: start(), stop(), the send operations and the receive queue readers belong
 // to the socket's application thread. The I/O thread runs the completions and
@@ -37,13 +36,10 @@ class DtThreadedObject;
 // queue step, at the stored error, which the I/O thread writes once and publishes
 // through an atomic flag before the application thread reads it, and at the two
 // atomics that let stop() wait for the queued sends.
-class DtInetTcpSockPimpl
+class DtInetTcpSockPimpl : public DtInetSockPimplBase
 {
 public:
-   // A queued chunk: the first member stays null on a stream; the buffer is owned by
-   // the entry.
-   typedef std::pair<void*, std::vector<char>*> Entry;
-   typedef std::deque<Entry> Queue;
+   // A queued chunk (Entry) has a null first member on a stream.
 
    DtInetTcpSockPimpl(boost::asio::io_context* ioContext, DtInetTcpSocket* owner);
    ~DtInetTcpSockPimpl();
@@ -56,7 +52,6 @@ public:
    // Writes what is queued (for a bounded time), stops the I/O thread and empties
    // the queues.
    void stop();
-   bool running() const;
 
    // Queue bytes for writing; ownership of the buffer passes here in every case. The
    // byte count, or -1 with `error` set.
@@ -82,16 +77,11 @@ private:
    void addToSendQueue(std::shared_ptr<PendingSend> const& pending);
    void startSend(Entry const& entry);
    void handleSendComplete(boost::system::error_code const& error);
-   void storeError(boost::system::error_code const& error);
    bool hasStoredError() const { return myHasStoredError.load(std::memory_order_acquire); }
    template <class Copy>
    int takeReceived(boost::system::error_code& error, Copy const& copy);
-   void drainSends();
-   static void clearQueue(DtThreadSafe<Queue>& queue);
+   static void freeEntry(Entry const& entry);
 
-   boost::asio::io_context* myIoContext;
-   DtThreadedObject* myThread;
-   DtRunnable* myRunnable;
    DtInetTcpSocket* myOwner;
    DtInetBoostTcpSocket* mySocket;
    boost::asio::mutable_buffer* myReceiveBuffer;

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <type_traits>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
@@ -65,11 +66,6 @@ std::string text(DtInetEndpoint const& endpoint)
 std::string enabling(bool enable)
 {
    return enable ? "enabling" : "disabling";
-}
-
-std::string sizeText(char const* what, unsigned int value)
-{
-   return std::string(what) + std::to_string(value);
 }
 
 BoostEndpoint boostEndpoint(DtInetEndpoint const& endpoint)
@@ -308,20 +304,33 @@ bool DtInetTcpSocket::openSocket()
       myLocalEndpoint.setAddress(DtInetAddr::inaddrAny(
           destinationIpv6 ? DtInetUtils::DtInetFamilyIPv6 : DtInetUtils::DtInetFamilyIPv4));
 
-   auto fail = [this](ErrorCode const& failure)
+   return bindLocal(
+       [this]() -> DtInetBoostTcpSocket&
+       {
+          myLocalEndpoint.setProtocol(DtInetProtocolTcp);
+          createStreamSocket();
+          return *myTcpSocket;
+       },
+       theOpenPrefix, "Error opening Boost socket\n");
+}
+
+template <class Prepare>
+bool DtInetTcpSocket::bindLocal(Prepare const& prepare, char const* prefix, char const* failureText)
+{
+   auto fail = [this, prefix, failureText](ErrorCode const& failure)
    {
-      recordFailure(failure.value(),
-                    std::string(theOpenPrefix) + "Error opening Boost socket\n" + failure.message());
+      recordFailure(failure.value(), std::string(prefix) + failureText + failure.message());
       return false;
    };
    try
    {
-      myLocalEndpoint.setProtocol(DtInetProtocolTcp);
-      createStreamSocket();
+      auto& handle = prepare();
+      bool constexpr listener =
+          std::is_same<std::decay_t<decltype(handle)>, DtInetBoostTcpAcceptor>::value;
       ErrorCode error;
-      if (!myTcpSocket->is_open())
+      if (!handle.is_open())
       {
-         myTcpSocket->open(
+         handle.open(
              myLocalEndpoint.isIPv6() ? boost::asio::ip::tcp::v6() : boost::asio::ip::tcp::v4(),
              error);
          if (error)
@@ -330,19 +339,28 @@ bool DtInetTcpSocket::openSocket()
       setNonBlockingOption(myNonBlocking);
       setTcpNoDelayOption(myNoDelay);
       setReuseAddressOption((myFlags & DtInetSockFlagReuseAddress) != 0);
-      setSendBufferSize(theAllBits);
-      setReceiveBufferSize(theAllBits);
+      if constexpr (!listener)
+      {
+         setSendBufferSize(theAllBits);
+         setReceiveBufferSize(theAllBits);
+      }
       // A refused option has been recorded and has invalidated the socket.
       if (myState == DtInetSockStateError)
          return false;
 
-      myTcpSocket->bind(boostEndpoint(myLocalEndpoint), error);
+      handle.bind(boostEndpoint(myLocalEndpoint), error);
       if (error)
          return fail(error);
-      setState(DtInetSockStateOpen);
+      if constexpr (listener)
+      {
+         handle.listen(theListenBacklog, error);
+         if (error)
+            return fail(error);
+      }
+      setState(listener ? DtInetSockStateListening : DtInetSockStateOpen);
       if (myLocalEndpoint.port() == 0)
       {
-         BoostEndpoint const bound = myTcpSocket->local_endpoint(error);
+         BoostEndpoint const bound = handle.local_endpoint(error);
          if (error)
             return fail(error);
          myLocalEndpoint.setPort(bound.port());
@@ -355,7 +373,7 @@ bool DtInetTcpSocket::openSocket()
    }
    catch (std::exception const& failure)
    {
-      recordFailure(22, std::string(theOpenPrefix) + failure.what());
+      recordFailure(22, std::string(prefix) + failure.what());
    }
    return false;
 }
@@ -402,55 +420,8 @@ bool DtInetTcpSocket::listenForConnections()
       recordError(9, "DtInetTcpSocket()::listenForConnections() called on uninitialized socket");
       return false;
    }
-
-   auto fail = [this](ErrorCode const& failure)
-   {
-      recordFailure(failure.value(), std::string(theListenPrefix) +
-                                         "Error opening Boost acceptor socket\n" +
-                                         failure.message());
-      return false;
-   };
-   try
-   {
-      ErrorCode error;
-      if (!myAcceptor->is_open())
-      {
-         myAcceptor->open(
-             myLocalEndpoint.isIPv6() ? boost::asio::ip::tcp::v6() : boost::asio::ip::tcp::v4(),
-             error);
-         if (error)
-            return fail(error);
-      }
-      setNonBlockingOption(myNonBlocking);
-      setTcpNoDelayOption(myNoDelay);
-      setReuseAddressOption((myFlags & DtInetSockFlagReuseAddress) != 0);
-      if (myState == DtInetSockStateError)
-         return false;
-      myAcceptor->bind(boostEndpoint(myLocalEndpoint), error);
-      if (error)
-         return fail(error);
-      myAcceptor->listen(theListenBacklog, error);
-      if (error)
-         return fail(error);
-      setState(DtInetSockStateListening);
-      if (myLocalEndpoint.port() == 0)
-      {
-         BoostEndpoint const bound = myAcceptor->local_endpoint(error);
-         if (error)
-            return fail(error);
-         myLocalEndpoint.setPort(bound.port());
-      }
-      return true;
-   }
-   catch (boost::system::system_error const& failure)
-   {
-      return fail(failure.code());
-   }
-   catch (std::exception const& failure)
-   {
-      recordFailure(22, std::string(theListenPrefix) + failure.what());
-   }
-   return false;
+   return bindLocal([this]() -> DtInetBoostTcpAcceptor& { return *myAcceptor; }, theListenPrefix,
+                    "Error opening Boost acceptor socket\n");
 }
 
 bool DtInetTcpSocket::closeSocket()
@@ -749,12 +720,18 @@ int DtInetTcpSocket::classifyFailure(int error, bool endOfStream, std::string co
    return DtInetSockResultFailed;
 }
 
-bool DtInetTcpSocket::checkSendable(char const* prefix, char const* uninitializedText)
+bool DtInetTcpSocket::connectFailedNow()
 {
    int const before = myState;
    finishConnect();
-   if (before != myState && myState != DtInetSockStateConnected)
-      return false;  // the connect failed, or the connection ended, just now, and said so
+   // The connect failed, or the connection ended, just now, and said so.
+   return before != myState && myState != DtInetSockStateConnected;
+}
+
+bool DtInetTcpSocket::checkSendable(char const* prefix, char const* uninitializedText)
+{
+   if (connectFailedNow())
+      return false;
    if (myState != DtInetSockStateConnecting && myState != DtInetSockStateConnected)
    {
       recordFailure(theNotConnectedError, std::string(prefix) + theNotConnected);
@@ -775,9 +752,7 @@ bool DtInetTcpSocket::checkSendable(char const* prefix, char const* uninitialize
 
 bool DtInetTcpSocket::checkReadable(char const* unconnectedText, char const* uninitializedText)
 {
-   int const before = myState;
-   finishConnect();
-   if (before != myState && myState != DtInetSockStateConnected)
+   if (connectFailedNow())
       return false;
    if (myState != DtInetSockStateConnecting && myState != DtInetSockStateConnected)
    {
@@ -792,6 +767,20 @@ bool DtInetTcpSocket::checkReadable(char const* unconnectedText, char const* uni
    return true;
 }
 
+template <class Queued, class Direct>
+int DtInetTcpSocket::transfer(bool background, Queued const& queued, Direct const& direct,
+                              char const* sendOperation)
+{
+   ErrorCode error;
+   int const result = background ? queued(error) : static_cast<int>(direct(error));
+   // A packet that did not fit the caller's buffers comes from the queue as -4 with
+   // no error.
+   if (error)
+      return classifyFailure(error.value(), error == boost::asio::error::eof, error.message(),
+                             sendOperation != nullptr, sendOperation);
+   return result;
+}
+
 // ------------------------------------------------------------------ send
 
 int DtInetTcpSocket::send(char* buffer, unsigned long length, unsigned int)
@@ -799,15 +788,15 @@ int DtInetTcpSocket::send(char* buffer, unsigned long length, unsigned int)
    if (!checkSendable("DtInetTcpSocket::send(): ",
                       "DtInetTcpSocket()::send() called on uninitialized socket"))
       return DtInetSockResultFailed;
-   ErrorCode error;
-   int result = 0;
-   if (myFlags & DtInetSockFlagAsyncSend)
-      result = myPimpl->asyncSend(new std::vector<char>(buffer, buffer + length), error);
-   else
-      result = static_cast<int>(myTcpSocket->send(boost::asio::buffer(buffer, length), 0, error));
-   if (error)
-      return classifyFailure(error.value(), error == boost::asio::error::eof, error.message(), true,
-                             "DtInetTcpSocket::send()");
+   int const result = transfer(
+       (myFlags & DtInetSockFlagAsyncSend) != 0,
+       [this, buffer, length](ErrorCode& error)
+       { return myPimpl->asyncSend(new std::vector<char>(buffer, buffer + length), error); },
+       [this, buffer, length](ErrorCode& error)
+       { return myTcpSocket->send(boost::asio::buffer(buffer, length), 0, error); },
+       "DtInetTcpSocket::send()");
+   if (result < 0)
+      return result;
    if (myState == DtInetSockStateConnecting)
       setState(DtInetSockStateConnected);
    ++myTotalPacketsSent;
@@ -842,19 +831,17 @@ int DtInetTcpSocket::sendChainTo(DtInetSockChain& chain, DtInetEndpoint&, unsign
 
 int DtInetTcpSocket::transmitChain(DtInetSockChain& chain)
 {
-   ErrorCode error;
-   int result = 0;
-   if (myFlags & DtInetSockFlagAsyncSend)
-      result = myPimpl->asyncSendChain(chain, error);
-   else if (chain.size() == 1 && chain[0])
-      result = static_cast<int>(myTcpSocket->send(boost::asio::buffer(*chain[0]), 0, error));
-   else
-      result = static_cast<int>(
-          myTcpSocket->send(DtInetSockChainBuffers<boost::asio::const_buffer>(chain), 0, error));
-   if (error)
-      return classifyFailure(error.value(), error == boost::asio::error::eof, error.message(), true,
-                             "DtInetTcpSocket::sendChain()");
-   return result;
+   return transfer(
+       (myFlags & DtInetSockFlagAsyncSend) != 0,
+       [this, &chain](ErrorCode& error) { return myPimpl->asyncSendChain(chain, error); },
+       [this, &chain](ErrorCode& error)
+       {
+          return chain.size() == 1 && chain[0]
+                     ? myTcpSocket->send(boost::asio::buffer(*chain[0]), 0, error)
+                     : myTcpSocket->send(DtInetSockChainBuffers<boost::asio::const_buffer>(chain),
+                                         0, error);
+       },
+       "DtInetTcpSocket::sendChain()");
 }
 
 // ------------------------------------------------------------------ receive
@@ -864,22 +851,15 @@ int DtInetTcpSocket::recv(char* buffer, unsigned long length, unsigned int)
    if (!checkReadable("DtInetTcpSocket::recv() called on unconnected socket on ",
                       "DtInetTcpSocket::recv() called on uninitialized socket"))
       return DtInetSockResultFailed;
-   ErrorCode error;
-   int result = 0;
-   if (myFlags & DtInetSockFlagAsyncRecv)
-   {
-      result = myPimpl->getFromReceiveQueue(buffer, length, error);
-      if (result == DtInetSockResultNoFit)
-         return result;
-   }
-   else
-   {
-      result = static_cast<int>(myTcpSocket->receive(boost::asio::buffer(buffer, length), 0, error));
-   }
-   if (error)
-      return classifyFailure(error.value(), error == boost::asio::error::eof, error.message(), false,
-                             nullptr);
-   countReceived(result);
+   int const result = transfer(
+       (myFlags & DtInetSockFlagAsyncRecv) != 0,
+       [this, buffer, length](ErrorCode& error)
+       { return myPimpl->getFromReceiveQueue(buffer, length, error); },
+       [this, buffer, length](ErrorCode& error)
+       { return myTcpSocket->receive(boost::asio::buffer(buffer, length), 0, error); },
+       nullptr);
+   if (result > 0)
+      countReceived(result);
    return result;
 }
 
@@ -892,27 +872,17 @@ int DtInetTcpSocket::recvFrom(char* buffer, unsigned long length, DtInetEndpoint
 
 int DtInetTcpSocket::readChain(DtInetSockChain& chain)
 {
-   ErrorCode error;
-   int result = 0;
-   if (myFlags & DtInetSockFlagAsyncRecv)
-   {
-      result = myPimpl->getFromReceiveQueue(chain, error);
-      if (result == DtInetSockResultNoFit)
-         return result;
-   }
-   else if (chain.size() == 1 && chain[0])
-   {
-      result = static_cast<int>(myTcpSocket->receive(boost::asio::buffer(*chain[0]), 0, error));
-   }
-   else
-   {
-      result = static_cast<int>(myTcpSocket->receive(
-          DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain), 0, error));
-   }
-   if (error)
-      return classifyFailure(error.value(), error == boost::asio::error::eof, error.message(), false,
-                             nullptr);
-   return result;
+   return transfer(
+       (myFlags & DtInetSockFlagAsyncRecv) != 0,
+       [this, &chain](ErrorCode& error) { return myPimpl->getFromReceiveQueue(chain, error); },
+       [this, &chain](ErrorCode& error)
+       {
+          return chain.size() == 1 && chain[0]
+                     ? myTcpSocket->receive(boost::asio::buffer(*chain[0]), 0, error)
+                     : myTcpSocket->receive(
+                           DtInetSockChainBuffers<boost::asio::mutable_buffer>(chain), 0, error);
+       },
+       nullptr);
 }
 
 int DtInetTcpSocket::recvToChain(DtInetSockChain& chain, unsigned int flags)
@@ -977,12 +947,24 @@ Value DtInetTcpSocket::readOption(char const* failureText, Value failed)
               : failed;
 }
 
+bool DtInetTcpSocket::setCommonOption(DtInetSockOption option, unsigned int value)
+{
+   return DtInetSockSetOption([this](auto const& apply, std::string const& text)
+                              { return applyOption(apply, text); },
+                              "DtInetTcpSocket", option, value);
+}
+
+int DtInetTcpSocket::getCommonOption(DtInetSockOption option)
+{
+   return DtInetSockGetOption(
+       [this](auto const& boostOption, std::string const& text)
+       { return readOption<std::decay_t<decltype(boostOption)>>(text.c_str(), -1); },
+       "DtInetTcpSocket", option);
+}
+
 bool DtInetTcpSocket::setNonBlockingOption(bool enable)
 {
-   bool const done =
-       applyOption([enable](auto& handle, ErrorCode& error) { handle.non_blocking(enable, error); },
-                   "DtInetTcpSocket::setNonBlockingOption(): Error " + enabling(enable) +
-                       " non-blocking IO\n");
+   bool const done = setCommonOption(DtInetSockOptionNonBlocking, enable);
    if (done)
       myNonBlocking = enable;
    return done;
@@ -990,16 +972,12 @@ bool DtInetTcpSocket::setNonBlockingOption(bool enable)
 
 bool DtInetTcpSocket::setReuseAddressOption(bool enable)
 {
-   return applyOption(setter(boost::asio::socket_base::reuse_address(enable)),
-                      "DtInetTcpSocket::setReuseAddressOption(): Error " + enabling(enable) +
-                          " address reuse\n");
+   return setCommonOption(DtInetSockOptionReuseAddress, enable);
 }
 
 bool DtInetTcpSocket::setDoNotRouteOption(bool enable)
 {
-   return applyOption(setter(boost::asio::socket_base::do_not_route(enable)),
-                      "DtInetTcpSocket::setDoNotRouteOption(): Error " + enabling(enable) +
-                          " do-not-route\n");
+   return setCommonOption(DtInetSockOptionDoNotRoute, enable);
 }
 
 bool DtInetTcpSocket::setTcpNoDelayOption(bool enable)
@@ -1035,71 +1013,52 @@ bool DtInetTcpSocket::setTcpKeepAliveOption(bool enable)
 
 bool DtInetTcpSocket::setSendBufferSize(unsigned int size)
 {
-   // All bits set asks for the system's maximum; the kernel clamps the value.
-   return applyOption(
-       setter(boost::asio::socket_base::send_buffer_size(static_cast<int>(size))),
-       sizeText("DtInetTcpSocket::setSendBufferSize(): Error setting send buffer size to ", size));
+   return setCommonOption(DtInetSockOptionSendBuffer, size);
 }
 
 bool DtInetTcpSocket::setReceiveBufferSize(unsigned int size)
 {
-   return applyOption(
-       setter(boost::asio::socket_base::receive_buffer_size(static_cast<int>(size))),
-       sizeText("DtInetTcpSocket::setReceiveBufferSize(): Error setting receive buffer size to ",
-                size));
+   return setCommonOption(DtInetSockOptionReceiveBuffer, size);
 }
 
 bool DtInetTcpSocket::setSendLowWatermark(unsigned int size)
 {
-   return applyOption(
-       setter(boost::asio::socket_base::send_low_watermark(static_cast<int>(size))),
-       sizeText("DtInetTcpSocket::setSendLowWatermark(): Error setting send low watermark to ",
-                size));
+   return setCommonOption(DtInetSockOptionSendLowWatermark, size);
 }
 
 bool DtInetTcpSocket::setReceiveLowWatermark(unsigned int size)
 {
-   return applyOption(
-       setter(boost::asio::socket_base::receive_low_watermark(static_cast<int>(size))),
-       sizeText(
-           "DtInetTcpSocket::setReceiveLowWatermark(): Error setting receive low watermark to ",
-           size));
+   return setCommonOption(DtInetSockOptionReceiveLowWatermark, size);
 }
 
 bool DtInetTcpSocket::getReuseAddressOption()
 {
-   return readOption<boost::asio::socket_base::reuse_address>(
-       "DtInetTcpSocket::getReuseAddressOption(): Error reading address reuse", false);
+   return getCommonOption(DtInetSockOptionReuseAddress) > 0;
 }
 
 bool DtInetTcpSocket::getDoNotRouteOption()
 {
-   return readOption<boost::asio::socket_base::do_not_route>(
-       "DtInetTcpSocket::getDoNotRouteOption(): Error reading do-not-route", false);
+   return getCommonOption(DtInetSockOptionDoNotRoute) > 0;
 }
 
 int DtInetTcpSocket::getSendBufferSize()
 {
-   return readOption<boost::asio::socket_base::send_buffer_size>(
-       "DtInetTcpSocket::getSendBufferSize(): Error reading send buffer size", -1);
+   return getCommonOption(DtInetSockOptionSendBuffer);
 }
 
 int DtInetTcpSocket::getReceiveBufferSize()
 {
-   return readOption<boost::asio::socket_base::receive_buffer_size>(
-       "DtInetTcpSocket::getReceiveBufferSize(): Error reading receive buffer size", -1);
+   return getCommonOption(DtInetSockOptionReceiveBuffer);
 }
 
 int DtInetTcpSocket::getSendLowWatermark()
 {
-   return readOption<boost::asio::socket_base::send_low_watermark>(
-       "DtInetTcpSocket::getSendLowWatermark(): Error reading send low watermark", -1);
+   return getCommonOption(DtInetSockOptionSendLowWatermark);
 }
 
 int DtInetTcpSocket::getReceiveLowWatermark()
 {
-   return readOption<boost::asio::socket_base::receive_low_watermark>(
-       "DtInetTcpSocket::getReceiveLowWatermark(): Error reading receive low watermark", -1);
+   return getCommonOption(DtInetSockOptionReceiveLowWatermark);
 }
 
 bool DtInetTcpSocket::getConnAbortedOption()

@@ -7,30 +7,12 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstring>
-#include <limits>
-#include <thread>
-
-#include <boost/asio/error.hpp>
-#include <boost/asio/post.hpp>
-
-#include <olutil/olExceptions.h>
-#include <olutil/olInetAddrUtils.h>
 #include <olutil/olInetSocketUtils.h>
 #include <olutil/olInetUdpSocket.h>
-#include <olutil/olIoServiceRunnable.h>
-#include <olutil/olThreadedObject.h>
 
 namespace
 {
 
-constexpr int theWouldBlockError = 11;
-// Closing waits at most this long for queued datagrams to leave. A datagram send does
-// not wait for a peer, so only a stalled I/O thread comes near it.
-constexpr std::chrono::seconds theDrainLimit(5);
-constexpr std::chrono::microseconds theDrainPause(200);
 // The largest UDP payload of either family: 65,535 less the UDP header (IPv6; IPv4
 // allows 65,507). The background buffer holds at least this much, so that a
 // datagram the synchronous path reads whole is never cut here.
@@ -39,9 +21,7 @@ constexpr std::size_t theLargestDatagram = 65527;
 }  // namespace
 
 DtInetUdpSockPimpl::DtInetUdpSockPimpl(boost::asio::io_context* ioContext, DtInetUdpSocket* owner)
-    : myIoContext(ioContext),
-      myThread(nullptr),
-      myRunnable(nullptr),
+    : DtInetSockPimplBase(ioContext),
       myOwner(owner),
       mySendSocket(owner ? owner->udpSocket() : nullptr),
       myReceiveSocket(owner ? owner->secondUdpSocket() : nullptr),
@@ -61,11 +41,6 @@ DtInetUdpSockPimpl::~DtInetUdpSockPimpl()
    myReceiveBuffer = nullptr;
 }
 
-bool DtInetUdpSockPimpl::running() const
-{
-   return myThread && myThread->running();
-}
-
 void DtInetUdpSockPimpl::updateSecondSocket()
 {
    myReceiveSocket = myOwner->secondUdpSocket();
@@ -78,19 +53,10 @@ void DtInetUdpSockPimpl::start(unsigned int flags)
    mySendSocket = myOwner->udpSocket();
    myReceiveSocket = myOwner->secondUdpSocket();
 
-   auto runnable = std::make_shared<DtIoServiceRunnable>(myIoContext, myOwner);
-   myRunnable = runnable.get();
-   myThread = new DtThreadedObject(runnable);
-
+   createThread(myOwner);
    if (flags & DtInetSockFlagAsyncRecv)
    {
-      int const configured = DtInetUtils::getMaxPacketBufferSize();
-      myReceiveStorage.assign(
-          std::max(theLargestDatagram, configured > 0 ? static_cast<std::size_t>(configured) : 0),
-          0);
-      delete myReceiveBuffer;
-      myReceiveBuffer =
-          new boost::asio::mutable_buffer(myReceiveStorage.data(), myReceiveStorage.size());
+      sizeReceiveBuffer(myReceiveStorage, myReceiveBuffer, theLargestDatagram);
       startReceive();
    }
    else if (flags & DtInetSockFlagAsyncSend)
@@ -99,14 +65,12 @@ void DtInetUdpSockPimpl::start(unsigned int flags)
    }
    if (flags & DtInetSockFlagAsyncSend)
       myAsyncSend = true;
-
-   // A thread that cannot be created reaches the caller as DtThreadCreationError.
-   myThread->start();
+   startThread();
 }
 
 void DtInetUdpSockPimpl::stop()
 {
-   if (myThread && myThread->running())
+   if (running())
    {
       // The work guard only kept a send-only context alive; the I/O thread keeps the
       // context running by itself until it is told to stop, which lets the queued
@@ -114,38 +78,16 @@ void DtInetUdpSockPimpl::stop()
       delete myWorkGuard;
       myWorkGuard = nullptr;
       if (myAsyncSend)
-         drainSends();
-      if (myRunnable)
-         static_cast<DtIoServiceRunnable*>(myRunnable)->stop(true);
-      try
-      {
-         myThread->stop(true);
-      }
-      catch (DtException const&)
-      {
-         // Only a thread that was never started throws here, and running() excluded it.
-      }
+         drainSends(myOutstandingSends, mySendHalted);
    }
-   delete myThread;
-   myThread = nullptr;
-   myRunnable = nullptr;
+   stopThread();
    delete myWorkGuard;
    myWorkGuard = nullptr;
 
-   clearQueue(mySendQueue);
-   clearQueue(myReceiveQueue);
+   clearQueue(mySendQueue, freeEntry);
+   clearQueue(myReceiveQueue, freeEntry);
    myReceiveTimes->clear();
    myOutstandingSends = 0;
-}
-
-void DtInetUdpSockPimpl::drainSends()
-{
-   auto const deadline = std::chrono::steady_clock::now() + theDrainLimit;
-   while (myOutstandingSends.load() > 0 && !mySendHalted.load() &&
-          std::chrono::steady_clock::now() < deadline)
-   {
-      std::this_thread::sleep_for(theDrainPause);
-   }
 }
 
 void DtInetUdpSockPimpl::startReceive()
@@ -163,15 +105,8 @@ void DtInetUdpSockPimpl::startReceive()
 void DtInetUdpSockPimpl::handleReceiveFrom(boost::system::error_code const& error,
                                            std::size_t bytes)
 {
-   if (error || bytes == std::numeric_limits<std::size_t>::max())
-   {
-      // A read cancelled by closing the receiving socket is the end of reading, not a
-      // failure: it must not poison the send queue that closing still drains. A would-
-      // block completion is not kept either. Reading ends in every case.
-      if (error != boost::asio::error::operation_aborted && error.value() != theWouldBlockError)
-         storeError(error);
+   if (receiveEnded(error, bytes, myStoredError, myHasStoredError))
       return;
-   }
    if (!myReceiveBuffer)
       return;
 
@@ -190,14 +125,6 @@ void DtInetUdpSockPimpl::handleReceiveFrom(boost::system::error_code const& erro
       myReceiveTimes->push_back(myClock.absRealTime());
    }
    startReceive();
-}
-
-void DtInetUdpSockPimpl::storeError(boost::system::error_code const& error)
-{
-   if (!error || myHasStoredError.load(std::memory_order_relaxed))
-      return;
-   myStoredError = error;
-   myHasStoredError.store(true, std::memory_order_release);
 }
 
 int DtInetUdpSockPimpl::asyncSendTo(std::vector<char>* buffer, Endpoint* endpoint,
@@ -226,36 +153,17 @@ int DtInetUdpSockPimpl::queueSend(std::vector<char>* buffer, Endpoint* endpoint,
    auto pending = std::make_shared<PendingSend>();
    pending->buffer.reset(buffer);
    pending->endpoint.reset(endpoint);
-   if (hasStoredError())
-   {
-      error = myStoredError;
-      return DtInetSockResultFailed;
-   }
-   if (!myThread)
-   {
-      // Before opening or after closing no I/O thread would ever send it: say so
-      // rather than report a datagram as sent that never leaves.
-      error = boost::asio::error::bad_descriptor;
-      return DtInetSockResultFailed;
-   }
-   int const bytes = static_cast<int>(buffer->size());
-   ++myOutstandingSends;
-   boost::asio::post(*myIoContext, [this, pending]() { addToSendQueue(pending); });
-   return bytes;
+   // Before opening or after closing no I/O thread would ever send it: that fails
+   // rather than report a datagram as sent that never leaves.
+   return postSend(static_cast<int>(buffer->size()), myStoredError, hasStoredError(),
+                   myOutstandingSends, error, [this, pending]() { addToSendQueue(pending); });
 }
 
 void DtInetUdpSockPimpl::addToSendQueue(std::shared_ptr<PendingSend> const& pending)
 {
    Entry const entry(pending->endpoint.release(), pending->buffer.release());
-   bool wasEmpty = false;
-   {
-      DtScopedLock lock(mySendQueue.mutex(), true);
-      wasEmpty = mySendQueue->empty();
-      mySendQueue->push_back(entry);
-   }
-   // One send in flight at a time keeps datagrams in order. After a failure nothing
-   // more leaves; what is queued waits for stop().
-   if (wasEmpty && !mySendHalted.load())
+   // After a failure nothing more leaves; what is queued waits for stop().
+   if (pushSend(mySendQueue, entry) && !mySendHalted.load())
       startSend(entry);
 }
 
@@ -268,30 +176,14 @@ void DtInetUdpSockPimpl::startSend(Entry const& entry)
 
 void DtInetUdpSockPimpl::handleSendComplete(boost::system::error_code const& error)
 {
-   Entry done(nullptr, nullptr);
-   {
-      DtScopedLock lock(mySendQueue.mutex(), true);
-      if (!mySendQueue->empty())
-      {
-         done = mySendQueue->front();
-         mySendQueue->pop_front();
-      }
-   }
-   freeEntry(done);
+   Entry next;
+   freeEntry(popSent(mySendQueue, next));
    --myOutstandingSends;
-
    if (error)
    {
-      storeError(error);
+      storeError(myStoredError, myHasStoredError, error);
       mySendHalted = true;
       return;
-   }
-
-   Entry next(nullptr, nullptr);
-   {
-      DtScopedLock lock(mySendQueue.mutex(), true);
-      if (!mySendQueue->empty())
-         next = mySendQueue->front();
    }
    if (next.second)
       startSend(next);
@@ -340,15 +232,8 @@ int DtInetUdpSockPimpl::takeReceived(Endpoint& sender, boost::system::error_code
 int DtInetUdpSockPimpl::getFromReceiveQueue(char* buffer, unsigned long length, Endpoint& sender,
                                             boost::system::error_code& error, double& time)
 {
-   return takeReceived(sender, error, time,
-                       [buffer, length](std::vector<char> const& data)
-                       {
-                          if (data.size() > length)
-                             return false;
-                          if (!data.empty())
-                             std::memcpy(buffer, data.data(), data.size());
-                          return true;
-                       });
+   return takeReceived(sender, error, time, [buffer, length](std::vector<char> const& data)
+                       { return copyToBuffer(data, buffer, length); });
 }
 
 int DtInetUdpSockPimpl::getFromReceiveQueue(DtInetSockChain& chain, Endpoint& sender,
@@ -363,12 +248,4 @@ void DtInetUdpSockPimpl::freeEntry(Entry const& entry)
 {
    delete static_cast<Endpoint*>(entry.first);
    delete entry.second;
-}
-
-void DtInetUdpSockPimpl::clearQueue(DtThreadSafe<Queue>& queue)
-{
-   Queue taken;
-   queue->swap(taken);
-   for (Entry const& entry : taken)
-      freeEntry(entry);
 }

@@ -29,9 +29,9 @@
 #include <olutil/olThreadSafe.h>
 #include <olutil/olTime.h>
 
+#include "olInetSockPimplBase.h"
+
 class DtInetUdpSocket;
-class DtRunnable;
-class DtThreadedObject;
 
 // Threads: start(), stop(), updateSecondSocket(), the send operations and the receive
 // queue readers belong to the socket's application thread. The I/O thread runs the
@@ -39,14 +39,12 @@ class DtThreadedObject;
 // locked for one queue step, at the stored error, which the I/O thread writes once
 // and publishes through an atomic flag before the application thread reads it, and at
 // the two atomics that let stop() wait for the queued sends.
-class DtInetUdpSockPimpl
+class DtInetUdpSockPimpl : public DtInetSockPimplBase
 {
 public:
    typedef boost::asio::ip::udp::endpoint Endpoint;
-   // A queued datagram: its heap endpoint (as void*) and its heap buffer, both owned
-   // by the queue entry. A received datagram that was cut has a null buffer.
-   typedef std::pair<void*, std::vector<char>*> Entry;
-   typedef std::deque<Entry> Queue;
+   // A queued datagram (Entry) holds its heap endpoint and its heap buffer. A received
+   // datagram that was cut has a null buffer.
 
    DtInetUdpSockPimpl(boost::asio::io_context* ioContext, DtInetUdpSocket* owner);
    ~DtInetUdpSockPimpl();
@@ -58,7 +56,6 @@ public:
    void start(unsigned int flags);
    // Sends what is queued, stops the I/O thread and empties the queues.
    void stop();
-   bool running() const;
    // Picks up the owner's receiving socket after it was replaced.
    void updateSecondSocket();
 
@@ -97,7 +94,6 @@ private:
    void addToSendQueue(std::shared_ptr<PendingSend> const& pending);
    void startSend(Entry const& entry);
    void handleSendComplete(boost::system::error_code const& error);
-   void storeError(boost::system::error_code const& error);
    // Pops the oldest received entry and its time in one step; false when none waits.
    bool popReceived(Entry& entry, double& time);
    // The two receive-queue reads: the stored error, else the oldest entry handed to
@@ -105,13 +101,8 @@ private:
    template <class Copy>
    int takeReceived(Endpoint& sender, boost::system::error_code& error, double& time,
                     Copy const& copy);
-   void drainSends();
    static void freeEntry(Entry const& entry);
-   static void clearQueue(DtThreadSafe<Queue>& queue);
 
-   boost::asio::io_context* myIoContext;
-   DtThreadedObject* myThread;
-   DtRunnable* myRunnable;
    DtInetUdpSocket* myOwner;
    DtInetBoostUdpSocket* mySendSocket;
    DtInetBoostUdpSocket* myReceiveSocket;

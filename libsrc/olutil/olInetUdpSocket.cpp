@@ -16,6 +16,7 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <type_traits>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
@@ -560,25 +561,32 @@ int DtInetUdpSocket::sendChain(DtInetSockChain& chain, unsigned int flags)
    return sendChainTo(chain, myDestination, flags);
 }
 
-int DtInetUdpSocket::sendTo(char* buffer, unsigned long length, DtInetEndpoint& endpoint,
-                            unsigned int)
+DtInetEndpoint* DtInetUdpSocket::sendTarget(DtInetEndpoint& endpoint, char const* notEnabledText)
 {
    if ((myFlags & (DtInetSockFlagSend | DtInetSockFlagAsyncSend)) == 0)
    {
-      recordFailure(95, theSendNotEnabled);
-      return DtInetSockResultFailed;
+      recordFailure(95, notEnabledText);
+      return nullptr;
    }
-   if (myState != DtInetSockStateConnected)
+   if (myState == DtInetSockStateConnected)
+      return &myDestination;
+   if (endpoint.protocol() == DtInetProtocolTcp)
    {
-      if (endpoint.protocol() == DtInetProtocolTcp)
-      {
-         recordFailure(95, theTcpEndpoint);
-         return DtInetSockResultFailed;
-      }
-      if (endpoint.protocol() == DtInetProtocolUnspecified)
-         endpoint.setProtocol(DtInetProtocolUdp);
+      recordFailure(95, theTcpEndpoint);
+      return nullptr;
    }
-   DtInetEndpoint& target = myState == DtInetSockStateConnected ? myDestination : endpoint;
+   if (endpoint.protocol() == DtInetProtocolUnspecified)
+      endpoint.setProtocol(DtInetProtocolUdp);
+   return &endpoint;
+}
+
+int DtInetUdpSocket::sendTo(char* buffer, unsigned long length, DtInetEndpoint& endpoint,
+                            unsigned int)
+{
+   DtInetEndpoint* const found = sendTarget(endpoint, theSendNotEnabled);
+   if (!found)
+      return DtInetSockResultFailed;
+   DtInetEndpoint& target = *found;
 
    ErrorCode error;
    int result = 0;
@@ -609,22 +617,10 @@ int DtInetUdpSocket::sendTo(char* buffer, unsigned long length, DtInetEndpoint& 
 int DtInetUdpSocket::sendChainTo(DtInetSockChain& chain, DtInetEndpoint& endpoint,
                                  unsigned int flags)
 {
-   if ((myFlags & (DtInetSockFlagSend | DtInetSockFlagAsyncSend)) == 0)
-   {
-      recordFailure(95, theChainSendNotEnabled);
+   DtInetEndpoint* const found = sendTarget(endpoint, theChainSendNotEnabled);
+   if (!found)
       return DtInetSockResultFailed;
-   }
-   if (myState != DtInetSockStateConnected)
-   {
-      if (endpoint.protocol() == DtInetProtocolTcp)
-      {
-         recordFailure(95, theTcpEndpoint);
-         return DtInetSockResultFailed;
-      }
-      if (endpoint.protocol() == DtInetProtocolUnspecified)
-         endpoint.setProtocol(DtInetProtocolUdp);
-   }
-   DtInetEndpoint& target = myState == DtInetSockStateConnected ? myDestination : endpoint;
+   DtInetEndpoint& target = *found;
    return runSendPipeline(
        DtInetProtocolUdp, chain, target, flags,
        [this](DtInetSockChain& packet, DtInetEndpoint& to) { return transmitChain(packet, to); },
@@ -851,6 +847,26 @@ Value DtInetUdpSocket::readOption(char const* failureText, Value failed)
               : failed;
 }
 
+bool DtInetUdpSocket::setCommonOption(DtInetSockOption option, unsigned int value)
+{
+   DtInetBoostUdpSocket* socket = myUdpSocket;
+   return DtInetSockSetOption(
+       [this, socket](auto const& apply, std::string const& text)
+       {
+          return applyToSocket(
+              socket, [socket, &apply](ErrorCode& error) { apply(*socket, error); }, text);
+       },
+       "DtInetUdpSocket", option, value);
+}
+
+int DtInetUdpSocket::getCommonOption(DtInetSockOption option)
+{
+   return DtInetSockGetOption(
+       [this](auto const& boostOption, std::string const& text)
+       { return readOption<std::decay_t<decltype(boostOption)>>(text.c_str(), -1); },
+       "DtInetUdpSocket", option);
+}
+
 bool DtInetUdpSocket::setBroadcastOption(bool enable)
 {
    return applyToSocket(
@@ -860,24 +876,17 @@ bool DtInetUdpSocket::setBroadcastOption(bool enable)
 
 bool DtInetUdpSocket::setReuseAddressOption(bool enable)
 {
-   return applyToSocket(
-       myUdpSocket, setter(myUdpSocket, boost::asio::socket_base::reuse_address(enable)),
-       "DtInetUdpSocket::setReuseAddressOption(): Error " + enabling(enable) + " address reuse\n");
+   return setCommonOption(DtInetSockOptionReuseAddress, enable);
 }
 
 bool DtInetUdpSocket::setDoNotRouteOption(bool enable)
 {
-   return applyToSocket(
-       myUdpSocket, setter(myUdpSocket, boost::asio::socket_base::do_not_route(enable)),
-       "DtInetUdpSocket::setDoNotRouteOption(): Error " + enabling(enable) + " do-not-route\n");
+   return setCommonOption(DtInetSockOptionDoNotRoute, enable);
 }
 
 bool DtInetUdpSocket::setNonBlockingOption(bool enable)
 {
-   DtInetBoostUdpSocket* socket = myUdpSocket;
-   bool const done = applyToSocket(
-       socket, [socket, enable](ErrorCode& error) { socket->non_blocking(enable, error); },
-       "DtInetUdpSocket::setNonBlockingOption(): Error " + enabling(enable) + " non-blocking IO\n");
+   bool const done = setCommonOption(DtInetSockOptionNonBlocking, enable);
    if (done)
       myNonBlocking = enable;
    return done;
@@ -885,39 +894,22 @@ bool DtInetUdpSocket::setNonBlockingOption(bool enable)
 
 bool DtInetUdpSocket::setSendBufferSize(unsigned int size)
 {
-   // All bits set asks for the system's maximum; the kernel clamps the value.
-   return applyToSocket(
-       myUdpSocket,
-       setter(myUdpSocket, boost::asio::socket_base::send_buffer_size(static_cast<int>(size))),
-       sizeText("DtInetUdpSocket::setSendBufferSize(): Error setting send buffer size to ", size));
+   return setCommonOption(DtInetSockOptionSendBuffer, size);
 }
 
 bool DtInetUdpSocket::setReceiveBufferSize(unsigned int size)
 {
-   return applyToSocket(
-       myUdpSocket,
-       setter(myUdpSocket, boost::asio::socket_base::receive_buffer_size(static_cast<int>(size))),
-       sizeText("DtInetUdpSocket::setReceiveBufferSize(): Error setting receive buffer size to ",
-                size));
+   return setCommonOption(DtInetSockOptionReceiveBuffer, size);
 }
 
 bool DtInetUdpSocket::setSendLowWatermark(unsigned int size)
 {
-   return applyToSocket(
-       myUdpSocket,
-       setter(myUdpSocket, boost::asio::socket_base::send_low_watermark(static_cast<int>(size))),
-       sizeText("DtInetUdpSocket::setSendLowWatermark(): Error setting send low watermark to ",
-                size));
+   return setCommonOption(DtInetSockOptionSendLowWatermark, size);
 }
 
 bool DtInetUdpSocket::setReceiveLowWatermark(unsigned int size)
 {
-   return applyToSocket(
-       myUdpSocket,
-       setter(myUdpSocket, boost::asio::socket_base::receive_low_watermark(static_cast<int>(size))),
-       sizeText(
-           "DtInetUdpSocket::setReceiveLowWatermark(): Error setting receive low watermark to ",
-           size));
+   return setCommonOption(DtInetSockOptionReceiveLowWatermark, size);
 }
 
 bool DtInetUdpSocket::setMcastTtlOption(unsigned int ttl)
@@ -947,38 +939,32 @@ bool DtInetUdpSocket::getBroadcastOption()
 
 bool DtInetUdpSocket::getReuseAddressOption()
 {
-   return readOption<boost::asio::socket_base::reuse_address>(
-       "DtInetUdpSocket::getReuseAddressOption(): Error reading address reuse", false);
+   return getCommonOption(DtInetSockOptionReuseAddress) > 0;
 }
 
 bool DtInetUdpSocket::getDoNotRouteOption()
 {
-   return readOption<boost::asio::socket_base::do_not_route>(
-       "DtInetUdpSocket::getDoNotRouteOption(): Error reading do-not-route", false);
+   return getCommonOption(DtInetSockOptionDoNotRoute) > 0;
 }
 
 int DtInetUdpSocket::getSendBufferSize()
 {
-   return readOption<boost::asio::socket_base::send_buffer_size>(
-       "DtInetUdpSocket::getSendBufferSize(): Error reading send buffer size", -1);
+   return getCommonOption(DtInetSockOptionSendBuffer);
 }
 
 int DtInetUdpSocket::getReceiveBufferSize()
 {
-   return readOption<boost::asio::socket_base::receive_buffer_size>(
-       "DtInetUdpSocket::getReceiveBufferSize(): Error reading receive buffer size", -1);
+   return getCommonOption(DtInetSockOptionReceiveBuffer);
 }
 
 int DtInetUdpSocket::getSendLowWatermark()
 {
-   return readOption<boost::asio::socket_base::send_low_watermark>(
-       "DtInetUdpSocket::getSendLowWatermark(): Error reading send low watermark", -1);
+   return getCommonOption(DtInetSockOptionSendLowWatermark);
 }
 
 int DtInetUdpSocket::getReceiveLowWatermark()
 {
-   return readOption<boost::asio::socket_base::receive_low_watermark>(
-       "DtInetUdpSocket::getReceiveLowWatermark(): Error reading receive low watermark", -1);
+   return getCommonOption(DtInetSockOptionReceiveLowWatermark);
 }
 
 int DtInetUdpSocket::getBytesAvailable()
