@@ -79,6 +79,15 @@ inline std::string familyName(::testing::TestParamInfo<char const*> const& info)
    return isIpv6(info.param) ? "IPv6" : "IPv4";
 }
 
+// Ends the calling test: skipped when `address` is ::1 (this machine may lack it),
+// failed otherwise.
+inline void unusable(char const* address, std::string const& why)
+{
+   if (isIpv6(address))
+      GTEST_SKIP() << "no usable ::1: " << why;
+   FAIL() << why;
+}
+
 // A listener on `address`, a client connected to it and the accepted end.
 struct TcpPair
 {

@@ -47,11 +47,7 @@ protected:
    {
       std::string why;
       if (!pair.open(address(), clientFlags, acceptedFlags, why))
-      {
-         if (olt::isIpv6(address()))
-            GTEST_SKIP() << "no usable ::1: " << why;
-         FAIL() << why;
-      }
+         unusable(address(), why);
    }
 
    olt::TcpPair pair;
