@@ -7,6 +7,11 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include <sys/socket.h>
+
+#include <gtest/gtest.h>
 
 #include <olutil/olInetTcpSocket.h>
 
@@ -38,6 +43,49 @@ int waitFor(Step step)
    while ((result = step()) == 0 && std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
    return result;
+}
+
+inline int sendText(DtInetSocket& socket, std::string text)
+{
+   return socket.send(&text[0], text.size(), 0);
+}
+
+// Reads until `size` bytes came or a read gave less than 1 (bounded); what came, then
+// the failing result as "<n>".
+inline std::string readBytes(DtInetSocket& socket, std::size_t size, std::size_t piece = 4096)
+{
+   std::string got;
+   std::vector<char> buffer(piece);
+   while (got.size() < size)
+   {
+      int const n = waitFor([&] { return socket.recv(buffer.data(), buffer.size(), 0); });
+      if (n <= 0)
+         return got + "<" + std::to_string(n) + ">";
+      got.append(buffer.data(), static_cast<std::size_t>(n));
+   }
+   return got;
+}
+
+// Ends the connection with a reset instead of an orderly close.
+inline void resetOnClose(DtInetSocket& socket)
+{
+   linger hard{1, 0};
+   ASSERT_EQ(::setsockopt(socket.descriptor(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard), 0);
+}
+
+// Test names for suites run on "127.0.0.1" and "::1".
+inline std::string familyName(::testing::TestParamInfo<char const*> const& info)
+{
+   return isIpv6(info.param) ? "IPv6" : "IPv4";
+}
+
+// Ends the calling test: skipped when `address` is ::1 (this machine may lack it),
+// failed otherwise.
+inline void unusable(char const* address, std::string const& why)
+{
+   if (isIpv6(address))
+      GTEST_SKIP() << "no usable ::1: " << why;
+   FAIL() << why;
 }
 
 // A listener on `address`, a client connected to it and the accepted end.
