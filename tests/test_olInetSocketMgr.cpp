@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <olutil/olInetTcpSocket.h>
+#include <olutil/olInetUdpSocket.h>
 
 #include "support_tcp.h"
 
@@ -146,6 +147,26 @@ TEST_P(ManagerTest, APeerDyingDuringSendToAllIsDroppedOnceWithoutFailingTheCall)
 }
 
 // A UDP peer needs no socket of its own: the server's serves it, without callbacks.
+TEST_P(ManagerTest, CreationCallbacksOfTheWrongKindAreReplaced)
+{
+   struct Case
+   {
+      char const* name;
+      DtInetSocketCreationCb make;
+   };
+   for (Case const& c :
+        {Case{"a UDP socket", [](void*, DtInetSocketMgr*) -> DtInetSocket*
+              { return new DtInetUdpSocket(); }},
+         Case{"nothing", [](void*, DtInetSocketMgr*) -> DtInetSocket* { return nullptr; }},
+         Case{"a listener", [](void*, DtInetSocketMgr*) -> DtInetSocket*
+              { return new DtInetTcpSocket(0, nullptr, DtInetUtils::DtInetFamilyIPv4, 0, false); }}})
+   {
+      SCOPED_TRACE(c.name);
+      manager->addSocketCreationCallback(c.make, nullptr);
+      join(1);
+   }
+}
+
 TEST(SocketManager, UdpPeersAreServedByTheServerSocket)
 {
    DtInetEndpoint udpServer(DtInetAddr("127.0.0.1"), 0, DtInetProtocolUdp);

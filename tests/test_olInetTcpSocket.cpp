@@ -160,6 +160,53 @@ TEST_P(TcpLoopbackTest, WouldBlockIsAFailureWithErrorElevenAndEmptyReadsRecordNo
                         DtInetSockStateConnected));
 }
 
+TEST_P(TcpLoopbackTest, CallbackRulesOfAStream)
+{
+   connect(theBlocking, theBlocking);
+   static std::vector<int> seen;
+   seen.clear();
+   auto absorb = [](DtInetSocket*, int length, DtInetSockChain&, DtInetEndpoint&, void*)
+   { return seen.push_back(length), 0; };
+   auto note = [](DtInetSocket*, int length, DtInetSockChain&, DtInetEndpoint&, void*)
+   { return seen.push_back(100 + length), 0; };
+   pair.client->addProcessingCallback(DtInetSockPreSend, absorb, nullptr, 1);
+   pair.client->addProcessingCallback(DtInetSockPreSend, absorb, nullptr, 2);
+   pair.client->addProcessingCallback(DtInetSockPostSend, note, nullptr, 1);
+
+   // A stream's pre-send callbacks always get length 0 and all run; absorbing the
+   // bytes sends nothing and counts nothing.
+   std::vector<char> data{'s', 'e', 'e', 'n'};
+   DtInetSockChain chain{&data};
+   EXPECT_EQ(pair.client->sendChain(chain, 0), 4);
+   EXPECT_EQ(seen, (std::vector<int>{0, 0, 104}));
+   EXPECT_EQ(pair.client->totalPacketsSent(), 1u);  // absorbed bytes count as handled
+   EXPECT_EQ(pair.client->totalBytesSent(), 4u);
+
+   seen.clear();
+   EXPECT_EQ(pair.client->sendChain(chain, DtInetSockCallNoPreCallbacks), 4);
+   EXPECT_EQ(seen, (std::vector<int>{104}));
+   EXPECT_EQ(pair.client->totalPacketsSent(), 2u);
+
+   auto failing = [](DtInetSocket*, int, DtInetSockChain&, DtInetEndpoint&, void*) { return -1; };
+   pair.client->addProcessingCallback(DtInetSockPostSend, failing, nullptr, 5);
+   EXPECT_EQ(pair.client->sendChain(chain, DtInetSockCallNoPreCallbacks), -1);
+   EXPECT_TRUE(recorded(*pair.client, -1,
+                        "DtInetTcpSocket::sendChain()/sendChainTo(): Post-send callback failed.",
+                        DtInetSockStateError));
+
+   // Receive side: a post-receive filter that returns 0 drops what was read.
+   auto drop = [](DtInetSocket*, int, DtInetSockChain&, DtInetEndpoint&, void*) { return 0; };
+   pair.accepted->addProcessingCallback(DtInetSockPostReceive, drop, nullptr, 1);
+   std::vector<char> in(4);
+   DtInetSockChain inChain{&in};
+   EXPECT_EQ(pair.accepted->recvToChain(inChain, 0), 0);
+   EXPECT_EQ(std::string(in.begin(), in.end()), "seen");
+   EXPECT_EQ(pair.accepted->recvToChain(inChain, DtInetSockCallNoPostCallbacks), 4);
+   DtInetSockChain none;
+   EXPECT_EQ(pair.accepted->recvToChain(none, 0), -4);
+}
+
+
 TEST_P(TcpLoopbackTest, BackgroundQueuesKeepTheOrderAndCloseDeliversFirst)
 {
    connect(theBackground, theBackground);
