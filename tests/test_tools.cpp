@@ -1,11 +1,11 @@
 // Tests of the command-line tools run as built (oldis-send, -monitor, -record,
 // -replay, olfile-send, -recv): options, what goes on the wire, counts, files, and
 // with root broadcast, multicast and host lookups inside network namespaces.
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -46,7 +46,7 @@ char const* const theReplay = OLDIS_REPLAY_PATH;
 std::chrono::seconds const theHangGuard(60);
 
 // A tool run as a child process (after `prefix`, e.g. "ip netns exec NAME"), its
-// standard output and error kept apart in unnamed files.
+// standard output and error kept apart in memory files.
 class Tool
 {
 public:
@@ -77,8 +77,7 @@ public:
       close(myFd[1]);
    }
 
-   // Until `wanted` shows on standard error (1), output (0), or with -1 until the
-   // tool ends; false when the guard was reached first.
+   // Until `wanted` is on standard error (1) or output (0), or with -1 the tool ends.
    bool waitFor(std::string const& wanted, int stream = 1)
    {
       auto const until = std::chrono::steady_clock::now() + theHangGuard;
@@ -111,7 +110,7 @@ public:
 
 private:
    static int const theRunning = -1000;
-   static int scratch() { return open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600); }
+   static int scratch() { return memfd_create("tool-output", MFD_CLOEXEC); }
 
    std::string text(int stream) const
    {
@@ -215,6 +214,10 @@ TEST(ToolOptions, BadOptionsAreRefusedWithUsageStatus)
 {
    std::pair<Argv, char const*> const cases[] = {
        {{theSend, "--port", "0"}, "bad value for --port: 0"},
+       {{theSend, "--count"}, "--count needs a value"},
+       {{theSend, "--suppress=yes"}, "--suppress takes no value"},
+       {{theMonitor, "--bogus", "1"}, "unknown option --bogus"},
+       {{theRecord, "--output=x.pcap", "stray"}, "unexpected argument stray"},
        {{theSend, "--dest", "10.77.0.255/33"}, "bad prefix length 33"},
        {{theSend, "--dest", "10.77.0.255/0"}, "bad prefix length 0"},
        {{theSend, "--dest", "10.77.0.255/255.0.255.0"}, "bad netmask 255.0.255.0"},
@@ -270,7 +273,6 @@ TEST(ToolMonitor, DatagramsAndPdusAreCountedApart)
    EXPECT_EQ(total(out, " malformed"), 2);
    EXPECT_EQ(total(out, " filtered"), 2);
    EXPECT_EQ(total(out, " PDUs in"), 4);
-   EXPECT_EQ(total(out, " by the kernel"), 0);
    EXPECT_NE(out.find("PDUs by type:\n           4  EntityState (1)\nPDUs by exercise:\n"
                       "           4  1\nPDUs by sender:\n           4  127.0.0.1:" +
                       sender.port() + "\n"),
@@ -329,10 +331,9 @@ TEST(ToolMonitor, LibraryWarningsGoToStandardErrorAndAreCounted)
    EXPECT_EQ(total(monitor.out(), " datagrams,"), 2) << monitor.out();
    EXPECT_GE(total(monitor.out(), " warnings"), 12);
    EXPECT_EQ(monitor.out().find("Coupled Attribute"), std::string::npos);
-   std::string const warning = "warning: Failed to read expected Coupled Attribute PDU";
-   std::string::size_type const first = monitor.err().find(warning);
-   EXPECT_NE(first, std::string::npos) << monitor.err();
-   EXPECT_EQ(monitor.err().find(warning, first + 1), std::string::npos) << monitor.err();
+   char const* const warning = "warning: Failed to read expected Coupled Attribute PDU";
+   EXPECT_NE(monitor.err().find(warning), std::string::npos) << monitor.err();
+   EXPECT_EQ(monitor.err().find(warning), monitor.err().rfind(warning)) << monitor.err();
 }
 
 // ------------------------------------------------------------------ the sender's PDUs
@@ -392,13 +393,12 @@ TEST(ToolSend, BundleAlignmentFollowsTheVersion)
    };
    for (auto const& c : cases)
    {
-      SCOPED_TRACE(c.first[0] + c.first[1]);
       Argv args{"--kind", "collision", "--bundle", "1400"};
       args.insert(args.end(), c.first.begin(), c.first.end());
       std::vector<std::size_t> sizes;
       for (Bytes const& d : sentBy(args))
          sizes.push_back(d.size());
-      EXPECT_EQ(sizes, c.second);
+      EXPECT_EQ(sizes, c.second) << c.first[0] << c.first[1];
    }
 }
 
@@ -484,8 +484,7 @@ TEST(ToolRecord, EveryDatagramIsWrittenWithRealHeadersAndStopsOnInterrupt)
       SCOPED_TRACE(i);
       Bytes const& p = records[i].packet;
       ASSERT_EQ(p.size(), 28 + datagrams[i].size());
-      EXPECT_EQ(be(p, 12, 4), 0x7F000001u);
-      EXPECT_EQ(be(p, 16, 4), 0x7F000001u);
+      EXPECT_EQ(be(p, 12, 8), 0x7F0000017F000001u) << "from and to 127.0.0.1";
       EXPECT_EQ(std::to_string(be(p, 20)), sender.port());
       EXPECT_EQ(std::to_string(be(p, 22)), port);
       EXPECT_EQ(be(p, 24), 8 + datagrams[i].size());
@@ -504,8 +503,8 @@ Result replay(TempDir const& dir, Socket const& to, Bytes const& bytes, Argv arg
    return run(args);
 }
 
-// A capture written by hand: each DIS datagram over IPv4 and UDP is sent as it
-// was (its exercise rewritten), the rest counted by reason.
+// A capture written by hand: each DIS datagram over IPv4 and UDP to the port asked
+// for is sent as it was (its exercise rewritten), the rest counted by reason.
 TEST(ToolReplay, HandWrittenCaptureIsSentAndEachSkipCounted)
 {
    TempDir dir;
@@ -513,9 +512,10 @@ TEST(ToolReplay, HandWrittenCaptureIsSentAndEachSkipCounted)
    Bytes bundle = olt::disPdu(4, 60), second = olt::disPdu(2, 96, 2);
    bundle.resize(64, 0);
    bundle.insert(bundle.end(), second.begin(), second.end());
-   olt::Ipv4Udp longUdp, fragment;
+   olt::Ipv4Udp longUdp, fragment, otherPort;
    longUdp.udpLengthDelta = 40;
    fragment.fragment = 0x2000;
+   otherPort.destinationPort = 3001;
    Bytes const whole = olt::ethernet(olt::ipv4(es));  // cut by the capture, last
    olt::PcapFile capture(olt::theLinkEthernet);
    capture.add(olt::ethernet(olt::ipv4(es)))
@@ -524,15 +524,17 @@ TEST(ToolReplay, HandWrittenCaptureIsSentAndEachSkipCounted)
        .add(olt::ethernet(olt::ipv4(Bytes{1, 2, 3})))
        .add(olt::ethernet(olt::ipv6(es), 0x86DD))
        .add(olt::ethernet(olt::ipv4(es, fragment)))
+       .add(olt::ethernet(olt::ipv4(es, otherPort)))
        .add(olt::ethernet(olt::ipv4(bundle), 0x0800, {5}))
        .add(Bytes(whole.begin(), whole.begin() + 60), 1000, 0, std::uint32_t(whole.size()));
    Socket receiver("127.0.0.1");
-   Result const r = replay(dir, receiver, capture.bytes(), {"--exercise", "7"});
+   Result const r =
+       replay(dir, receiver, capture.bytes(), {"--exercise", "7", "--udp-port", "3000"});
    EXPECT_EQ(r.status, 1) << "damaged packets: " << r.err;
    EXPECT_EQ(r.out.rfind("replayed 2 datagrams (3 PDUs, 304 bytes) as 2 datagrams", 0), 0u)
        << r.out;
    EXPECT_NE(r.out.find("skipped packets: 1 other protocols, 1 IPv6, 1 IPv4 fragments, 1 "
-                        "malformed, 1 truncated, 1 not DIS, 0 other ports\n"),
+                        "malformed, 1 truncated, 1 not DIS, 1 other ports\n"),
              std::string::npos)
        << r.out;
    EXPECT_NE(r.err.find("IPv6 packets are not replayed"), std::string::npos) << r.err;
@@ -665,15 +667,12 @@ TEST_F(ToolNetns, RecordsAGroupWithItsAddressesAndTimeToLive)
    ASSERT_EQ(records.size(), 3u);
    for (Recorded const& r : records)
    {
-      EXPECT_EQ(be(r.packet, 12, 4), 0x0A4E0001u) << "from 10.78.0.1";
-      EXPECT_EQ(be(r.packet, 16, 4), 0xEF010203u) << "to 239.1.2.3";
+      EXPECT_EQ(be(r.packet, 12, 8), 0x0A4E0001EF010203u) << "from 10.78.0.1 to 239.1.2.3";
       EXPECT_EQ(r.packet[8], 7) << "time to live";
       EXPECT_EQ(be(r.packet, 22), 3001u);
       EXPECT_EQ(r.packet.size(), 28u + 144u);
    }
 }
-
-// ------------------------------------------------------------------ file tools
 
 // olfile-recv on a port the system chooses writes the file under the name sent.
 TEST(FileTools, SendAndReceiveAFileOnAChosenPort)
