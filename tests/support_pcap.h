@@ -6,8 +6,6 @@
 #define OLUTIL_TESTS_SUPPORT_PCAP_H
 
 #include <cstdint>
-#include <cstring>
-#include <string>
 #include <vector>
 
 namespace olt
@@ -15,13 +13,8 @@ namespace olt
 typedef std::vector<unsigned char> PcapBytes;
 
 // Link-type numbers as a file stores them.
-std::uint32_t const theLinkNull = 0;
 std::uint32_t const theLinkEthernet = 1;
 std::uint32_t const theLinkRaw = 101;
-std::uint32_t const theLinkLoop = 108;
-std::uint32_t const theLinkSll = 113;
-std::uint32_t const theLinkIeee80211 = 105;
-std::uint32_t const theLinkSll2 = 276;
 
 inline void putLe32(PcapBytes& b, std::uint32_t v)
 {
@@ -47,15 +40,8 @@ class PcapFile
 public:
    explicit PcapFile(std::uint32_t linkType)
    {
-      putLe32(myBytes, 0xA1B2C3D4);
-      myBytes.push_back(2);
-      myBytes.push_back(0);
-      myBytes.push_back(4);
-      myBytes.push_back(0);
-      putLe32(myBytes, 0);  // time zone
-      putLe32(myBytes, 0);  // accuracy
-      putLe32(myBytes, 65535);
-      putLe32(myBytes, linkType);
+      for (std::uint32_t v : {0xA1B2C3D4u, 0x00040002u, 0u, 0u, 65535u, linkType})
+         putLe32(myBytes, v);  // magic, version 2.4, time zone, accuracy, snapshot length
    }
 
    // A record of `packet`; `wireLength` 0 means the packet was captured whole.
@@ -88,35 +74,30 @@ inline std::uint32_t sum16(unsigned char const* p, std::size_t n, std::uint32_t 
    return sum;
 }
 
+// What an IPv4 UDP packet from 127.0.0.1:40000 to 127.0.0.1 differs in.
 struct Ipv4Udp
 {
-   std::uint32_t source = 0x7F000001;
-   std::uint32_t destination = 0x7F000001;
-   unsigned int sourcePort = 40000;
    unsigned int destinationPort = 3000;
-   unsigned int protocol = 17;
    unsigned int fragment = 0;  // flags and offset
    int udpLengthDelta = 0;     // added to the UDP length field
 };
 
-// An IPv4 packet with a UDP header (or another protocol's bytes) around `payload`.
+// An IPv4 packet with a UDP header around `payload`, time to live 64.
 inline PcapBytes ipv4(PcapBytes const& payload, Ipv4Udp const& h = Ipv4Udp())
 {
-   PcapBytes p;
-   p.push_back(0x45);
-   p.push_back(0);
+   PcapBytes p{0x45, 0};
    putBe16(p, static_cast<unsigned int>(28 + payload.size()));
    putBe16(p, 1);
    putBe16(p, h.fragment);
    p.push_back(64);
-   p.push_back(static_cast<unsigned char>(h.protocol));
+   p.push_back(17);
    putBe16(p, 0);
-   putBe32(p, h.source);
-   putBe32(p, h.destination);
+   putBe32(p, 0x7F000001);
+   putBe32(p, 0x7F000001);
    std::uint32_t const ipSum = ~sum16(p.data(), 20) & 0xFFFF;
    p[10] = static_cast<unsigned char>(ipSum >> 8);
    p[11] = static_cast<unsigned char>(ipSum);
-   putBe16(p, h.sourcePort);
+   putBe16(p, 40000);
    putBe16(p, h.destinationPort);
    putBe16(p, static_cast<unsigned int>(static_cast<int>(8 + payload.size()) + h.udpLengthDelta));
    putBe16(p, 0);  // no checksum
@@ -124,7 +105,7 @@ inline PcapBytes ipv4(PcapBytes const& payload, Ipv4Udp const& h = Ipv4Udp())
    return p;
 }
 
-// An IPv6 packet with a UDP header around `payload`.
+// An IPv6 packet from ::1 to ::1 with a UDP header around `payload`.
 inline PcapBytes ipv6(PcapBytes const& payload)
 {
    PcapBytes p{0x60, 0, 0, 0};
@@ -134,12 +115,10 @@ inline PcapBytes ipv6(PcapBytes const& payload)
    for (int i = 0; i < 2; ++i)
    {
       p.insert(p.end(), 15, 0);
-      p.push_back(1);  // ::1
+      p.push_back(1);
    }
-   putBe16(p, 40000);
-   putBe16(p, 3000);
-   putBe16(p, static_cast<unsigned int>(8 + payload.size()));
-   putBe16(p, 0);
+   for (unsigned int v : {40000u, 3000u, static_cast<unsigned int>(8 + payload.size()), 0u})
+      putBe16(p, v);
    p.insert(p.end(), payload.begin(), payload.end());
    return p;
 }
@@ -159,27 +138,19 @@ inline PcapBytes ethernet(PcapBytes const& network, unsigned int etherType = 0x0
    return f;
 }
 
-// A Linux cooked header (version 1 or 2) in front of `network`.
+// A Linux cooked header (version 1 or 2) of an incoming loopback packet.
 inline PcapBytes cooked(int version, PcapBytes const& network, unsigned int protocol = 0x0800)
 {
    PcapBytes f;
    if (version == 1)
    {
-      putBe16(f, 0);    // to us
-      putBe16(f, 772);  // loopback
-      putBe16(f, 6);    // address length
-      f.insert(f.end(), 8, 0);
-      putBe16(f, protocol);
+      for (unsigned int v : {0u, 772u, 6u, 0u, 0u, 0u, 0u, protocol})  // address length 6
+         putBe16(f, v);
    }
    else
    {
-      putBe16(f, protocol);
-      putBe16(f, 0);
-      putBe32(f, 1);  // interface index
-      putBe16(f, 772);
-      f.push_back(0);  // to us
-      f.push_back(6);
-      f.insert(f.end(), 8, 0);
+      for (unsigned int v : {protocol, 0u, 0u, 1u, 772u, 6u, 0u, 0u, 0u, 0u})  // interface 1
+         putBe16(f, v);
    }
    f.insert(f.end(), network.begin(), network.end());
    return f;
