@@ -234,6 +234,8 @@ TEST(ToolOptions, BadOptionsAreRefusedWithUsageStatus)
        {{theReplay, "/nonexistent/a.pcap"}, "cannot read /nonexistent/a.pcap: "},
        {{OLFILE_SEND_PATH, "127.0.0.1:99999", "x"}, "bad target"},
        {{OLFILE_RECV_PATH, "--range", "9-3"}, "bad value for --range"},
+       {{OLSHM_DEMO_PATH, "stray"}, "unexpected argument stray"},
+       {{OLSHM_SOAK_PATH, "stray"}, "unexpected argument stray"},
    };
    for (auto const& c : cases)
    {
@@ -492,6 +494,53 @@ TEST(ToolRecord, EveryDatagramIsWrittenWithRealHeadersAndStopsOnInterrupt)
       EXPECT_GE(records[i].time, i ? records[i - 1].time : before);  // in order, while sent
       EXPECT_LE(records[i].time, after);
    }
+}
+
+// Real sender traffic, recorded and replayed with its exercise rewritten, arrives with
+// every PDU accounted for, in the statistics and the entity table too.
+TEST(ToolRecord, RecordedTrafficReplaysIntoTheMonitorWithEveryPdu)
+{
+   TempDir dir;
+   std::string const file = dir.file("mix.pcap"), recordPort = Socket("127.0.0.1").port();
+   Tool record({theRecord, "--port", recordPort, "--output", file, "--count", "16"});
+   ASSERT_TRUE(record.waitFor("recording")) << record.err();
+   Result const send = run({theSend, "--port", recordPort, "--count", "16", "--kind", "mix",
+                            "--entities", "4", "--rate", "2000"});
+   ASSERT_EQ(send.status, 0) << send.err;
+   ASSERT_EQ(record.finish(), 0) << record.err();
+   // 8 Entity State PDUs of 144 bytes, 2 Fire of 96, 2 Detonation of 104, 2 Collision
+   // of 60, 2 Entity State with an Attribute PDU, 200 bytes together.
+   EXPECT_EQ(record.out().rfind("recorded 16 datagrams, 2072 bytes in ", 0), 0u) << record.out();
+
+   std::string const monitorPort = Socket("127.0.0.1").port();
+   Tool monitor({theMonitor, "--port", monitorPort, "--count", "16", "--exercise", "4", "--stats",
+                 "--entities", "--summary"});
+   ASSERT_TRUE(monitor.waitFor("listening on")) << monitor.err();
+   Result const replayed =
+       run({theReplay, "--port", monitorPort, "--exercise", "4", "--speed", "20", file});
+   EXPECT_EQ(replayed.status, 0) << replayed.err;
+   EXPECT_EQ(replayed.out.rfind("replayed 16 datagrams (16 PDUs, 2072 bytes) as 16 datagrams to "
+                                "127.0.0.1:" + monitorPort + " in ", 0),
+             0u)
+       << replayed.out;
+   ASSERT_EQ(monitor.finish(), 0) << monitor.err();
+   std::string const out = monitor.out();
+   EXPECT_NE(out.find("total: 16 PDUs in 16 datagrams, 2072 bytes; dropped datagrams: 0 empty, 0 "
+                      "too short, 0 malformed, 0 by the kernel; dropped PDUs: 0 filtered; 0 "
+                      "warnings"),
+             std::string::npos)
+       << out;
+   EXPECT_NE(out.find("PDUs by type:\n"
+                      "          10  EntityState (1)\n"
+                      "           2  Fire (2)\n"
+                      "           2  Detonation (3)\n"
+                      "           2  Collision (4)\n"
+                      "PDUs by exercise:\n"
+                      "          16  4\n"),
+             std::string::npos)
+       << out;
+   // Within these 16 PDUs three of the four entities send Entity State PDUs.
+   EXPECT_NE(out.find("entities: 3\n"), std::string::npos) << out;
 }
 
 // Replays a capture of `bytes` to a socket of the test, with `args`.
