@@ -159,5 +159,7 @@ TEST_F(TempDir, LogDirectoryPrecedence)
       EXPECT_EQ(path(c[4]), DtGetQorLogDirectory().stdString());
       EXPECT_TRUE(isDirectory(c[4])) << c[4];
    }
-   setenv("HOME", home.c_str(), 1);  // the others were this test's own
+   setenv("HOME", home.c_str(), 1);
+   for (int i = 1; i < 4; ++i)
+      unsetenv(variables[i]);
 }
