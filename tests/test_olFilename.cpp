@@ -86,6 +86,7 @@ TEST(FilenameAliasing, ArgumentsFromTheNameItselfActAsCopies)
    std::function<void(DtFilename&, DtFilename const&)> const edits[] = {
        [](DtFilename& t, DtFilename const& a) { t.setExtension(a); },
        [&](DtFilename& t, DtFilename const& a) { t.setExtension(middle(a)); },
+       [](DtFilename& t, DtFilename const& a) { t.append(a); },
        [&](DtFilename& t, DtFilename const& a) { t.append(middle(a)); },
        [](DtFilename& t, DtFilename const& a) { t.prepend(a); },
        [&](DtFilename& t, DtFilename const& a) { t = middle(a); },
