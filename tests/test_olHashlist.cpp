@@ -31,19 +31,6 @@ std::string keyTexts(DtHashlist const& table)
    return texts;
 }
 
-// Counts the calls that reach the virtual remove.
-class CountingHashlist : public DtHashlist
-{
-public:
-   using DtHashlist::DtHashlist;
-   void* remove(DtBaseHashKey const& key) override
-   {
-      ++removes;
-      return DtHashlist::remove(key);
-   }
-   int removes = 0;
-};
-
 }  // namespace
 
 TEST(DtHashlistTest, AddLookupReplaceAndRemoveKeepTheListsInInsertionOrder)
@@ -56,10 +43,8 @@ TEST(DtHashlistTest, AddLookupReplaceAndRemoveKeepTheListsInInsertionOrder)
    EXPECT_EQ((std::vector<void*>{&a, &b, &c, nullptr}), dataOf(*table.list()));
    EXPECT_TRUE(table[DtIntHashKey(2)] == &b && table.lookup(DtPtrHashKey(&c)) == &c);
    EXPECT_NE(nullptr, table.itemLookup(DtStringHashKey("none"))) << "stored, with null data";
-   EXPECT_EQ(nullptr, table.itemLookup(DtStringHashKey("b")));
    EXPECT_EQ(&b, table.remove(DtIntHashKey(2)));
    EXPECT_EQ(nullptr, table.remove(DtIntHashKey(2)));
-   EXPECT_EQ(3, table.keys().count());
 
    // An equal key replaces the entry, which goes last, and reports the old data.
    void* old = &d;
@@ -69,16 +54,6 @@ TEST(DtHashlistTest, AddLookupReplaceAndRemoveKeepTheListsInInsertionOrder)
    EXPECT_EQ(std::string(DtPtrHashKey(&c).stringRep().c_str()) + "|none|a|", keyTexts(table));
    table.add(DtStringHashKey("new"), &a, &old);
    EXPECT_EQ(nullptr, old) << "no entry was replaced";
-
-   // Keys of other types that print alike are equal when their hashes match.
-   table.add(DtIntHashKey(5), &d);
-   EXPECT_EQ(&d, table.lookup(DtPtrHashKey(reinterpret_cast<void*>(5))));
-   EXPECT_EQ(nullptr, table.lookup(DtStringHashKey("5"))) << "\"5\" hashes to 53";
-   // A key whose text changed after its hash matches nothing; the stored clone kept the text.
-   DtStringHashKey key("abc");
-   table.add(key, &a);
-   key.setValue("xyz");
-   EXPECT_TRUE(!table.lookup(key) && table.lookup(DtStringHashKey("abc")) == &a);
 }
 
 TEST(DtHashlistTest, CollidingKeysShareABucketAndZeroBucketsMeansOne)
@@ -92,11 +67,9 @@ TEST(DtHashlistTest, CollidingKeysShareABucketAndZeroBucketsMeansOne)
       auto const key = [&](int i) { return DtIntHashKey(static_cast<unsigned>(i * table.size())); };
       for (int i = 0; i < 40; ++i)
          table.add(key(i), &values[static_cast<std::size_t>(i)]);
-      // "ab" and "ca" hash alike (97 + 196 and 99 + 194): one bucket, told apart by their text.
+      // "ab" and "ca" hash alike (97 + 196 and 99 + 194), told apart by their text.
       table.add(DtStringHashKey("ab"), &a);
       table.add(DtStringHashKey("ca"), &b);
-      EXPECT_EQ(table.bucketFromHashKey(DtStringHashKey("ab")),
-                table.bucketFromHashKey(DtStringHashKey("ca")));
       EXPECT_TRUE(table.lookup(DtStringHashKey("ab")) == &a &&
                   table.lookup(DtStringHashKey("ca")) == &b);
       EXPECT_EQ(&values[20], table.remove(key(20)));
@@ -113,49 +86,40 @@ TEST(DtHashlistTest, CollidingKeysShareABucketAndZeroBucketsMeansOne)
    EXPECT_EQ(&a, table.lookup(DtStringHashKey("\xff")));
 }
 
-TEST(DtHashlistTest, CopiesCloneTheKeysAndShareTheData)
+TEST(DtHashlistTest, CopiesCloneTheKeysShareTheDataAndTablesEmpty)
 {
    DtHashlist original(5);
    original.add(DtStringHashKey("one"), &a);
    original.add(DtIntHashKey(2), &b);
    original.add(DtStringHashKey("three"), nullptr);
    DtHashlist copy(original);
-   EXPECT_EQ(5, copy.size());
-   EXPECT_EQ(dataOf(*original.list()), dataOf(*copy.list()));
+   EXPECT_TRUE(copy.size() == 5 && dataOf(*original.list()) == dataOf(*copy.list()));
    EXPECT_EQ(keyTexts(original), keyTexts(copy));
    EXPECT_NE(original.keys().first()->data(), copy.keys().first()->data()) << "keys are cloned";
-   EXPECT_NE(nullptr, copy.itemLookup(DtStringHashKey("three")));
+   EXPECT_NE(nullptr, copy.itemLookup(DtStringHashKey("three"))) << "null data copied too";
    copy.remove(DtStringHashKey("one"));
    EXPECT_EQ(&a, original.lookup(DtStringHashKey("one"))) << "the copy is independent";
 
    DtHashlist assigned(2);
    assigned.add(DtStringHashKey("gone"), &d);
    assigned = original;
-   EXPECT_EQ(2, assigned.size()) << "the bucket count stays";
+   EXPECT_TRUE(assigned.size() == 2 && !assigned.lookup(DtStringHashKey("gone")))
+       << "the bucket count stays, the old entries go";
    EXPECT_EQ(keyTexts(original), keyTexts(assigned));
-   EXPECT_EQ(nullptr, assigned.lookup(DtStringHashKey("gone")));
    DtHashlist const& itself = assigned;
    assigned = itself;
    assigned.setFromOther(assigned);
    EXPECT_EQ(keyTexts(original), keyTexts(assigned)) << "copying a table onto itself keeps it";
-}
 
-TEST(DtHashlistTest, EmptyingGoesThroughTheVirtualRemoveAndACallersListIsNotOwned)
-{
-   CountingHashlist table(4);
-   table.add(DtStringHashKey("a"), &a);
-   table.add(DtStringHashKey("b"), &b);
-   EXPECT_EQ(2, table.removes) << "add removes first";
-   table.empty();
-   EXPECT_EQ(4, table.removes);
-   EXPECT_TRUE(table.list()->isEmpty() && table.keys().isEmpty() &&
-               !table.lookup(DtStringHashKey("a")));
-
+   // Emptying leaves a table to reuse; a caller's list is used but not owned.
    DtList list;
    {
-      DtHashlist borrowing(&list, 3);
-      borrowing.add(DtStringHashKey("a"), &a);
-      EXPECT_EQ((std::vector<void*>{&a}), dataOf(list));
+      DtHashlist table(&list, 3);
+      table.add(DtStringHashKey("a"), &a);
+      table.empty();
+      EXPECT_TRUE(list.isEmpty() && table.keys().isEmpty() && !table.lookup(DtStringHashKey("a")));
+      table.add(DtStringHashKey("b"), &b);
+      EXPECT_EQ((std::vector<void*>{&b}), dataOf(list));
    }
    EXPECT_TRUE(list.isEmpty()) << "the table took its entries, and left the list alive";
 }
