@@ -1,5 +1,4 @@
-// Tests of DtObservee and DtObserver: registration, the reasons told, and each
-// side dying first.
+// Tests of DtObservee and DtObserver: registration, the reasons told, each side dying first.
 #include <olutil/olObserver.h>
 
 #include <functional>
@@ -49,26 +48,23 @@ protected:
 
 TEST(DtObserveeTest, RegistrationIsOncePerObserverAndCopiesLeaveObserversBehind)
 {
-   DtObservee observee;
-   Recorder recorder;
+   Recorder recorder, other, first, second, third;  // outlive the observees
+   DtObservee observee, assigned;
    recorder.from = &observee;
-   EXPECT_EQ(1, observee.registerObservedBy(&recorder));
-   EXPECT_EQ(0, observee.registerObservedBy(&recorder));
+   EXPECT_TRUE(observee.registerObservedBy(&recorder) == 1 &&
+               observee.registerObservedBy(&recorder) == 0);
    observee.notifyAllObservers(DtObservee::DtWhyApplication);
-   DtObservee copy(observee), assigned;
-   Recorder other;
+   DtObservee copy(observee);
    assigned.registerObservedBy(&other);
    assigned = observee;
    copy.notifyAllObservers(DtObservee::DtWhyApplication);
    assigned.notifyAllObservers(DtObservee::DtWhyApplication);
-   EXPECT_EQ("2;", recorder.heard) << "notified once, and not through copies";
-   EXPECT_EQ("2?;", other.heard) << "assignment keeps the target's own";
-   EXPECT_EQ(1, observee.deRegisterObservedBy(&recorder));
-   EXPECT_EQ(0, observee.deRegisterObservedBy(&recorder));
-   assigned.deRegisterObservedBy(&other);
+   EXPECT_EQ("2;|2?;", recorder.heard + "|" + other.heard)
+       << "notified once, not through copies; assignment keeps the target's own";
+   EXPECT_TRUE(observee.deRegisterObservedBy(&recorder) == 1 &&
+               observee.deRegisterObservedBy(&recorder) == 0);
 
    // An observer may leave, or remove another, during a notification.
-   Recorder first, second, third;
    for (Recorder* r : {&first, &second, &third})
       observee.registerObservedBy(r);
    first.onCall = [&] { observee.deRegisterObservedBy(&second); };
@@ -78,7 +74,6 @@ TEST(DtObserveeTest, RegistrationIsOncePerObserverAndCopiesLeaveObserversBehind)
              recorder.heard + "|" + first.heard + "|" + second.heard + "|" + third.heard)
        << "the second was removed before its turn";
    EXPECT_EQ(1, observee.observerCount());
-   observee.deRegisterObservedBy(&first);
 }
 
 TEST(DtObserveeTest, TheReasonsThatDestroyTheDestructorAndTheApplicationSend)
@@ -110,8 +105,7 @@ TEST(DtObserverTest, EitherSideMayDieFirst)
       Watcher watcher;
       auto* dying = new DtObservee;
       DtObservee staying;
-      EXPECT_EQ(1, watcher.start(dying));
-      EXPECT_EQ(0, watcher.start(dying));
+      EXPECT_TRUE(watcher.start(dying) == 1 && watcher.start(dying) == 0);
       watcher.start(&staying);
       useDestroy ? DtObservee::destroy(dying) : delete dying;
       EXPECT_EQ(1, watcher.observedCount()) << "the other observee is still watched";
@@ -134,9 +128,7 @@ TEST(DtObserverTest, StopCopiesAndTheNotifierKeepBothSidesInStep)
    DtObservee one, two, three;
    Watcher watcher;
    watcher.start(&three);
-   EXPECT_EQ(1, watcher.stop(&three));
-   EXPECT_EQ(0, watcher.stop(&three));
-   EXPECT_EQ(0, three.observerCount());
+   EXPECT_TRUE(watcher.stop(&three) == 1 && watcher.stop(&three) == 0 && !three.observerCount());
    watcher.start(&one);
    watcher.start(&two);
    Watcher copy(watcher), assigned;
