@@ -127,22 +127,7 @@ TEST(DtThreadTest, StartInCurrentThreadIsOutOfReachOfStop)
    EXPECT_TRUE(!thread.isRunning() && !thread.stopped() && thread.handle() == 0UL);
 }
 
-TEST(DtThreadFunctionsTest, CreateJoinOnceAndRefuseInvalidIdentifiers)
-{
-   auto setFlag = [](void* flag) -> void* { return *static_cast<bool*>(flag) = true, nullptr; };
-   bool ran = false;
-   unsigned long id = 0;
-   unsigned long const result = DtThreadCreate(setFlag, &ran, &id);
-   ASSERT_NE(0UL, result);
-   EXPECT_EQ(result, id);
-   EXPECT_TRUE(DtThreadJoin(result) == 0 && ran);
-   EXPECT_EQ(2, DtThreadJoin(result)) << "a thread is joined once";
-   EXPECT_EQ(2, DtThreadJoin(DtGetThreadId())) << "a self-join";
-   for (unsigned long bad : {0UL, 12345UL})
-      EXPECT_TRUE(DtThreadJoin(bad) == 2 && DtThreadStop(bad) == 1) << bad;
-}
-
-TEST(DtThreadFunctionsTest, JoinsFromSeveralThreadsAllReturnAfterTheEnd)
+TEST(DtThreadFunctionsTest, JoinsFromSeveralThreadsReturnAfterTheEndAndOnlyOneJoins)
 {
    static std::atomic<bool> release{false}, ended{false};
    auto run = [](void*) -> void*
@@ -151,8 +136,9 @@ TEST(DtThreadFunctionsTest, JoinsFromSeveralThreadsAllReturnAfterTheEnd)
       ended = true;
       return nullptr;
    };
-   unsigned long const id = DtThreadCreate(run, nullptr, nullptr);
-   ASSERT_NE(0UL, id);
+   unsigned long out = 0;
+   unsigned long const id = DtThreadCreate(run, nullptr, &out);
+   ASSERT_TRUE(id != 0UL && id == out);
    std::atomic<int> started{0}, joined{0}, returnedEarly{0};
    std::thread joiners[3];
    for (std::thread& joiner : joiners)
@@ -166,6 +152,9 @@ TEST(DtThreadFunctionsTest, JoinsFromSeveralThreadsAllReturnAfterTheEnd)
    EXPECT_EQ(0, returnedEarly.load()) << "a join returned while the thread still ran";
    EXPECT_GE(joined.load(), 1);
    EXPECT_EQ(2, DtThreadJoin(id)) << "joined once";
+   EXPECT_EQ(2, DtThreadJoin(DtGetThreadId())) << "a self-join";
+   for (unsigned long bad : {0UL, 12345UL})
+      EXPECT_TRUE(DtThreadJoin(bad) == 2 && DtThreadStop(bad) == 1) << bad;
 }
 
 }  // namespace
