@@ -137,11 +137,8 @@ TEST(DtObserverTest, StopCopiesAndTheNotifierKeepBothSidesInStep)
    EXPECT_EQ(0, three.observerCount()) << "stopped observing what it observed";
    EXPECT_EQ(2, copy.observedCount());
    one.notifyAllObservers(static_cast<Why>(3));
-   three.notifyAllObservers(static_cast<Why>(4));
    EXPECT_EQ("why3;|why3;|why3;", watcher.heard + "|" + copy.heard + "|" + assigned.heard);
 
-   EXPECT_EQ(0, DtObserverNotifier().notifyFromObserved(&one, DtObservee::DtWhyApplication));
-   EXPECT_EQ(1,
-             DtObserverNotifier(&watcher).notifyFromObserved(&one, DtObservee::DtWhyApplication));
-   EXPECT_EQ("why3;why2;", watcher.heard);
+   EXPECT_EQ(0, DtObserverNotifier().notifyFromObserved(&one, DtObservee::DtWhyApplication))
+       << "a notifier without an observer forwards nothing";
 }
