@@ -12,12 +12,15 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace olt
 {
@@ -30,21 +33,15 @@ inline std::uintptr_t volatile theBadAddress = 16;
    *reinterpret_cast<int volatile*>(theBadAddress) = 1;
 }
 
-// A real division fault; a division written in C++ would be caught by the
-// undefined-behaviour checks of a sanitizer build before it faulted.
-[[gnu::noinline]] inline void divideByZero()
-{
-   int const zero = 0;
-   asm volatile("movl $1, %%eax\n\tcltd\n\tidivl %0" : : "r"(zero) : "eax", "edx", "cc");
-}
-
-// Raises SIGSEGV, SIGFPE or SIGABRT the way a faulty program does.
+// Raises SIGSEGV, SIGFPE or SIGABRT the way a faulty program does. The division
+// is written in assembly: in C++ a sanitizer would catch it before it faulted.
 [[gnu::noinline]] inline void crashBy(int signal)
 {
+   int const zero = 0;
    if (signal == SIGSEGV)
       faultOnBadAddress();
    else if (signal == SIGFPE)
-      divideByZero();
+      asm volatile("movl $1, %%eax\n\tcltd\n\tidivl %0" : : "r"(zero) : "eax", "edx", "cc");
    else
       std::abort();
    _exit(99);  // the crash did not happen
@@ -69,12 +66,10 @@ inline int inChild(std::function<void()> const& body,
       body();
       _exit(98);
    }
-   if (child < 0)
-      return -1;
-   if (whileRunning)
+   if (whileRunning && child > 0)
       whileRunning(child);
-   int status = 0;
-   if (!waitFor([&] { return waitpid(child, &status, WNOHANG) == child; }))
+   int status = -1;
+   if (child > 0 && !waitFor([&] { return waitpid(child, &status, WNOHANG) == child; }))
    {
       kill(child, SIGKILL);
       waitpid(child, &status, 0);
@@ -89,9 +84,8 @@ inline bool exitedWith(int status, int code)
 
 inline std::string fileText(std::string const& path)
 {
-   std::ifstream file(path);
    std::stringstream text;
-   text << file.rdbuf();
+   text << std::ifstream(path).rdbuf();
    return text.str();
 }
 
@@ -104,50 +98,46 @@ inline std::vector<std::string> linesOf(std::string const& text)
    return lines;
 }
 
-// A named pipe at `path`, held open for reading and filled to the brim, so
-// that whoever opens it to write waits in its first write: there a signal can
-// reach a handler that is still writing its report. (A pipe without a reader
-// would hold the writer in open, where a ThreadSanitizer build does not deliver
-// signals.)
-class FullPipe
+// Each test crashes its children into a directory of its own.
+class CrashTest : public ::testing::Test
 {
-public:
-   explicit FullPipe(std::string const& path)
-   {
-      if (mkfifo(path.c_str(), 0600) != 0)
-         return;
-      fd = open(path.c_str(), O_RDWR | O_NONBLOCK);
-      if (fd < 0)
-         return;
-      fcntl(fd, F_SETPIPE_SZ, 4096);
-      char const byte = 0;
-      while (write(fd, &byte, 1) == 1)
-      {
-      }
-      full = errno == EAGAIN;
-   }
-   ~FullPipe()
-   {
-      if (fd >= 0)
-         close(fd);
-   }
-   FullPipe(FullPipe const&) = delete;
-   FullPipe& operator=(FullPipe const&) = delete;
+protected:
+   void SetUp() override { std::filesystem::create_directories(directory); }
+   void TearDown() override { std::filesystem::remove_all(directory); }
 
-   bool full = false;
-
-private:
-   int fd = -1;
+   std::string const directory = "/tmp/olt-crash-" + std::to_string(getpid()) + "-" +
+                                 ::testing::UnitTest::GetInstance()->current_test_info()->name();
 };
 
-// Whether the process waits in a write to a pipe ("pipe_write", or
-// "anon_pipe_write" on newer kernels).
-inline bool waitsInPipeWrite(pid_t process)
+// Runs `crash` in a child whose crash file at `path` is a named pipe, held open
+// for reading and filled to the brim: the handler waits in its first write, and a
+// SIGABRT arrives while it is there. Gives the child's status, or -1 when the
+// handler never reached the write. (A pipe without a reader would hold the writer
+// in open, where a ThreadSanitizer build does not deliver signals.)
+inline int crashWithSecondSignal(std::string const& path, std::function<void()> const& crash)
 {
-   std::string const wchan = fileText("/proc/" + std::to_string(process) + "/wchan");
-   std::string const tail = "pipe_write";
-   return wchan.size() >= tail.size() &&
-          wchan.compare(wchan.size() - tail.size(), tail.size(), tail) == 0;
+   unlink(path.c_str());
+   int const fd = mkfifo(path.c_str(), 0600) == 0 ? open(path.c_str(), O_RDWR | O_NONBLOCK) : -1;
+   fcntl(fd, F_SETPIPE_SZ, 4096);
+   char const byte = 0;
+   while (fd >= 0 && write(fd, &byte, 1) == 1)
+   {
+   }
+   bool reached = fd >= 0 && errno == EAGAIN;
+   // The kernel names the wait "pipe_write", or "anon_pipe_write" on newer kernels.
+   auto const inPipeWrite = [](pid_t child)
+   {
+      std::string const wchan = fileText("/proc/" + std::to_string(child) + "/wchan");
+      return wchan.size() >= 10 && wchan.compare(wchan.size() - 10, 10, "pipe_write") == 0;
+   };
+   int const status = inChild(crash,
+                              [&](pid_t child)
+                              {
+                                 reached = reached && waitFor([&] { return inPipeWrite(child); });
+                                 kill(child, SIGABRT);
+                              });
+   close(fd);
+   return reached ? status : -1;
 }
 
 }  // namespace olt

@@ -1,14 +1,11 @@
 // Tests of DtThreadStart, DtThread and the free thread functions.
 #include <olutil/olThread.h>
 
-#include <pthread.h>
-
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -45,57 +42,48 @@ TEST(DtThreadTest, WalksThroughTheStateTable)
    PollingRunnable runnable;
    DtThread thread(std::make_shared<DtThreadStart>(&runnable));
    thread.stop(true);  // never started: nothing happens
-   EXPECT_TRUE(!thread.hasStarted() && thread.stopped() && runnable.stopCalls == 0);
    ASSERT_EQ(0, thread.start());
    unsigned long const handle = thread.handle();
    EXPECT_EQ(1, thread.start()) << "a second start before the join is refused";
 
    // `running` is set before the body is entered: wait for the body itself too.
    ASSERT_TRUE(waitFor([&] { return thread.isRunning() && runnable.threadId != 0; }));
-   EXPECT_FALSE(thread.stopped());
-   EXPECT_EQ(handle, runnable.threadId.load());
+   EXPECT_TRUE(!thread.stopped() && handle == runnable.threadId);
 
    thread.stop(false);
    EXPECT_TRUE(thread.stopped() && thread.hasStarted()) << "stop(false) leaves the handle set";
    ASSERT_TRUE(waitFor([&] { return !thread.isRunning(); }) && runnable.sawStop);
 
    thread.stop(true);
-   EXPECT_EQ(1, runnable.stopCalls.load()) << "the second stop only joins";
-   EXPECT_TRUE(!thread.hasStarted() && thread.stopped());
+   EXPECT_TRUE(runnable.stopCalls == 1 && !thread.hasStarted()) << "the second stop only joins";
    EXPECT_EQ(2, DtThreadJoin(handle)) << "joined once, by stop(true)";
    ASSERT_EQ(0, thread.start()) << "a joined thread starts again";
    thread.stop(true);  // possibly before the body was entered
    EXPECT_TRUE(!thread.isRunning() && !thread.hasStarted());
 }
 
-TEST(DtThreadTest, DestructorStopsAndJoinsRunnablesAndFunctions)
+// Stops from many threads at once reach the runnable once; the destructor stops
+// and joins. A plain function can only watch its flag: there is no stop to call.
+TEST(DtThreadTest, ManyStopsReachTheRunnableOnceAndTheDestructorJoins)
 {
-   // A plain function can only watch its flag: DtThreadStart::stop has nothing to call.
-   auto function = [](void* sawStop, bool volatile* flag)
-   { *static_cast<std::atomic<bool>*>(sawStop) = waitFor([flag] { return DtStopRequested(flag); }); };
+   auto function = [](void* sawStop, bool volatile* flag) {
+      *static_cast<std::atomic<bool>*>(sawStop) = waitFor([flag] { return DtStopRequested(flag); });
+   };
    PollingRunnable runnable;
    std::atomic<bool> functionSawStop(false);
    {
       DtThread first(std::make_shared<DtThreadStart>(&runnable));
       DtThread second(std::make_shared<DtThreadStart>(function, &functionSawStop));
       ASSERT_EQ(0, first.start() + second.start());
-      ASSERT_TRUE(waitFor([&] { return first.isRunning() && second.isRunning(); }));
+      std::thread stoppers[4];
+      for (std::thread& stopper : stoppers)
+         stopper = std::thread([&] { first.stop(false); });
+      for (std::thread& stopper : stoppers)
+         stopper.join();
+      ASSERT_TRUE(waitFor([&] { return second.isRunning(); }));
    }
-   EXPECT_TRUE(runnable.sawStop.load() && functionSawStop.load());
-}
-
-TEST(DtThreadTest, StopsFromManyThreadsAtOnceReachTheRunnableOnce)
-{
-   PollingRunnable runnable;
-   DtThread thread(std::make_shared<DtThreadStart>(&runnable));
-   ASSERT_EQ(0, thread.start());
-   std::vector<std::thread> stoppers;
-   for (int i = 0; i < 4; ++i)
-      stoppers.emplace_back([&] { thread.stop(false); });
-   for (std::thread& stopper : stoppers)
-      stopper.join();
-   thread.stop(true);
-   EXPECT_TRUE(runnable.sawStop && runnable.stopCalls == 1) << runnable.stopCalls;
+   EXPECT_TRUE(runnable.sawStop && functionSawStop && runnable.stopCalls == 1)
+       << runnable.stopCalls;
 }
 
 TEST(DtThreadTest, JoinedThreadIsNotJoinedAgainUnderAReusedIdentifier)
@@ -118,7 +106,8 @@ TEST(DtThreadTest, JoinedThreadIsNotJoinedAgainUnderAReusedIdentifier)
       }
       EXPECT_EQ(2, first->join()) << "joined once";
       first.reset();  // stop(true) joins nothing now
-      EXPECT_EQ(0, DtThreadJoin(other)) << "the newcomer was joined by a DtThread that did not start it";
+      EXPECT_EQ(0, DtThreadJoin(other))
+          << "the newcomer was joined by a DtThread that did not start it";
       return;
    }
    GTEST_SKIP() << "the system gave no thread identifier twice in 50 attempts";
@@ -138,57 +127,34 @@ TEST(DtThreadTest, StartInCurrentThreadIsOutOfReachOfStop)
    EXPECT_TRUE(!thread.isRunning() && !thread.stopped() && thread.handle() == 0UL);
 }
 
-TEST(DtThreadFunctionsTest, CreateJoinOnceAndRefuseInvalidIdentifiers)
+TEST(DtThreadFunctionsTest, JoinsFromSeveralThreadsReturnAfterTheEndAndOnlyOneJoins)
 {
-   auto setFlag = [](void* flag) -> void* { return *static_cast<bool*>(flag) = true, nullptr; };
-   bool ran = false;
-   unsigned long id = 0;
-   unsigned long const result = DtThreadCreate(setFlag, &ran, &id);
-   ASSERT_NE(0UL, result);
-   EXPECT_EQ(result, id);
-   EXPECT_TRUE(DtThreadJoin(result) == 0 && ran);
-   EXPECT_EQ(2, DtThreadJoin(result)) << "a thread is joined once";
-   EXPECT_EQ(static_cast<unsigned long>(pthread_self()), DtThread::GetCurrentThreadHandle());
-   EXPECT_EQ(2, DtThreadJoin(DtGetThreadId())) << "a self-join";
-   for (unsigned long bad : {0UL, 12345UL})
-      EXPECT_TRUE(DtThreadJoin(bad) == 2 && DtThreadStop(bad) == 1) << bad;
-}
-
-TEST(DtThreadFunctionsTest, JoinsFromSeveralThreadsAllReturnAfterTheEnd)
-{
-   struct Body
+   static std::atomic<bool> release{false}, ended{false};
+   auto run = [](void*) -> void*
    {
-      std::atomic<bool> release{false}, ended{false};
-   } body;
-   auto run = [](void* argument) -> void*
-   {
-      auto* shared = static_cast<Body*>(argument);
-      waitFor([shared] { return shared->release.load(); });
-      shared->ended = true;
+      waitFor([] { return release.load(); });
+      ended = true;
       return nullptr;
    };
-   unsigned long const id = DtThreadCreate(run, &body, nullptr);
-   ASSERT_NE(0UL, id);
+   unsigned long out = 0;
+   unsigned long const id = DtThreadCreate(run, nullptr, &out);
+   ASSERT_TRUE(id != 0UL && id == out);
    std::atomic<int> started{0}, joined{0}, returnedEarly{0};
-   std::vector<std::thread> joiners;
-   for (int i = 0; i < 3; ++i)
-      joiners.emplace_back(
-          [&]
-          {
-             ++started;
-             int const result = DtThreadJoin(id);
-             joined += result == 0;
-             returnedEarly += !body.ended;
-          });
+   std::thread joiners[3];
+   for (std::thread& joiner : joiners)
+      joiner =
+          std::thread([&] { ++started, joined += DtThreadJoin(id) == 0, returnedEarly += !ended; });
    waitFor([&] { return started.load() == 3; });
-   // Most often every joiner is inside DtThreadJoin by now; any order must hold.
-   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-   body.release = true;
+   std::this_thread::sleep_for(std::chrono::milliseconds(20));  // most often all joining by now
+   release = true;
    for (std::thread& joiner : joiners)
       joiner.join();
    EXPECT_EQ(0, returnedEarly.load()) << "a join returned while the thread still ran";
    EXPECT_GE(joined.load(), 1);
    EXPECT_EQ(2, DtThreadJoin(id)) << "joined once";
+   EXPECT_EQ(2, DtThreadJoin(DtGetThreadId())) << "a self-join";
+   for (unsigned long bad : {0UL, 12345UL})
+      EXPECT_TRUE(DtThreadJoin(bad) == 2 && DtThreadStop(bad) == 1) << bad;
 }
 
 }  // namespace
