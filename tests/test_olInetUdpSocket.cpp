@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -265,55 +266,38 @@ TEST_P(UdpLoopbackTest, SendFailuresKeepTheStateAndInTheBackgroundStick)
    EXPECT_TRUE(recorded(*sender, 90, "", DtInetSockStateOpen, true));
 }
 
+// Through the constructor, setDestination (after a good one, which is used again) and
+// setSocket with an unspecified protocol (taken as UDP). A failed lookup keeps the
+// earlier address, the receiver's: a socket that lost the failure would send there.
 TEST_P(UdpLoopbackTest, DestinationWhoseLookupFailedIsNeverUsed)
 {
    receiver = open(theSyncFlags);
    DtInetEndpoint const good = endpoint(address(), receiver->localPort());
-   // A failed lookup keeps the earlier address: the receiver's, so that a socket which
-   // lost the failure on the way in would be seen sending there.
    DtInetEndpoint bad = good;
+   auto const family =
+       std::strchr(address(), ':') ? DtInetUtils::DtInetFamilyIPv6 : DtInetUtils::DtInetFamilyIPv4;
    std::string reason;
-   if (!olt::runIsolated(
-           [&]
-           {
-              bad.hostLookup(DtString("nohost.invalid"), 0,
-                             std::strchr(address(), ':') ? DtInetUtils::DtInetFamilyIPv6
-                                                         : DtInetUtils::DtInetFamilyIPv4);
-           },
-           &reason))
+   if (!olt::runIsolated([&] { bad.hostLookup(DtString("nohost.invalid"), 0, family); }, &reason))
       GTEST_SKIP() << "the failing lookup runs where no query can leave the machine: " << reason;
    ASSERT_FALSE(bad.isOk());
    DtInetEndpoint unspecified = bad;
    unspecified.setProtocol(DtInetProtocolUnspecified);
-
-   for (int way = 0; way < 3; ++way)
+   std::unique_ptr<DtInetUdpSocket> sockets[] = {
+       std::make_unique<DtInetUdpSocket>(bad, 0, myDevice.get(), theSyncFlags, true),
+       open(theSyncFlags, 9), std::make_unique<DtInetUdpSocket>()};
+   ASSERT_TRUE(sockets[1]->setDestination(bad) && sockets[1]->setDestination(good));
+   ASSERT_EQ(sendText(*sockets[1], "good"), 4);
+   EXPECT_EQ(next(*receiver, from), "good");
+   ASSERT_TRUE(sockets[1]->setDestination(bad));
+   ASSERT_TRUE(sockets[2]->setSocket(unspecified, 0, myDevice.get(), theSyncFlags) &&
+               sockets[2]->openSocket());
+   EXPECT_EQ(sockets[2]->destination().protocol(), DtInetProtocolUdp);
+   std::vector<char> piece{'x', 'y'};
+   DtInetSockChain chain{&piece, &piece};
+   for (auto& socket : sockets)
    {
-      SCOPED_TRACE(way == 0 ? "constructor" : way == 1 ? "setDestination" : "setSocket");
-      std::unique_ptr<DtInetUdpSocket> socket;
-      if (way == 0)
-         socket = std::make_unique<DtInetUdpSocket>(bad, 0, myDevice.get(), theSyncFlags, true);
-      if (way == 1)
-      {
-         // A good destination after a bad one is used again.
-         socket = open(theSyncFlags, 9);
-         ASSERT_TRUE(socket->setDestination(bad) && socket->setDestination(good));
-         ASSERT_EQ(sendText(*socket, "good"), 4);
-         EXPECT_EQ(next(*receiver, from), "good");
-         ASSERT_TRUE(socket->setDestination(bad));
-      }
-      if (way == 2)
-      {
-         // An unspecified protocol is taken as UDP.
-         socket = std::make_unique<DtInetUdpSocket>();
-         ASSERT_TRUE(socket->setSocket(unspecified, 0, myDevice.get(), theSyncFlags));
-         ASSERT_TRUE(socket->openSocket()) << socket->getLastErrorString();
-         EXPECT_EQ(socket->destination().protocol(), DtInetProtocolUdp);
-      }
       EXPECT_FALSE(socket->destination().isOk());
-
       // Every attempt fails alike: the failure is not used up by reporting it.
-      std::vector<char> piece{'x', 'y'};
-      DtInetSockChain chain{&piece, &piece};
       for (int attempt = 0; attempt < 2; ++attempt)
       {
          EXPECT_EQ(sendText(*socket, "lost"), -1);
@@ -323,10 +307,10 @@ TEST_P(UdpLoopbackTest, DestinationWhoseLookupFailedIsNeverUsed)
          EXPECT_TRUE(recorded(*socket, 89,
                               "DtInetUdpSocket::sendChain(): Error - no default destination set."));
       }
-      // Loopback delivers during the send: anything sent would be waiting now.
-      char byte;
-      EXPECT_EQ(receiver->recv(&byte, 1, 0), 0);
    }
+   // Loopback delivers during the send: anything sent would be waiting now.
+   char byte;
+   EXPECT_EQ(receiver->recv(&byte, 1, 0), 0);
 }
 
 // The largest datagram of each family (65,507 bytes over IPv4, 65,527 over IPv6)
@@ -385,95 +369,6 @@ TEST(UdpSocketErrors, RefusedSendsAndOpens)
                             device.getLastErrorString().c_str()));
 }
 
-// A private namespace entered by the test's thread, with a veth pair (oltu0 192.0.2.1,
-// oltu1 192.0.2.2) carrying the multicast route out of oltu0. The guard ends first.
-class UdpNamespaceTest : public ::testing::Test
-{
-protected:
-   void SetUp() override
-   {
-      std::string reason;
-      if (!olt::TestNetns::isAvailable(&reason))
-         GTEST_SKIP() << reason;
-      olt::TestNetns& n = *(myNetns = std::make_unique<olt::TestNetns>());
-      ASSERT_TRUE(n.ok() && n.addVethPair("oltu0", "oltu1") &&
-                  n.addAddress("oltu0", "192.0.2.1/24") && n.addAddress("oltu1", "192.0.2.2/24") &&
-                  n.setLinkUp("oltu0") && n.setLinkUp("oltu1") &&
-                  n.ip({"route", "add", "224.0.0.0/4", "dev", "oltu0"}))
-          << n.error();
-      myGuard = std::make_unique<olt::NetnsGuard>(n);
-      ASSERT_TRUE(myGuard->ok()) << myGuard->error();
-   }
-
-   DtInetEndpoint from;
-   std::unique_ptr<olt::TestNetns> myNetns;
-   std::unique_ptr<olt::NetnsGuard> myGuard;
-};
-
-TEST_F(UdpNamespaceTest, MulticastDestinationBindsItsPortAndJoinsTheGroup)
-{
-   DtInetUdpSocket receiver(endpoint("239.1.2.3", 40001), 0, nullptr, theSyncFlags, true);
-   ASSERT_EQ(receiver.state(), DtInetSockStateOpen) << receiver.getLastErrorString();
-   EXPECT_EQ(receiver.localPort(), 40001);
-   EXPECT_TRUE(receiver.localEndpoint().address().isAnyAddr());
-   EXPECT_TRUE(receiver.joinMulticastGroup(DtInetAddr("239.1.2.3")));  // already there
-   ASSERT_EQ(receiver.joinedGroups().size(), 1u);
-
-   DtInetUdpSocket sender(endpoint("239.1.2.3", 40001), 40002, nullptr, theSyncFlags, true);
-   ASSERT_EQ(sendText(sender, "to the group"), 12) << sender.getLastErrorString();
-   EXPECT_EQ(next(receiver, from), "to the group");
-   EXPECT_EQ(from.port(), 40002);
-
-   // An open group socket keeps its destination, and will not connect (last error 0).
-   EXPECT_FALSE(receiver.setDestination(endpoint("192.0.2.2", 40003)));
-   EXPECT_EQ(receiver.getLastError(), 106);
-   EXPECT_FALSE(receiver.connectToDestination());
-   EXPECT_TRUE(recorded(receiver, 0,
-                        "DtInetUdpSocket::connectToDestination(): cannot connect() to multicast "
-                        "/ broadcast destination",
-                        DtInetSockStateOpen));
-   EXPECT_TRUE(receiver.dropMulticastGroup(endpoint("239.1.2.3", 40001)));
-   EXPECT_TRUE(receiver.joinedGroups().empty());
-}
-
-// A host interface other than the primary one (the first non-loopback device) sends
-// from its address and listens for broadcasts on a second socket bound to the
-// any-address. Closing it while its background reads run and datagrams still arrive
-// succeeds every time, and the closed socket neither reads nor reports a failure of a
-// read started after the close (ThreadSanitizer sees a read restarted as it closes).
-TEST_F(UdpNamespaceTest, SecondaryDeviceReceivesBroadcastsAndClosesDuringReads)
-{
-   DtInetDeviceList const devices = DtInetUtils::scanInetDevices(true, false);
-   ASSERT_GE(devices.size(), 3u);
-   bool const useFirst =
-       devices[devices[0]->ipv4Addr()->isLoopback() ? 1 : 0]->deviceName() != DtString("oltu0");
-   DtInetDevice device(DtString(useFirst ? "oltu0" : "oltu1"), DtInetUtils::DtInetFamilyIPv4);
-   DtInetUdpSocket peer(endpoint("192.0.2.255", 40020), 40021, nullptr, theSyncFlags, true);
-   ASSERT_EQ(peer.state(), DtInetSockStateOpen) << peer.getLastErrorString();
-   char byte = 0;
-   for (int round = 0; round < 20; ++round)
-   {
-      SCOPED_TRACE(round);
-      DtInetUdpSocket socket(endpoint("192.0.2.255", 40020), 0, &device, theAsyncRecvFlags, true);
-      ASSERT_EQ(socket.state(), DtInetSockStateOpen) << socket.getLastErrorString();
-      ASSERT_NE(socket.udpSocket(), socket.secondUdpSocket());
-      if (round == 0)
-      {
-         EXPECT_STREQ(socket.localEndpoint().address().toDtString().c_str(),
-                      useFirst ? "192.0.2.1" : "192.0.2.2");
-         ASSERT_EQ(sendText(peer, "to the device"), 13);
-         EXPECT_EQ(next(socket, from), "to the device");
-         EXPECT_EQ(from.port(), 40021);
-      }
-      for (int i = 0; i < 300; ++i)
-         ASSERT_EQ(sendText(peer, "flood"), 5);
-      ASSERT_EQ(waitFor([&] { return socket.recv(&byte, 1, 0); }), -4);  // reading has begun
-      EXPECT_TRUE(socket.closeSocket()) << socket.getLastErrorString();
-      EXPECT_EQ(socket.recv(&byte, 1, 0), 0);
-      EXPECT_TRUE(recorded(socket, 0, "", DtInetSockStateClosed));
-   }
-}
-
 // Three hosts (see olt::TestHosts); sockets are made inside a host by on().
 class UdpHostsTest : public olt::HostsTest
 {
@@ -490,7 +385,7 @@ protected:
       return socket;
    }
 
-   // Sends `count` datagrams of 9 bytes.
+   // Sends `count` datagrams of 9 bytes; how many went.
    static int sendMany(DtInetUdpSocket& socket, int count)
    {
       int sent = 0;
@@ -499,18 +394,58 @@ protected:
       return sent;
    }
 
-   // The datagrams that arrive until none has come for a while: length -> count.
+   // How many datagrams (of 9 bytes, or others) came until none came for a while.
    static std::map<int, int> drain(DtInetUdpSocket& socket)
    {
       std::vector<char> buffer(2048);
       return olt::drain([&] { return socket.recv(buffer.data(), buffer.size(), 0); });
    }
-
-   static std::map<int, int> datagrams(int count)
-   {
-      return count ? std::map<int, int>{{9, count}} : std::map<int, int>{};
-   }
+   using Counts = std::map<int, int>;
+   static Counts nine(int count) { return count ? Counts{{9, count}} : Counts{}; }
 };
+
+// Host 0's interface other than its primary one (the first non-loopback device) sends
+// from its address and hears broadcasts on a second socket bound to the any-address.
+// Closed while its background reads run and datagrams arrive, it closes every time and
+// neither reads nor reports a failure of a read started after the close
+// (ThreadSanitizer sees a read restarted as it closes).
+TEST_F(UdpHostsTest, SecondaryDeviceHearsBroadcastsAndClosesDuringReads)
+{
+   olt::NetnsGuard inside(myHosts->host(0));
+   ASSERT_TRUE(inside.ok()) << inside.error();
+   DtInetDeviceList const devices = DtInetUtils::scanInetDevices(true, false);
+   ASSERT_GE(devices.size(), 3u);
+   int const segment =
+       devices[devices[0]->ipv4Addr()->isLoopback() ? 1 : 0]->deviceName() == DtString("olteth0");
+   auto device = olt::ipv4Device(olt::TestHosts::device(segment));
+   DtInetEndpoint const broadcast(
+       DtInetAddr(segment ? "10.78.0.255" : "10.77.0.255", "255.255.255.0"), 40020,
+       DtInetProtocolUdp);
+   auto peer = on(1, broadcast, "", 40021);
+   char byte = 0;
+   for (int round = 0; round < 20; ++round)
+   {
+      SCOPED_TRACE(round);
+      DtInetUdpSocket socket(broadcast, 0, device.get(), theAsyncRecvFlags, true);
+      ASSERT_EQ(socket.state(), DtInetSockStateOpen) << socket.getLastErrorString();
+      ASSERT_NE(socket.udpSocket(), socket.secondUdpSocket());
+      if (round == 0)
+      {
+         EXPECT_EQ(socket.localEndpoint().address().toDtString().stdString(),
+                   olt::TestHosts::address(0, segment));
+         ASSERT_EQ(sendText(*peer, "to the device"), 13);
+         DtInetEndpoint from;
+         EXPECT_EQ(next(socket, from), "to the device");
+         EXPECT_EQ(from.port(), 40021);
+      }
+      for (int i = 0; i < 300; ++i)
+         ASSERT_EQ(sendText(*peer, "flood"), 5);
+      ASSERT_EQ(waitFor([&] { return socket.recv(&byte, 1, 0); }), -4);  // reading has begun
+      EXPECT_TRUE(socket.closeSocket()) << socket.getLastErrorString();
+      EXPECT_EQ(socket.recv(&byte, 1, 0), 0);
+      EXPECT_TRUE(recorded(socket, 0, "", DtInetSockStateClosed));
+   }
+}
 
 // Two groups on one port, and one group on two interfaces, on host 1: a socket gets
 // the groups it joined and none that only another socket of its host joined. IPv4
@@ -531,9 +466,9 @@ TEST_F(UdpHostsTest, EachSocketReceivesOnlyTheGroupsItJoined)
       EXPECT_EQ(sendMany(*on(0, first, "", 40101), 20), 20);
       EXPECT_EQ(sendMany(*on(0, second, "", 40102), 30), 30);
       EXPECT_EQ(sendMany(*on(0, first, olt::TestHosts::device(1), 40103), 40), 40);
-      EXPECT_EQ(drain(*joinedFirst), datagrams(ipv6 ? 60 : 20));
-      EXPECT_EQ(drain(*joinedSecond), datagrams(30));
-      EXPECT_EQ(drain(*firstOnSegment1), datagrams(ipv6 ? 60 : 40));
+      EXPECT_EQ(drain(*joinedFirst), nine(ipv6 ? 60 : 20));
+      EXPECT_EQ(drain(*joinedSecond), nine(30));
+      EXPECT_EQ(drain(*firstOnSegment1), nine(ipv6 ? 60 : 40));
    }
 }
 
@@ -560,8 +495,8 @@ TEST_F(UdpHostsTest, MulticastLeavesByTheChosenInterface)
                 << sender->getLastErrorString();
          }
          EXPECT_EQ(sendMany(*sender, 25), 25);
-         EXPECT_EQ(drain(*onSegment1), datagrams(choice != 3 ? 25 : 0));
-         EXPECT_EQ(drain(*onSegment0), datagrams(choice != 3 ? 0 : 25));
+         EXPECT_EQ(drain(*onSegment1), nine(choice != 3 ? 25 : 0));
+         EXPECT_EQ(drain(*onSegment0), nine(choice != 3 ? 0 : 25));
          EXPECT_EQ(sender->state(), DtInetSockStateOpen);
       }
 }
