@@ -1,5 +1,4 @@
-// Datagram socket tests with real traffic: loopback for send and receive, private
-// network namespaces for multicast and broadcast.
+// Datagram socket tests with real traffic: loopback, and private hosts for groups.
 #include <olutil/olInetUdpSocket.h>
 
 #include <algorithm>
@@ -32,8 +31,7 @@ auto const endpoint = [](char const* address, unsigned short port)
 auto const sendText = [](DtInetUdpSocket& socket, std::string text)
 { return socket.send(&text[0], text.size(), 0); };
 
-// The error record holds `error` and `text` (with `prefix`: a text that starts with it),
-// and the socket is in `state`.
+// The record holds `error` and `text` (or, with `prefix`, starts so); state is `state`.
 ::testing::AssertionResult recorded(DtInetSocket& socket, int error, std::string const& text,
                                     int state = -1, bool prefix = false)
 {
@@ -56,8 +54,7 @@ int waitFor(Read read)
    return result;
 }
 
-// The next datagram on `socket`, waited for, read into `size` bytes; a result of 0 or
-// less as its number.
+// The next datagram on `socket`, waited for; a result of 0 or less as its number.
 std::string next(DtInetUdpSocket& socket, DtInetEndpoint& from, std::size_t size = 64)
 {
    std::vector<char> a(size);
@@ -80,7 +77,6 @@ protected:
 
    char const* address() const { return GetParam(); }
 
-   // A socket bound to the loopback address, sending by default to `peerPort`.
    std::unique_ptr<DtInetUdpSocket> open(unsigned int flags, unsigned short peerPort = 9)
    {
       auto socket = std::make_unique<DtInetUdpSocket>(endpoint(address(), peerPort), 0,
@@ -89,7 +85,6 @@ protected:
       return socket;
    }
 
-   // A receiver and a sender aimed at it.
    void openPair(unsigned int receiverFlags, unsigned int senderFlags)
    {
       receiver = open(receiverFlags);
@@ -104,40 +99,6 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Loopback, UdpLoopbackTest, ::testing::Values("127.0.0.1", "::1"),
                          [](::testing::TestParamInfo<char const*> const& info)
                          { return std::string(info.param[0] == ':' ? "IPv6" : "IPv4"); });
-
-TEST_P(UdpLoopbackTest, DatagramsArriveWithTheirSenderAndOnlyChainsRunCallbacks)
-{
-   openPair(theSyncFlags, theSyncFlags);
-   EXPECT_STREQ(receiver->localEndpoint().address().toDtString().c_str(), address());
-   static int seen;
-   seen = 0;
-   auto absorb = [](DtInetSocket*, int length, DtInetSockChain&, DtInetEndpoint&, void*)
-   { return seen = length, 0; };
-   auto keep = [](DtInetSocket*, int length, DtInetSockChain&, DtInetEndpoint&, void*)
-   { return seen = 100 + length, length; };
-   sender->addProcessingCallback(DtInetSockPreSend, absorb, nullptr, 1);
-   receiver->addProcessingCallback(DtInetSockPostReceive, keep, nullptr, 1);
-   EXPECT_EQ(sendText(*sender, "hello"), 5);
-   EXPECT_EQ(next(*receiver, from), "hello");
-   EXPECT_EQ(from.port(), sender->localPort());
-   EXPECT_STREQ(from.address().toDtString().c_str(), address());
-   EXPECT_EQ(seen, 0);
-   // The absorbed chain counts as sent but never leaves; a chain read runs the callback.
-   std::vector<char> a{'a', 'b', 'c'};
-   DtInetSockChain chain{&a};
-   EXPECT_EQ(sender->sendChain(chain, 0), 3);
-   EXPECT_EQ(seen, 3);
-   ASSERT_EQ(sendText(*sender, "xy"), 2);
-   EXPECT_EQ(waitFor([&] { return receiver->recvToChain(chain, 0); }), 2);
-   EXPECT_EQ(seen, 102);
-   EXPECT_EQ(sender->totalPacketsSent() + receiver->totalPacketsReceived(), 5u);
-
-   // A hop limit beyond one byte is refused without an exception.
-   EXPECT_FALSE(sender->setMcastTtlOption(300));
-   EXPECT_TRUE(recorded(*sender, EINVAL,
-                        "DtInetUdpSocket::setMcastTtl(): Error setting multicast TTL to  300\n", -1,
-                        true));
-}
 
 // A chain of `count` buffers of 1 to 23 bytes, every `emptyEvery`-th one empty (at odd
 // places null); each byte tells its buffer and place apart (zero: all bytes 0).
@@ -169,9 +130,9 @@ struct Pieces
 
 TEST_P(UdpLoopbackTest, ChainsOfAnyLengthTravelAsOneDatagramBothWays)
 {
-   // Boost.Asio hands at most 64 buffers to one system call, and the system takes at
-   // most 1,024 entries: lengths on either side of both, synchronous and queued. Empty
-   // and null buffers do not count: 82 with every fifth empty are 66 to carry.
+   // Boost.Asio hands at most 64 buffers to one system call, the system at most 1,024:
+   // lengths on either side of both, synchronous and queued. Empty and null buffers do
+   // not count: 82 with every fifth empty are 66 to carry.
    std::pair<std::size_t, std::size_t> const cases[] = {{1, 0},    {64, 0},   {65, 0},
                                                         {1024, 0}, {1100, 0}, {82, 5}};
    for (unsigned int flags : {theSyncFlags, theAsyncRecvFlags | theAsyncSendFlags})
@@ -187,9 +148,8 @@ TEST_P(UdpLoopbackTest, ChainsOfAnyLengthTravelAsOneDatagramBothWays)
          EXPECT_EQ(next(*receiver, from, 65536), expected);
          EXPECT_EQ(from.port(), sender->localPort());
 
-         // One datagram scattered over the same layout fills every buffer in turn; one
-         // byte more than the chain holds does not fit, and the next one is read.
-         for (std::string const& text : {expected, expected + "+", expected})
+         // A datagram fills every buffer of the same layout; one byte more does not fit.
+         for (std::string const& text : {expected, expected + "+"})
             ASSERT_EQ(sendText(*sender, text), static_cast<int>(text.size()));
          from.setPort(1);
          EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(in.chain, from, 0); }), total);
@@ -197,14 +157,12 @@ TEST_P(UdpLoopbackTest, ChainsOfAnyLengthTravelAsOneDatagramBothWays)
          EXPECT_EQ(from.port(), sender->localPort());
          EXPECT_EQ(waitFor([&] { return receiver->recvToChain(in.chain, 0); }),
                    DtInetSockResultNoFit);
-         in = Pieces(count, emptyEvery, true);
-         EXPECT_EQ(waitFor([&] { return receiver->recvToChain(in.chain, 0); }), total);
-         EXPECT_EQ(in.bytes(), expected);
       }
 }
 
 // A failed send keeps the state; queued, it is known once the I/O thread tried it, and
-// then stays. Closing delivers the queued sends first, and refuses later ones.
+// then stays. Closing delivers the queued sends first, and refuses later ones. A hop
+// limit beyond one byte is refused without an exception.
 TEST_P(UdpLoopbackTest, BackgroundSendFailuresStickAndClosingDeliversFirst)
 {
    openPair(theSyncFlags, theAsyncSendFlags);
@@ -219,6 +177,10 @@ TEST_P(UdpLoopbackTest, BackgroundSendFailuresStickAndClosingDeliversFirst)
    DtInetSockChain chain{&huge};
    EXPECT_EQ(sender->sendChain(chain, 0), -1);
    EXPECT_TRUE(recorded(*sender, 90, "", DtInetSockStateOpen, true));
+   EXPECT_FALSE(sender->setMcastTtlOption(300));
+   EXPECT_TRUE(recorded(*sender, EINVAL,
+                        "DtInetUdpSocket::setMcastTtl(): Error setting multicast TTL to  300\n", -1,
+                        true));
 
    sender = open(theAsyncSendFlags, receiver->localPort());
    ASSERT_TRUE(receiver->setReceiveBufferSize(1u << 20));
@@ -332,11 +294,10 @@ protected:
    static Counts nine(int count) { return count ? Counts{{9, count}} : Counts{}; }
 };
 
-// Host 0's interface other than its primary one (the first non-loopback device), sends
-// from its address and hears broadcasts on a second socket bound to the any-address.
-// Closed while its background reads run and datagrams arrive, it closes every time and
-// neither reads nor reports a failure of a read started after the close
-// (ThreadSanitizer sees a read restarted as it closes).
+// Host 0's interface other than its primary one sends from its address and hears
+// broadcasts on a second, any-bound socket. Closed while its background reads run and
+// datagrams arrive, it closes, and neither reads nor reports a failure of a read
+// started after the close (ThreadSanitizer sees a read restarted as it closes).
 TEST_F(UdpHostsTest, SecondaryDeviceHearsBroadcastsAndClosesDuringReads)
 {
    olt::NetnsGuard inside(myHosts->host(0));
@@ -352,15 +313,8 @@ TEST_F(UdpHostsTest, SecondaryDeviceHearsBroadcastsAndClosesDuringReads)
       DtInetUdpSocket socket(broadcast, 0, device.get(), theAsyncRecvFlags, true);
       ASSERT_EQ(socket.state(), DtInetSockStateOpen) << socket.getLastErrorString();
       ASSERT_NE(socket.udpSocket(), socket.secondUdpSocket());
-      if (round == 0)
-      {
-         EXPECT_EQ(socket.localEndpoint().address().toDtString().stdString(),
-                   olt::TestHosts::address(0, 1));
-         ASSERT_EQ(sendText(*peer, "to the device"), 13);
-         DtInetEndpoint from;
-         EXPECT_EQ(next(socket, from), "to the device");
-         EXPECT_EQ(from.port(), 40021);
-      }
+      EXPECT_EQ(socket.localEndpoint().address().toDtString().stdString(),
+                olt::TestHosts::address(0, 1));
       for (int i = 0; i < 300; ++i)
          ASSERT_EQ(sendText(*peer, "flood"), 5);
       ASSERT_EQ(waitFor([&] { return socket.recv(&byte, 1, 0); }), -4);  // reading has begun
