@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <string>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,45 +13,37 @@
 
 namespace
 {
-
-// Runs the base's pipelines with a scripted transmit and read step; the rest, never
-// opened, comes from the datagram socket. A positive read result fills the chain with
-// that many 'y' from port 3000.
-class ScriptedSocket : public DtInetUdpSocket
+// The base's pipelines on a never-opened datagram socket, with a scripted transmit and
+// read step; a read of n > 0 fills the chain with n 'y' from port 3000.
+struct ScriptedSocket : DtInetUdpSocket
 {
-public:
-   explicit ScriptedSocket(DtInetProtocol rules = DtInetProtocolUdp) : myRules(rules) {}
-
-   DtInetProtocol const myRules;
-   int transmitResult = 10, transmitCalls = 0, readResult = 0, readCalls = 0;
    using DtInetSocket::callbackList;
+   DtInetProtocol rules = DtInetProtocolUdp;
+   int transmitResult = 10, transmitCalls = 0, readResult = 0, readCalls = 0;
 
-   int sendChainTo(DtInetSockChain& chain, DtInetEndpoint& endpoint, unsigned int flags) override
+   int sendChainTo(DtInetSockChain& chain, DtInetEndpoint& to, unsigned int flags) override
    {
-      auto transmit = [this](DtInetSockChain&, DtInetEndpoint&)
-      { return ++transmitCalls, transmitResult; };
-      return runSendPipeline(myRules, chain, endpoint, flags, transmit, "Scripted: pre-send failed",
+      auto transmit = [this](auto&, auto&) { return ++transmitCalls, transmitResult; };
+      return runSendPipeline(rules, chain, to, flags, transmit, "Scripted: pre-send failed",
                              "Scripted: post-send failed");
    }
-   int recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& endpoint,
-                       unsigned int flags) override
+   int recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& from, unsigned int flags) override
    {
-      auto read = [this](DtInetSockChain& packet, DtInetEndpoint& from)
+      auto read = [this](DtInetSockChain& packet, DtInetEndpoint& sender)
       {
          std::string const data(std::max(readResult, 0), 'y');
          DtInetSockCopyToChain(data.data(), data.size(), packet);
-         return ++readCalls, from.setPort(3000), readResult;
+         return ++readCalls, sender.setPort(3000), readResult;
       };
-      return runReceivePipeline(chain, endpoint, flags, read);
+      return runReceivePipeline(chain, from, flags, read);
    }
 };
 
 // "name:length " of every callback run, in order.
 std::string log;
 
-// Send callbacks take their name and result from the user data.
+// Send callbacks take their name and result from the user data, a Script.
 using Script = std::pair<char const*, int>;
-
 int scripted(DtInetSocket*, int length, DtInetSockChain&, DtInetEndpoint&, void* data)
 {
    Script const* script = static_cast<Script const*>(data);
@@ -60,11 +51,10 @@ int scripted(DtInetSocket*, int length, DtInetSockChain&, DtInetEndpoint&, void*
    return script->second;
 }
 
-// Receive callbacks, named by Result (-1: return the length got); a non-zero Marker is
-// stored through the pipeline's pointer, and -5 first puts "queued" in the chain.
+// Receive callbacks, named by Result (-1: the length got); a non-zero Marker is stored
+// through the pipeline's pointer, and -5 first puts "queued" in the chain.
 template <int Result, int Marker>
-int receiveCallback(DtInetSocket*, int length, DtInetSockChain& chain, DtInetEndpoint&,
-                    void* marker)
+int received(DtInetSocket*, int length, DtInetSockChain& chain, DtInetEndpoint&, void* marker)
 {
    log += std::to_string(Result) + ":" + std::to_string(length) + " ";
    if (Marker == DtInetSockResultFromQueue)
@@ -74,138 +64,113 @@ int receiveCallback(DtInetSocket*, int length, DtInetSockChain& chain, DtInetEnd
    return Result == -1 ? length : Result;
 }
 
-DtInetSockProcessingCb const receiveReturnsLength = receiveCallback<-1, 0>;
-DtInetSockProcessingCb const receiveDrops = receiveCallback<0, 0>;
-DtInetSockProcessingCb const receiveServesFromQueue = receiveCallback<6, DtInetSockResultFromQueue>;
+unsigned int const theNone = DtInetSockCallNoPreCallbacks | DtInetSockCallNoPostCallbacks;
+std::vector<char> first(4, 'a'), second(6, 'b');  // 10 bytes
+DtInetSockChain chain{&first, &second}, empty;
+DtInetEndpoint target;
+}  // namespace
 
-class InetSocketTest : public ::testing::Test
+TEST(InetSocket, CallbacksRunInKeyOrderAndRemovalTakesTheLowestKey)
 {
-protected:
-   void SetUp() override { log.clear(); }
-
-   void add(DtInetSockProcessingType type, Script& script, int priority, ScriptedSocket& s)
-   {
-      ASSERT_TRUE(s.addProcessingCallback(type, scripted, &script, priority));
-   }
-
-   std::vector<char> first = std::vector<char>(4, 'a'), second = std::vector<char>(6, 'b');
-   DtInetSockChain chain{&first, &second};  // 10 bytes
-   DtInetSockChain empty;
-   DtInetEndpoint target;
-};
-
-TEST_F(InetSocketTest, CallbacksRunInKeyOrderAndRemovalTakesTheLowestKey)
-{
+   log.clear();
    ScriptedSocket s;
    Script a{"a", 1}, b{"b", 1}, c{"c", 1}, d{"d", 1}, e{"e", 1};
    // Equal keys move up to the next free one; -1 is the greatest key plus 1.
    for (auto [script, key] : {std::pair{&c, 5}, {&a, 1}, {&d, 5}, {&e, -1}, {&b, 1}})
-      add(DtInetSockPostSend, *script, key, s);
+      ASSERT_TRUE(s.addProcessingCallback(DtInetSockPostSend, scripted, script, key));
    s.sendChainTo(chain, target, 0);
    EXPECT_EQ(log, "a:10 b:11 c:12 d:13 e:14 ");
    DtInetSockCallbackList const& list = *s.callbackList(DtInetSockPostSend);
    EXPECT_EQ(list.rbegin()->first, 6);
    EXPECT_EQ(list.rbegin()->second->priority, 6);
    // Removal takes the function's entry with the lowest key, not the first added.
-   EXPECT_FALSE(s.removeProcessingCallback(DtInetSockPostSend, receiveReturnsLength));
+   EXPECT_FALSE(s.removeProcessingCallback(DtInetSockPostSend, received<-1, 0>));
    EXPECT_TRUE(s.removeProcessingCallback(DtInetSockPostSend, scripted));
    ASSERT_EQ(list.size(), 4u);
    EXPECT_EQ(list.begin()->second->userData, &b);
    EXPECT_FALSE(s.addProcessingCallback(static_cast<DtInetSockProcessingType>(7), scripted, &a, 1));
 }
 
-TEST_F(InetSocketTest, SendPipelineResultsAndCounts)
+TEST(InetSocket, SendPipelineResultsAndCounts)
 {
-   // Rules, chain, pre-send result (-1 none), transmit result; result, transmitted,
-   // packets counted, log. Without pre-send callbacks a datagram call counts even when
-   // nothing went out, a stream only when bytes went, a failed transmit never. A
-   // pre-send callback returning 0 absorbs a datagram (its bytes count as sent, later
-   // callbacks do not run) but not a stream; a failing callback invalidates the socket.
-   using Case =
-       std::tuple<DtInetProtocol, DtInetSockChain*, int, int, int, int, unsigned, char const*>;
-   for (auto [rules, packet, pre, transmitResult, result, transmitted, packets, expected] :
-        {Case{DtInetProtocolUdp, &empty, -1, 10, 0, 0, 1, "post:0 "},
-         Case{DtInetProtocolTcp, &chain, -1, 10, 10, 1, 1, "post:10 "},
-         Case{DtInetProtocolTcp, &empty, -1, 10, 0, 0, 0, "post:0 "},
-         Case{DtInetProtocolUdp, &chain, -1, -1, -1, 1, 0, ""},
-         Case{DtInetProtocolUdp, &chain, 0, 10, 10, 0, 1, "pre:10 post:10 "},
-         Case{DtInetProtocolTcp, &empty, 0, 10, 0, 0, 0, "pre:0 after:0 post:0 "},
-         Case{DtInetProtocolUdp, &chain, -2, 10, -1, 0, 0, "pre:10 "},
-         Case{DtInetProtocolUdp, &chain, 7, 10, -1, 1, 1, "post:10 "}})
+   // Rules, chain, pre-send result (-1 none; 7: none, post-send fails), transmit result,
+   // call flags; result, transmits, packets counted, log, error. Without pre-send
+   // callbacks a datagram call counts even when nothing went out, a stream only when
+   // bytes went, a failed transmit never. A pre-send 0 absorbs a datagram (its bytes
+   // count as sent, later callbacks do not run) but not a stream. A failing callback
+   // invalidates the socket. Call flags skip their lists; a post-send result adds.
+   using Case = std::tuple<DtInetProtocol, DtInetSockChain*, int, int, unsigned, int, int, unsigned,
+                           char const*, char const*>;
+   DtInetProtocol const udp = DtInetProtocolUdp, tcp = DtInetProtocolTcp;
+   for (auto [rules, packet, pre, transmitResult, flags, result, transmitted, packets, expected,
+              error] :
+        {Case{udp, &empty, -1, 10, 0, 0, 0, 1, "post:0 ", ""},
+         Case{tcp, &chain, -1, 10, 0, 10, 1, 1, "post:10 ", ""},
+         Case{tcp, &empty, -1, 10, 0, 0, 0, 0, "post:0 ", ""},
+         Case{udp, &chain, -1, -1, 0, -1, 1, 0, "", ""},
+         Case{udp, &chain, 0, 10, 0, 10, 0, 1, "pre:10 post:10 ", ""},
+         Case{tcp, &empty, 0, 10, 0, 0, 0, 0, "pre:0 after:0 post:0 ", ""},
+         Case{udp, &chain, 0, 10, theNone, 10, 1, 1, "", ""},
+         Case{udp, &chain, 0, 10, 0x4000 | DtInetSockCallNoPreCallbacks, 13, 1, 1, "post:10 ", ""},
+         Case{udp, &chain, -2, 10, 0, -1, 0, 0, "pre:10 ", "pre"},
+         Case{udp, &chain, 7, 10, 0, -1, 1, 1, "post:10 ", "post"}})
    {
-      SCOPED_TRACE(::testing::Message() << rules << ' ' << pre << ' ' << expected);
+      SCOPED_TRACE(::testing::Message() << rules << ' ' << pre << ' ' << flags << ' ' << expected);
       log.clear();
-      ScriptedSocket s(rules);
-      Script before{"pre", pre}, after{"after", 0}, post{"post", pre == 7 ? -2 : 0};
+      ScriptedSocket s;
+      s.rules = rules;
+      s.transmitResult = transmitResult;
+      Script before{"pre", pre}, after{"after", 0}, post{"post", pre == 7 ? -2 : flags ? 3 : 0};
       for (Script* script : {&before, &after})
          if (pre != -1 && pre != 7)
-            add(DtInetSockPreSend, *script, script == &before ? 1 : 2, s);
-      add(DtInetSockPostSend, post, 1, s);
-      s.transmitResult = transmitResult;
-      EXPECT_EQ(s.sendChainTo(*packet, target, 0), result);
+            s.addProcessingCallback(DtInetSockPreSend, scripted, script, script == &before ? 1 : 2);
+      s.addProcessingCallback(DtInetSockPostSend, scripted, &post, 1);
+      EXPECT_EQ(s.sendChainTo(*packet, target, flags), result);
       EXPECT_EQ(s.transmitCalls, transmitted);
       EXPECT_EQ(s.totalPacketsSent(), packets);
-      EXPECT_EQ(s.totalBytesSent(), static_cast<unsigned>(pre == 7 ? 10 : std::max(result, 0)));
+      EXPECT_EQ(s.totalBytesSent(), packets && packet == &chain ? 10u : 0u);
       EXPECT_EQ(log, expected);
-      if (result == -1 && transmitResult != -1)
-      {
-         EXPECT_EQ(s.getLastError(), -1);
-         EXPECT_STREQ(s.getLastErrorString().c_str(),
-                      pre == 7 ? "Scripted: post-send failed" : "Scripted: pre-send failed");
-         EXPECT_EQ(s.state(), -1);
-      }
+      EXPECT_EQ(s.getLastErrorString().c_str(),
+                *error ? "Scripted: " + std::string(error) + "-send failed" : "");
+      EXPECT_EQ(s.getLastError(), *error ? -1 : 0);
+      EXPECT_TRUE(!*error || s.state() == -1) << s.state();
    }
 }
 
-TEST_F(InetSocketTest, CallFlagsSkipTheirLists)
+TEST(InetSocket, ReceiveResultsOfDropsAndReads)
 {
-   ScriptedSocket s;
-   Script absorb{"absorb", 0}, post{"post", 3};
-   add(DtInetSockPreSend, absorb, 1, s);
-   add(DtInetSockPostSend, post, 1, s);
-   unsigned int const none = DtInetSockCallNoPreCallbacks | DtInetSockCallNoPostCallbacks;
-   EXPECT_EQ(s.sendChainTo(chain, target, none), 10);
-   EXPECT_EQ(s.sendChainTo(chain, target, 0x4000 | DtInetSockCallNoPreCallbacks), 13);
-   s.addProcessingCallback(DtInetSockPreReceive, receiveServesFromQueue, nullptr, 1);
-   s.addProcessingCallback(DtInetSockPostReceive, receiveDrops, nullptr, 1);
-   s.readResult = 5;
-   EXPECT_EQ(s.recvToChainFrom(chain, target, none), 5);
-   EXPECT_EQ(log, "post:10 ");
-}
-
-TEST_F(InetSocketTest, ReceiveResultsOfDropsAndReads)
-{
-   // Pre-receive, two post-receive callbacks, read result; result, log. A drop gives 0
-   // or the carried marker, and every post-receive callback runs on the last length.
-   // Without the skip marker the network is read, whatever the pre-receive callback
-   // returns.
+   // Pre-receive, two post-receive callbacks, read result, call flags; result, log. A
+   // drop gives 0 or the carried marker, and every post-receive callback runs on the
+   // last length. Without the skip marker the network is read, whatever the
+   // pre-receive callback returns; with it, the callback's chain and sender stand.
    using Cb = DtInetSockProcessingCb;
-   std::tuple<Cb, Cb, Cb, int, int, char const*> const cases[] = {
-       {nullptr, receiveDrops, receiveReturnsLength, 5, 0, "0:5 -1:0 "},
-       {receiveServesFromQueue, receiveDrops, nullptr, 5, -5, "6:0 0:6 "},
-       {receiveServesFromQueue, receiveCallback<0, -2>, nullptr, 5, -2, "6:0 0:6 "},
-       {receiveCallback<-3, 0>, receiveReturnsLength, nullptr, 8, 8, "-3:0 -1:8 "},
-       {nullptr, receiveReturnsLength, nullptr, -1, -1, ""},
-       {nullptr, receiveReturnsLength, nullptr, 0, 0, "-1:0 "}};
-   for (auto const& [pre, post, post2, read, result, expected] : cases)
+   Cb const length = received<-1, 0>, drops = received<0, 0>, queue = received<6, -5>;
+   std::tuple<Cb, Cb, Cb, int, unsigned, int, char const*> const cases[] = {
+       {nullptr, drops, length, 5, 0, 0, "0:5 -1:0 "},
+       {queue, drops, nullptr, 5, 0, -5, "6:0 0:6 "},
+       {queue, received<0, -2>, nullptr, 5, 0, -2, "6:0 0:6 "},
+       {received<-3, 0>, length, nullptr, 8, 0, 8, "-3:0 -1:8 "},
+       {queue, drops, nullptr, 5, theNone, 5, ""},
+       {nullptr, length, nullptr, -1, 0, -1, ""},
+       {nullptr, length, nullptr, 0, 0, 0, "-1:0 "}};
+   for (auto const& [pre, post, post2, read, flags, result, expected] : cases)
    {
       SCOPED_TRACE(expected);
       log.clear();
       ScriptedSocket s;
-      if (pre)
-         s.addProcessingCallback(DtInetSockPreReceive, pre, nullptr, 1);
-      s.addProcessingCallback(DtInetSockPostReceive, post, nullptr, 1);
-      if (post2)
-         s.addProcessingCallback(DtInetSockPostReceive, post2, nullptr, 2);
+      for (auto [type, callback, key] : {std::tuple{DtInetSockPreReceive, pre, 1},
+                                         {DtInetSockPostReceive, post, 1},
+                                         {DtInetSockPostReceive, post2, 2}})
+         if (callback)
+            s.addProcessingCallback(type, callback, nullptr, key);
       s.readResult = read;
       target.setPort(1);
       first.assign(4, 'a');
-      EXPECT_EQ(s.recvToChainFrom(chain, target, 0), result);
+      EXPECT_EQ(s.recvToChainFrom(chain, target, flags), result);
       EXPECT_EQ(log, expected);
-      bool const queued = pre == receiveServesFromQueue;
+      bool const queued = pre == queue && !flags;
       EXPECT_EQ(s.readCalls, queued ? 0 : 1);
       EXPECT_EQ(s.totalPacketsReceived(), read > 0 || pre ? 1u : 0u);
-      // A read fills the chain and stores its sender; a queued PDU is the callback's.
       EXPECT_EQ(std::string(first.begin(), first.end()), queued     ? "queu"
                                                          : read > 0 ? "yyyy"
                                                                     : "aaaa");
@@ -214,9 +179,7 @@ TEST_F(InetSocketTest, ReceiveResultsOfDropsAndReads)
    // An empty chain gives -4 before any callback or read.
    log.clear();
    ScriptedSocket s;
-   s.addProcessingCallback(DtInetSockPreReceive, receiveServesFromQueue, nullptr, 1);
+   s.addProcessingCallback(DtInetSockPreReceive, queue, nullptr, 1);
    EXPECT_EQ(s.recvToChainFrom(empty, target, 0), -4);
    EXPECT_EQ(log + std::to_string(s.readCalls), "0");
 }
-
-}  // namespace
