@@ -2,7 +2,6 @@
 #include <olutil/olInetSocket.h>
 #include <olutil/olInetUdpSocket.h>
 
-#include <algorithm>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -30,19 +29,20 @@ struct ScriptedSocket : DtInetUdpSocket
                              "Scripted: post-send failed");
    }
 
-   // The log, then "|" and what the socket counted and recorded.
+   // The log, "|", transmits, packets and bytes sent, reads, packets received, error.
    std::string summary()
    {
-      return log + "|" + std::to_string(transmitCalls) + " " + std::to_string(totalPacketsSent()) +
-             " " + std::to_string(totalBytesSent()) + " " + std::to_string(readCalls) + " " +
-             std::to_string(totalPacketsReceived()) + " " + std::to_string(getLastError()) + " " +
-             getLastErrorString().c_str();
+      return (::testing::Message()
+              << log << '|' << transmitCalls << ' ' << totalPacketsSent() << ' ' << totalBytesSent()
+              << ' ' << readCalls << ' ' << totalPacketsReceived() << ' ' << getLastError() << ' '
+              << getLastErrorString().c_str())
+          .GetString();
    }
    int recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& from, unsigned int flags) override
    {
       auto read = [this](DtInetSockChain& packet, DtInetEndpoint& sender)
       {
-         DtInetSockCopyToChain("yyyyyyyyyy", std::max(readResult, 0), packet);
+         DtInetSockCopyToChain("yyyyyyyyyy", readResult > 0 ? readResult : 0, packet);
          return ++readCalls, sender.setPort(3000), readResult;
       };
       return runReceivePipeline(chain, from, flags, read);
@@ -58,15 +58,13 @@ int scripted(DtInetSocket*, int length, DtInetSockChain&, DtInetEndpoint&, void*
    return script->second;
 }
 
-// Receive callbacks, named by Result (-1: the length got); a non-zero Marker is stored
-// through the pipeline's pointer, and -5 first puts "queued" in the chain.
+// Receive callbacks, named by Result (-1: the length got); a non-zero Marker puts
+// "queued" in the chain and is stored through the pipeline's pointer.
 template <int Result, int Marker>
 int received(DtInetSocket*, int length, DtInetSockChain& chain, DtInetEndpoint&, void* marker)
 {
    log += std::to_string(Result) + ":" + std::to_string(length) + " ";
-   if (Marker == DtInetSockResultFromQueue)
-      DtInetSockCopyToChain("queued", 6, chain);
-   if (Marker != 0)
+   if (Marker != 0 && DtInetSockCopyToChain("queued", 6, chain))
       *static_cast<int*>(marker) = Marker;
    return Result == -1 ? length : Result;
 }
@@ -90,31 +88,34 @@ TEST(InetSocket, CallbacksRunInKeyOrderAndRemovalTakesTheLowestKey)
    EXPECT_FALSE(s.removeProcessingCallback(DtInetSockPostSend, received<-1, 0>));
    EXPECT_TRUE(s.removeProcessingCallback(DtInetSockPostSend, scripted));
    s.sendChainTo(chain, target, 0);
-   EXPECT_EQ(log, "a:10 b:11 c:12 d:13 e:14 b:10 c:11 d:12 e:13 ");
    EXPECT_FALSE(s.addProcessingCallback(static_cast<DtInetSockProcessingType>(7), scripted, &a, 1));
+   // An empty chain gives -4 before any receive callback or read.
+   s.addProcessingCallback(DtInetSockPreReceive, received<6, -5>, nullptr, 1);
+   EXPECT_EQ(s.recvToChainFrom(empty, target, 0), -4);
+   EXPECT_EQ(s.summary(), "a:10 b:11 c:12 d:13 e:14 b:10 c:11 d:12 e:13 |2 2 20 0 0 0 ");
 }
 
-// Without pre-send callbacks a datagram call counts even when nothing went out, a stream
-// only when bytes went, a failed transmit never. A pre-send 0 absorbs a datagram (its
-// bytes count as sent, later callbacks do not run) but not a stream. A failing callback
-// invalidates the socket. Call flags skip their lists; a post-send result adds.
+// Without pre-send callbacks a datagram counts even when nothing went out, a stream
+// only when bytes went, a failed transmit never. A pre-send 0 absorbs a datagram (bytes
+// count as sent, later callbacks do not run), not a stream. Failing callbacks invalidate
+// the socket; call flags skip their lists; a post-send result adds.
 TEST(InetSocket, SendPipelineResultsAndCounts)
 {
-   // Rules, chain, pre-send result (-1: none; 7: none, and post-send fails), transmit
-   // result, call flags; result, summary.
+   // Rules, chain, pre-send result (-1: none; 7: none, post-send fails), transmit result,
+   // call flags; result, summary.
    DtInetProtocol const udp = DtInetProtocolUdp, tcp = DtInetProtocolTcp;
-   std::tuple<DtInetProtocol, DtInetSockChain*, int, int, unsigned, int, char const*> const
-       cases[] = {{udp, &empty, -1, 10, 0, 0, "post:0 |0 1 0 0 0 0 "},
-                  {tcp, &chain, -1, 10, 0, 10, "post:10 |1 1 10 0 0 0 "},
-                  {tcp, &empty, -1, 10, 0, 0, "post:0 |0 0 0 0 0 0 "},
-                  {udp, &chain, -1, -1, 0, -1, "|1 0 0 0 0 0 "},
-                  {udp, &chain, 0, 10, 0, 10, "pre:10 post:10 |0 1 10 0 0 0 "},
-                  {tcp, &empty, 0, 10, 0, 0, "pre:0 after:0 post:0 |0 0 0 0 0 0 "},
-                  {udp, &chain, 0, 10, theNone, 10, "|1 1 10 0 0 0 "},
-                  {udp, &chain, 0, 10, 0x4000 | DtInetSockCallNoPreCallbacks, 13,
-                   "post:10 |1 1 10 0 0 0 "},
-                  {udp, &chain, -2, 10, 0, -1, "pre:10 |0 0 0 0 0 -1 Scripted: pre-send failed"},
-                  {udp, &chain, 7, 10, 0, -1, "post:10 |1 1 10 0 0 -1 Scripted: post-send failed"}};
+   using Case = std::tuple<DtInetProtocol, DtInetSockChain*, int, int, unsigned, int, char const*>;
+   Case const cases[] = {
+       {udp, &empty, -1, 10, 0, 0, "post:0 |0 1 0 0 0 0 "},
+       {tcp, &chain, -1, 10, 0, 10, "post:10 |1 1 10 0 0 0 "},
+       {tcp, &empty, -1, 10, 0, 0, "post:0 |0 0 0 0 0 0 "},
+       {udp, &chain, -1, -1, 0, -1, "|1 0 0 0 0 0 "},
+       {udp, &chain, 0, 10, 0, 10, "pre:10 post:10 |0 1 10 0 0 0 "},
+       {tcp, &empty, 0, 10, 0, 0, "pre:0 after:0 post:0 |0 0 0 0 0 0 "},
+       {udp, &chain, 0, 10, theNone, 10, "|1 1 10 0 0 0 "},
+       {udp, &chain, 0, 10, 0x4000 | DtInetSockCallNoPreCallbacks, 13, "post:10 |1 1 10 0 0 0 "},
+       {udp, &chain, -2, 10, 0, -1, "pre:10 |0 0 0 0 0 -1 Scripted: pre-send failed"},
+       {udp, &chain, 7, 10, 0, -1, "post:10 |1 1 10 0 0 -1 Scripted: post-send failed"}};
    for (auto [rules, packet, pre, transmitResult, flags, result, expected] : cases)
    {
       log.clear();
@@ -132,32 +133,31 @@ TEST(InetSocket, SendPipelineResultsAndCounts)
    }
 }
 
-// A drop gives 0 or the carried marker, and every post-receive callback runs on the last
-// length. Without the skip marker the network is read, whatever the pre-receive
-// callback returns; with it, the callback's chain stands and no sender is stored.
+// A drop gives 0 or the carried marker, and every post-receive callback (here a
+// second one that keeps the length) runs on the last length. Without the skip marker the
+// network is read, whatever the pre-receive callback returns; with it, the callback's
+// chain stands and no sender is stored.
 TEST(InetSocket, ReceiveResultsOfDropsAndReads)
 {
-   // Pre-receive, two post-receive callbacks, read result, call flags; result, summary,
-   // the chain's first buffer.
+   // Callbacks (pre, post), read result, call flags; result, summary, first buffer.
    using Cb = DtInetSockProcessingCb;
-   Cb const length = received<-1, 0>, drops = received<0, 0>, queue = received<6, -5>;
-   std::tuple<Cb, Cb, Cb, int, unsigned, int, char const*, char const*> const cases[] = {
-       {nullptr, drops, length, 5, 0, 0, "0:5 -1:0 |0 0 0 1 1 0 ", "yyyy"},
-       {queue, drops, nullptr, 5, 0, -5, "6:0 0:6 |0 0 0 0 1 0 ", "queu"},
-       {queue, received<0, -2>, nullptr, 5, 0, -2, "6:0 0:6 |0 0 0 0 1 0 ", "queu"},
-       {received<-3, 0>, length, nullptr, 8, 0, 8, "-3:0 -1:8 |0 0 0 1 1 0 ", "yyyy"},
-       {queue, drops, nullptr, 5, theNone, 5, "|0 0 0 1 1 0 ", "yyyy"},
-       {nullptr, length, nullptr, -1, 0, -1, "|0 0 0 1 0 0 ", "aaaa"},
-       {nullptr, length, nullptr, 0, 0, 0, "-1:0 |0 0 0 1 0 0 ", "aaaa"}};
-   for (auto const& [pre, post, post2, read, flags, result, expected, filled] : cases)
+   Cb const queue = received<6, -5>;
+   std::tuple<Cb, Cb, int, unsigned, int, char const*, char const*> const cases[] = {
+       {nullptr, received<0, 0>, 5, 0, 0, "0:5 -1:0 |0 0 0 1 1 0 ", "yyyy"},
+       {queue, received<0, 0>, 5, 0, -5, "6:0 0:6 -1:-5 |0 0 0 0 1 0 ", "queu"},
+       {queue, received<0, -2>, 5, 0, -2, "6:0 0:6 -1:-2 |0 0 0 0 1 0 ", "queu"},
+       {received<-3, 0>, received<-1, 0>, 8, 0, 8, "-3:0 -1:8 -1:8 |0 0 0 1 1 0 ", "yyyy"},
+       {queue, received<0, 0>, 5, theNone, 5, "|0 0 0 1 1 0 ", "yyyy"},
+       {nullptr, received<-1, 0>, -1, 0, -1, "|0 0 0 1 0 0 ", "aaaa"},
+       {nullptr, received<-1, 0>, 0, 0, 0, "-1:0 -1:0 |0 0 0 1 0 0 ", "aaaa"}};
+   for (auto const& [pre, post, read, flags, result, expected, filled] : cases)
    {
       log.clear();
       ScriptedSocket s;
-      for (auto [type, callback, key] : {std::tuple{DtInetSockPreReceive, pre, 1},
-                                         {DtInetSockPostReceive, post, 1},
-                                         {DtInetSockPostReceive, post2, 2}})
-         if (callback)
-            s.addProcessingCallback(type, callback, nullptr, key);
+      if (pre)
+         s.addProcessingCallback(DtInetSockPreReceive, pre, nullptr, 1);
+      s.addProcessingCallback(DtInetSockPostReceive, post, nullptr, 1);
+      s.addProcessingCallback(DtInetSockPostReceive, received<-1, 0>, nullptr, 2);
       s.readResult = read;
       target.setPort(1);
       first.assign(4, 'a');
@@ -166,10 +166,4 @@ TEST(InetSocket, ReceiveResultsOfDropsAndReads)
       EXPECT_EQ(std::string(first.begin(), first.end()), filled) << expected;
       EXPECT_EQ(target.port(), s.readCalls ? 3000 : 1) << expected;
    }
-   // An empty chain gives -4 before any callback or read.
-   log.clear();
-   ScriptedSocket s;
-   s.addProcessingCallback(DtInetSockPreReceive, queue, nullptr, 1);
-   EXPECT_EQ(s.recvToChainFrom(empty, target, 0), -4);
-   EXPECT_EQ(s.summary(), "|0 0 0 0 0 0 ");
 }
