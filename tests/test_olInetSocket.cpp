@@ -17,9 +17,8 @@ std::vector<char> first, second;
 DtInetSockChain chain{&first, &second}, empty;
 DtInetEndpoint target;
 
-// The base's pipelines on a never-opened datagram socket with a scripted transmit and
-// read; a read of n > 0 (up to 10) fills the chain with 'y' from port 3000. Each one
-// starts a new log, a 10-byte chain of 'a' and 'b', and a target on port 1.
+// The base's pipelines, never opened, with a scripted transmit and read (n > 0 fills the
+// chain with 'y' from port 3000); each resets the log, chain ('a', 'b') and target.
 struct ScriptedSocket : DtInetUdpSocket
 {
    DtInetProtocol rules;
@@ -45,8 +44,7 @@ struct ScriptedSocket : DtInetUdpSocket
       };
       return runReceivePipeline(chain, from, flags, read);
    }
-   // A call's result, the log, "|", transmits, packets and bytes sent, reads, packets
-   // received, the chain's first buffer, the target's port, the error.
+   // Result, log|transmits, packets and bytes sent, reads, packets received, chain, port, error.
    std::string summary(int result)
    {
       return (::testing::Message()
@@ -58,17 +56,7 @@ struct ScriptedSocket : DtInetUdpSocket
    }
 };
 
-// Send callbacks take their name and result from the user data, a Script.
-using Script = std::pair<char const*, int>;
-int scripted(DtInetSocket*, int length, DtInetSockChain&, DtInetEndpoint&, void* data)
-{
-   Script const* script = static_cast<Script const*>(data);
-   log += script->first + (":" + std::to_string(length)) + " ";
-   return script->second;
-}
-
-// Receive callbacks, named by Result (-1: the length got); a non-zero Marker puts
-// "queued" in the chain and is stored through the pipeline's pointer.
+// Callbacks named by Result (-1: the length); a Marker fills the chain and is stored.
 template <int Result, int Marker>
 int received(DtInetSocket*, int length, DtInetSockChain& chain, DtInetEndpoint&, void* marker)
 {
@@ -83,73 +71,69 @@ unsigned int const theNone = DtInetSockCallNoPreCallbacks | DtInetSockCallNoPost
 
 TEST(InetSocket, CallbacksRunInKeyOrderAndRemovalTakesTheLowestKey)
 {
+   // Equal keys move up to the next free one, -1 is the greatest key plus 1, and a
+   // post-send result adds to the length; removal takes the function's lowest key.
    ScriptedSocket s;
-   Script a{"a", 1}, b{"b", 1}, c{"c", 1}, d{"d", 1}, e{"e", 1};
-   // Equal keys move up to the next free one; -1 is the greatest key plus 1.
-   for (auto [script, key] : {std::pair{&c, 5}, {&a, 1}, {&d, 5}, {&e, -1}, {&b, 1}})
-      ASSERT_TRUE(s.addProcessingCallback(DtInetSockPostSend, scripted, script, key));
+   for (auto [callback, key] : {std::pair{received<1, 0>, 1},
+                                {received<2, 0>, 1},
+                                {received<1, 0>, 5},
+                                {received<4, 0>, 5},
+                                {received<5, 0>, -1}})
+      ASSERT_TRUE(s.addProcessingCallback(DtInetSockPostSend, callback, nullptr, key));
    s.sendChainTo(chain, target, 0);
-   // Removal takes the function's entry with the lowest key, not the first added.
-   EXPECT_FALSE(s.removeProcessingCallback(DtInetSockPostSend, received<-1, 0>));
-   EXPECT_TRUE(s.removeProcessingCallback(DtInetSockPostSend, scripted));
+   EXPECT_TRUE(s.removeProcessingCallback(DtInetSockPostSend, received<1, 0>));
    s.sendChainTo(chain, target, 0);
-   EXPECT_FALSE(s.addProcessingCallback(static_cast<DtInetSockProcessingType>(7), scripted, &a, 1));
+   EXPECT_FALSE(s.addProcessingCallback(static_cast<DtInetSockProcessingType>(7), received<1, 0>,
+                                        nullptr, 1));
    // An empty chain gives -4 before any receive callback or read.
    s.addProcessingCallback(DtInetSockPreReceive, received<6, -5>, nullptr, 1);
    EXPECT_EQ(s.summary(s.recvToChainFrom(empty, target, 0)),
-             "-4 a:10 b:11 c:12 d:13 e:14 b:10 c:11 d:12 e:13 |2 2 20 0 0 aaaa 1 0");
+             "-4 1:10 2:11 1:13 4:14 5:18 2:10 1:12 4:13 5:17 |2 2 20 0 0 aaaa 1 0");
 }
 
-// Without pre-send callbacks a datagram counts even when nothing went out, a stream only
-// when bytes went, a failed transmit never. A pre-send 0 absorbs a datagram (bytes count
-// as sent, later callbacks do not run), not a stream. Failing callbacks invalidate the
-// socket; call flags skip their lists; a post-send result adds.
+// A datagram counts even when nothing went out, a stream only when bytes went, a failed
+// transmit never. A pre-send 0 absorbs a datagram (bytes count as sent), not a stream.
+// Failing callbacks invalidate the socket; call flags skip their lists.
 TEST(InetSocket, SendPipelineResultsAndCounts)
 {
-   // Rules, chain, pre-send result (-1: none; 7: none, post-send fails), transmit result,
-   // call flags; summary.
+   // Rules, chain, pre-send and post-send callback, transmit result, flags; summary.
    DtInetProtocol const udp = DtInetProtocolUdp, tcp = DtInetProtocolTcp;
-   using Case = std::tuple<DtInetProtocol, DtInetSockChain*, int, int, unsigned, char const*>;
+   DtInetSockProcessingCb const no = nullptr, absorb = received<0, 0>, fail = received<-2, 0>;
+   using Case = std::tuple<DtInetProtocol, DtInetSockChain*, DtInetSockProcessingCb,
+                           DtInetSockProcessingCb, int, unsigned, char const*>;
    Case const cases[] = {
-       {udp, &empty, -1, 10, 0, "0 post:0 |0 1 0 0 0 aaaa 1 0"},
-       {tcp, &chain, -1, 10, 0, "10 post:10 |1 1 10 0 0 aaaa 1 0"},
-       {tcp, &empty, -1, 10, 0, "0 post:0 |0 0 0 0 0 aaaa 1 0"},
-       {udp, &chain, -1, -1, 0, "-1 |1 0 0 0 0 aaaa 1 0"},
-       {udp, &chain, 0, 10, 0, "10 pre:10 post:10 |0 1 10 0 0 aaaa 1 0"},
-       {tcp, &empty, 0, 10, 0, "0 pre:0 after:0 post:0 |0 0 0 0 0 aaaa 1 0"},
-       {udp, &chain, 0, 10, theNone, "10 |1 1 10 0 0 aaaa 1 0"},
-       {udp, &chain, 0, 10, 0x4000 | DtInetSockCallNoPreCallbacks,
-        "13 post:10 |1 1 10 0 0 aaaa 1 0"},
-       {udp, &chain, -2, 10, 0, "-1 pre:10 |0 0 0 0 0 aaaa 1 -1Scripted: pre-send failed"},
-       {udp, &chain, 7, 10, 0, "-1 post:10 |1 1 10 0 0 aaaa 1 -1Scripted: post-send failed"}};
-   for (auto [rules, packet, pre, transmitResult, flags, expected] : cases)
+       {udp, &empty, no, absorb, 10, 0, "0 0:0 |0 1 0 0 0 aaaa 1 0"},
+       {tcp, &chain, no, absorb, 10, 0, "10 0:10 |1 1 10 0 0 aaaa 1 0"},
+       {tcp, &empty, no, absorb, 10, 0, "0 0:0 |0 0 0 0 0 aaaa 1 0"},
+       {udp, &chain, no, absorb, -1, 0, "-1 |1 0 0 0 0 aaaa 1 0"},
+       {udp, &chain, absorb, absorb, 10, 0, "10 0:10 0:10 |0 1 10 0 0 aaaa 1 0"},
+       {tcp, &empty, absorb, absorb, 10, 0, "0 0:0 0:0 |0 0 0 0 0 aaaa 1 0"},
+       {udp, &chain, absorb, absorb, 10, theNone, "10 |1 1 10 0 0 aaaa 1 0"},
+       {udp, &chain, fail, absorb, 10, 0, "-1 -2:10 |0 0 0 0 0 aaaa 1 -1Scripted: pre-send failed"},
+       {udp, &chain, no, fail, 10, 0, "-1 -2:10 |1 1 10 0 0 aaaa 1 -1Scripted: post-send failed"}};
+   for (auto [rules, packet, pre, post, transmitResult, flags, expected] : cases)
    {
       ScriptedSocket s(rules, transmitResult);
-      Script before{"pre", pre}, after{"after", 0}, post{"post", pre == 7 ? -2 : flags ? 3 : 0};
-      for (Script* script : {&before, &after})
-         if (pre != -1 && pre != 7)
-            s.addProcessingCallback(DtInetSockPreSend, scripted, script, script == &before ? 1 : 2);
-      s.addProcessingCallback(DtInetSockPostSend, scripted, &post, 1);
+      if (pre)
+         s.addProcessingCallback(DtInetSockPreSend, pre, nullptr, 1);
+      s.addProcessingCallback(DtInetSockPostSend, post, nullptr, 1);
       EXPECT_EQ(s.summary(s.sendChainTo(*packet, target, flags)), expected);
       EXPECT_TRUE(s.getLastError() == 0 || s.state() == -1) << expected;
    }
 }
 
-// A drop gives 0 or the carried marker, and every post-receive callback (here a second
-// one keeps the length) runs on the last length. Without the skip marker the network is
-// read, whatever the pre-receive callback returns; with it, the callback's chain stands
-// and no sender is stored.
+// A drop gives 0 or the carried marker; every post-receive callback (a second one keeps
+// the length) runs on the last length. Without the skip marker the network is read; with
+// it, the callback's chain stands and no sender is stored.
 TEST(InetSocket, ReceiveResultsOfDropsAndReads)
 {
-   using Cb = DtInetSockProcessingCb;
-   Cb const queue = received<6, -5>;
-   // Pre-receive and post-receive callback, read result, call flags; summary.
+   using Cb = DtInetSockProcessingCb;  // pre-receive, post-receive; read result, flags
    std::tuple<Cb, Cb, int, unsigned, char const*> const cases[] = {
        {nullptr, received<0, 0>, 5, 0, "0 0:5 -1:0 |0 0 0 1 1 yyyy 3000 0"},
-       {queue, received<0, 0>, 5, 0, "-5 6:0 0:6 -1:-5 |0 0 0 0 1 queu 1 0"},
-       {queue, received<0, -2>, 5, 0, "-2 6:0 0:6 -1:-2 |0 0 0 0 1 queu 1 0"},
+       {received<6, -5>, received<0, 0>, 5, 0, "-5 6:0 0:6 -1:-5 |0 0 0 0 1 queu 1 0"},
+       {received<6, -5>, received<0, -2>, 5, 0, "-2 6:0 0:6 -1:-2 |0 0 0 0 1 queu 1 0"},
        {received<-3, 0>, received<-1, 0>, 8, 0, "8 -3:0 -1:8 -1:8 |0 0 0 1 1 yyyy 3000 0"},
-       {queue, received<0, 0>, 5, theNone, "5 |0 0 0 1 1 yyyy 3000 0"},
+       {received<6, -5>, received<0, 0>, 5, theNone, "5 |0 0 0 1 1 yyyy 3000 0"},
        {nullptr, received<-1, 0>, -1, 0, "-1 |0 0 0 1 0 aaaa 3000 0"},
        {nullptr, received<-1, 0>, 0, 0, "0 -1:0 -1:0 |0 0 0 1 0 aaaa 3000 0"}};
    for (auto const& [pre, post, read, flags, expected] : cases)
