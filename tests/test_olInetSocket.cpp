@@ -44,14 +44,15 @@ struct ScriptedSocket : DtInetUdpSocket
       };
       return runReceivePipeline(chain, from, flags, read);
    }
-   // Result, log|transmits, packets and bytes sent, reads, packets received, chain, port, error.
+   // Result, log|transmits, packets, bytes sent, reads, packets received, chain, port,
+   // state, error.
    std::string summary(int result)
    {
       return (::testing::Message()
               << result << ' ' << log << '|' << transmitCalls << ' ' << totalPacketsSent() << ' '
               << totalBytesSent() << ' ' << readCalls << ' ' << totalPacketsReceived() << ' '
-              << std::string(first.begin(), first.end()) << ' ' << target.port() << ' '
-              << getLastError() << getLastErrorString().c_str())
+              << std::string(first.begin(), first.end()) << ' ' << target.port() << ' ' << state()
+              << ' ' << getLastError() << getLastErrorString().c_str())
           .GetString();
    }
 };
@@ -66,6 +67,7 @@ int received(DtInetSocket*, int length, DtInetSockChain& chain, DtInetEndpoint&,
    return Result == -1 ? length : Result;
 }
 
+using Cb = DtInetSockProcessingCb;
 unsigned int const theNone = DtInetSockCallNoPreCallbacks | DtInetSockCallNoPostCallbacks;
 }  // namespace
 
@@ -74,21 +76,19 @@ TEST(InetSocket, CallbacksRunInKeyOrderAndRemovalTakesTheLowestKey)
    // Equal keys move up to the next free one, -1 is the greatest key plus 1, and a
    // post-send result adds to the length; removal takes the function's lowest key.
    ScriptedSocket s;
-   for (auto [callback, key] : {std::pair{received<1, 0>, 1},
-                                {received<2, 0>, 1},
-                                {received<1, 0>, 5},
-                                {received<4, 0>, 5},
-                                {received<5, 0>, -1}})
+   Cb const one = received<1, 0>;
+   std::pair<Cb, int> const keys[] = {
+       {one, 1}, {received<2, 0>, 1}, {one, 5}, {received<4, 0>, 5}, {received<5, 0>, -1}};
+   for (auto [callback, key] : keys)
       ASSERT_TRUE(s.addProcessingCallback(DtInetSockPostSend, callback, nullptr, key));
    s.sendChainTo(chain, target, 0);
-   EXPECT_TRUE(s.removeProcessingCallback(DtInetSockPostSend, received<1, 0>));
+   EXPECT_TRUE(s.removeProcessingCallback(DtInetSockPostSend, one));
    s.sendChainTo(chain, target, 0);
-   EXPECT_FALSE(s.addProcessingCallback(static_cast<DtInetSockProcessingType>(7), received<1, 0>,
-                                        nullptr, 1));
+   EXPECT_FALSE(s.addProcessingCallback(static_cast<DtInetSockProcessingType>(7), one, nullptr, 1));
    // An empty chain gives -4 before any receive callback or read.
    s.addProcessingCallback(DtInetSockPreReceive, received<6, -5>, nullptr, 1);
    EXPECT_EQ(s.summary(s.recvToChainFrom(empty, target, 0)),
-             "-4 1:10 2:11 1:13 4:14 5:18 2:10 1:12 4:13 5:17 |2 2 20 0 0 aaaa 1 0");
+             "-4 1:10 2:11 1:13 4:14 5:18 2:10 1:12 4:13 5:17 |2 2 20 0 0 aaaa 1 1 0");
 }
 
 // A datagram counts even when nothing went out, a stream only when bytes went, a failed
@@ -98,19 +98,19 @@ TEST(InetSocket, SendPipelineResultsAndCounts)
 {
    // Rules, chain, pre-send and post-send callback, transmit result, flags; summary.
    DtInetProtocol const udp = DtInetProtocolUdp, tcp = DtInetProtocolTcp;
-   DtInetSockProcessingCb const no = nullptr, absorb = received<0, 0>, fail = received<-2, 0>;
-   using Case = std::tuple<DtInetProtocol, DtInetSockChain*, DtInetSockProcessingCb,
-                           DtInetSockProcessingCb, int, unsigned, char const*>;
-   Case const cases[] = {
-       {udp, &empty, no, absorb, 10, 0, "0 0:0 |0 1 0 0 0 aaaa 1 0"},
-       {tcp, &chain, no, absorb, 10, 0, "10 0:10 |1 1 10 0 0 aaaa 1 0"},
-       {tcp, &empty, no, absorb, 10, 0, "0 0:0 |0 0 0 0 0 aaaa 1 0"},
-       {udp, &chain, no, absorb, -1, 0, "-1 |1 0 0 0 0 aaaa 1 0"},
-       {udp, &chain, absorb, absorb, 10, 0, "10 0:10 0:10 |0 1 10 0 0 aaaa 1 0"},
-       {tcp, &empty, absorb, absorb, 10, 0, "0 0:0 0:0 |0 0 0 0 0 aaaa 1 0"},
-       {udp, &chain, absorb, absorb, 10, theNone, "10 |1 1 10 0 0 aaaa 1 0"},
-       {udp, &chain, fail, absorb, 10, 0, "-1 -2:10 |0 0 0 0 0 aaaa 1 -1Scripted: pre-send failed"},
-       {udp, &chain, no, fail, 10, 0, "-1 -2:10 |1 1 10 0 0 aaaa 1 -1Scripted: post-send failed"}};
+   Cb const no = nullptr, absorb = received<0, 0>, fail = received<-2, 0>;
+   std::tuple<DtInetProtocol, DtInetSockChain*, Cb, Cb, int, unsigned, char const*> const cases[] =
+       {{udp, &empty, no, absorb, 10, 0, "0 0:0 |0 1 0 0 0 aaaa 1 1 0"},
+        {tcp, &chain, no, absorb, 10, 0, "10 0:10 |1 1 10 0 0 aaaa 1 1 0"},
+        {tcp, &empty, no, absorb, 10, 0, "0 0:0 |0 0 0 0 0 aaaa 1 1 0"},
+        {udp, &chain, no, absorb, -1, 0, "-1 |1 0 0 0 0 aaaa 1 1 0"},
+        {udp, &chain, absorb, absorb, 10, 0, "10 0:10 0:10 |0 1 10 0 0 aaaa 1 1 0"},
+        {tcp, &empty, absorb, absorb, 10, 0, "0 0:0 0:0 |0 0 0 0 0 aaaa 1 1 0"},
+        {udp, &chain, absorb, absorb, 10, theNone, "10 |1 1 10 0 0 aaaa 1 1 0"},
+        {udp, &chain, fail, absorb, 10, 0,
+         "-1 -2:10 |0 0 0 0 0 aaaa 1 -1 -1Scripted: pre-send failed"},
+        {udp, &chain, no, fail, 10, 0,
+         "-1 -2:10 |1 1 10 0 0 aaaa 1 -1 -1Scripted: post-send failed"}};
    for (auto [rules, packet, pre, post, transmitResult, flags, expected] : cases)
    {
       ScriptedSocket s(rules, transmitResult);
@@ -118,7 +118,6 @@ TEST(InetSocket, SendPipelineResultsAndCounts)
          s.addProcessingCallback(DtInetSockPreSend, pre, nullptr, 1);
       s.addProcessingCallback(DtInetSockPostSend, post, nullptr, 1);
       EXPECT_EQ(s.summary(s.sendChainTo(*packet, target, flags)), expected);
-      EXPECT_TRUE(s.getLastError() == 0 || s.state() == -1) << expected;
    }
 }
 
@@ -127,15 +126,15 @@ TEST(InetSocket, SendPipelineResultsAndCounts)
 // it, the callback's chain stands and no sender is stored.
 TEST(InetSocket, ReceiveResultsOfDropsAndReads)
 {
-   using Cb = DtInetSockProcessingCb;  // pre-receive, post-receive; read result, flags
+   // Pre-receive and post-receive callback, read result, flags; summary.
    std::tuple<Cb, Cb, int, unsigned, char const*> const cases[] = {
-       {nullptr, received<0, 0>, 5, 0, "0 0:5 -1:0 |0 0 0 1 1 yyyy 3000 0"},
-       {received<6, -5>, received<0, 0>, 5, 0, "-5 6:0 0:6 -1:-5 |0 0 0 0 1 queu 1 0"},
-       {received<6, -5>, received<0, -2>, 5, 0, "-2 6:0 0:6 -1:-2 |0 0 0 0 1 queu 1 0"},
-       {received<-3, 0>, received<-1, 0>, 8, 0, "8 -3:0 -1:8 -1:8 |0 0 0 1 1 yyyy 3000 0"},
-       {received<6, -5>, received<0, 0>, 5, theNone, "5 |0 0 0 1 1 yyyy 3000 0"},
-       {nullptr, received<-1, 0>, -1, 0, "-1 |0 0 0 1 0 aaaa 3000 0"},
-       {nullptr, received<-1, 0>, 0, 0, "0 -1:0 -1:0 |0 0 0 1 0 aaaa 3000 0"}};
+       {nullptr, received<0, 0>, 5, 0, "0 0:5 -1:0 |0 0 0 1 1 yyyy 3000 1 0"},
+       {received<6, -5>, received<0, 0>, 5, 0, "-5 6:0 0:6 -1:-5 |0 0 0 0 1 queu 1 1 0"},
+       {received<6, -5>, received<0, -2>, 5, 0, "-2 6:0 0:6 -1:-2 |0 0 0 0 1 queu 1 1 0"},
+       {received<-3, 0>, received<-1, 0>, 8, 0, "8 -3:0 -1:8 -1:8 |0 0 0 1 1 yyyy 3000 1 0"},
+       {received<6, -5>, received<0, 0>, 5, theNone, "5 |0 0 0 1 1 yyyy 3000 1 0"},
+       {nullptr, received<-1, 0>, -1, 0, "-1 |0 0 0 1 0 aaaa 3000 1 0"},
+       {nullptr, received<-1, 0>, 0, 0, "0 -1:0 -1:0 |0 0 0 1 0 aaaa 3000 1 0"}};
    for (auto const& [pre, post, read, flags, expected] : cases)
    {
       ScriptedSocket s(DtInetProtocolUdp, 10, read);
