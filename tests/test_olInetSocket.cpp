@@ -32,8 +32,7 @@ struct ScriptedSocket : DtInetUdpSocket
    int sendChainTo(DtInetSockChain& chain, DtInetEndpoint& to, unsigned int flags) override
    {
       auto transmit = [this](auto&, auto&) { return ++transmitCalls, transmitResult; };
-      return runSendPipeline(rules, chain, to, flags, transmit, "Scripted: pre-send failed",
-                             "Scripted: post-send failed");
+      return runSendPipeline(rules, chain, to, flags, transmit, "pre failed", "post failed");
    }
    int recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& from, unsigned int flags) override
    {
@@ -44,8 +43,7 @@ struct ScriptedSocket : DtInetUdpSocket
       };
       return runReceivePipeline(chain, from, flags, read);
    }
-   // Result, log|transmits, packets, bytes sent, reads, packets received, chain, port,
-   // state, error.
+   // Result, log|transmits, packets, bytes sent, reads, packets in, chain, port, state, error.
    std::string summary(int result)
    {
       return (::testing::Message()
@@ -73,8 +71,7 @@ unsigned int const theNone = DtInetSockCallNoPreCallbacks | DtInetSockCallNoPost
 
 TEST(InetSocket, CallbacksRunInKeyOrderAndRemovalTakesTheLowestKey)
 {
-   // Equal keys move up to the next free one, -1 is the greatest key plus 1, and a
-   // post-send result adds to the length; removal takes the function's lowest key.
+   // Equal keys move up, -1 is the greatest plus 1, results add; removal takes the lowest.
    ScriptedSocket s;
    Cb const one = received<1, 0>;
    std::pair<Cb, int> const keys[] = {
@@ -107,10 +104,8 @@ TEST(InetSocket, SendPipelineResultsAndCounts)
         {udp, &chain, absorb, absorb, 10, 0, "10 0:10 0:10 |0 1 10 0 0 aaaa 1 1 0"},
         {tcp, &empty, absorb, absorb, 10, 0, "0 0:0 0:0 |0 0 0 0 0 aaaa 1 1 0"},
         {udp, &chain, absorb, absorb, 10, theNone, "10 |1 1 10 0 0 aaaa 1 1 0"},
-        {udp, &chain, fail, absorb, 10, 0,
-         "-1 -2:10 |0 0 0 0 0 aaaa 1 -1 -1Scripted: pre-send failed"},
-        {udp, &chain, no, fail, 10, 0,
-         "-1 -2:10 |1 1 10 0 0 aaaa 1 -1 -1Scripted: post-send failed"}};
+        {udp, &chain, fail, absorb, 10, 0, "-1 -2:10 |0 0 0 0 0 aaaa 1 -1 -1pre failed"},
+        {udp, &chain, no, fail, 10, 0, "-1 -2:10 |1 1 10 0 0 aaaa 1 -1 -1post failed"}};
    for (auto [rules, packet, pre, post, transmitResult, flags, expected] : cases)
    {
       ScriptedSocket s(rules, transmitResult);
@@ -121,9 +116,8 @@ TEST(InetSocket, SendPipelineResultsAndCounts)
    }
 }
 
-// A drop gives 0 or the carried marker; every post-receive callback (a second one keeps
-// the length) runs on the last length. Without the skip marker the network is read; with
-// it, the callback's chain stands and no sender is stored.
+// A drop gives 0 or the carried marker; every post-receive callback runs on the last length.
+// Without the skip marker the network is read; with it, the chain stands, no sender is stored.
 TEST(InetSocket, ReceiveResultsOfDropsAndReads)
 {
    // Pre-receive and post-receive callback, read result, flags; summary.
