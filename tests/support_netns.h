@@ -148,20 +148,11 @@ std::unique_ptr<DtInetDevice> ipv4Device(std::string const& name);
 /// Counts each non-zero result of `read` until none has come for 0.3 s (10 s at most).
 std::map<int, int> drain(std::function<int()> const& read);
 
-/// Fixture with TestHosts, skipped where namespaces cannot be made; inHost(i, make)
-/// runs `make` with the calling thread inside host i and returns what it made.
+/// Fixture with TestHosts (myHosts), skipped where namespaces cannot be made.
 class HostsTest : public ::testing::Test
 {
 protected:
    void SetUp() override;
-
-   template <class Make>
-   auto inHost(int host, Make make)
-   {
-      NetnsGuard inside(myHosts->host(host));
-      EXPECT_TRUE(inside.ok()) << inside.error();
-      return make();
-   }
 
    std::unique_ptr<TestHosts> myHosts;
 };
