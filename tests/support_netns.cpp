@@ -12,9 +12,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 namespace olt
 {
@@ -185,9 +187,10 @@ TestHosts::TestHosts()
           "ip -6 route add multicast ff00::/8 dev olteth0 table local metric 1\n";
       // A veth end shows its carrier a moment after it goes up, and what is sent
       // before then is lost: wait for it (at most 5 s) so counts are exact.
-      script += "for i in $(seq 100); do\n"
-                "  ip -o link show | grep 'olteth' | grep -qv 'state UP' || break; sleep 0.05\n"
-                "done\n";
+      script +=
+          "for i in $(seq 100); do\n"
+          "  ip -o link show | grep 'olteth' | grep -qv 'state UP' || break; sleep 0.05\n"
+          "done\n";
       if (!myHosts[index].sh(script))
       {
          myError = myHosts[index].error();
@@ -252,6 +255,41 @@ bool runIsolated(std::function<void()> const& body, std::string* reason)
    }
    body();
    return true;
+}
+
+std::unique_ptr<DtInetDevice> ipv4Device(std::string const& name)
+{
+   if (name.empty())
+      return nullptr;
+   return std::make_unique<DtInetDevice>(DtString(name.c_str()), DtInetUtils::DtInetFamilyIPv4);
+}
+
+std::map<int, int> drain(std::function<int()> const& read)
+{
+   using Clock = std::chrono::steady_clock;
+   std::map<int, int> counts;
+   auto const end = Clock::now() + std::chrono::seconds(10);
+   for (auto last = Clock::now();
+        Clock::now() < end && Clock::now() - last < std::chrono::milliseconds(300);)
+   {
+      if (int const result = read())
+      {
+         ++counts[result];
+         last = Clock::now();
+      }
+      else
+         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+   }
+   return counts;
+}
+
+void HostsTest::SetUp()
+{
+   std::string reason;
+   if (!TestNetns::isAvailable(&reason))
+      GTEST_SKIP() << reason;
+   myHosts = std::make_unique<TestHosts>();
+   ASSERT_TRUE(myHosts->ok()) << myHosts->error();
 }
 
 }  // namespace olt

@@ -7,8 +7,14 @@
 #define OLUTIL_TESTS_SUPPORT_NETNS_H
 
 #include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <olutil/olInetDevice.h>
 
 namespace olt
 {
@@ -135,6 +141,21 @@ int joinGroupSocket(std::string const& group, std::string const& device,
 /// where nothing can leave the machine and a name lookup fails at once. False, with
 /// *reason, when no namespace can be made (body not run).
 bool runIsolated(std::function<void()> const& body, std::string* reason = nullptr);
+
+/// The IPv4 device `name` of this thread's namespace; null for "".
+std::unique_ptr<DtInetDevice> ipv4Device(std::string const& name);
+
+/// Counts each non-zero result of `read` until none has come for 0.3 s (10 s at most).
+std::map<int, int> drain(std::function<int()> const& read);
+
+/// Fixture with TestHosts (myHosts), skipped where namespaces cannot be made.
+class HostsTest : public ::testing::Test
+{
+protected:
+   void SetUp() override;
+
+   std::unique_ptr<TestHosts> myHosts;
+};
 
 }  // namespace olt
 
