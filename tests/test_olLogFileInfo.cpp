@@ -13,6 +13,13 @@ using namespace olt;
 class LogFileInfoTest : public CrashTest
 {
 protected:
+   // The identity is made here, so that parent and children share one pid and time
+   // in the crash file's name.
+   void SetUp() override
+   {
+      CrashTest::SetUp();
+      DtLogFileInfo::instance();
+   }
    static constexpr int Plain = 0, DirectoryGone = 1, SecondSignal = 2;
    // The status of a child that sets up the handlers and crashes by `signal`.
    int crash(int signal, int how = Plain)
