@@ -223,6 +223,41 @@ TEST(DtDisSocketLoopback, DatagramsGiveOnePduPerRead)
    EXPECT_EQ(1, calls);
 }
 
+// A queued PDU too long for the caller's chain is lost, and that read ends with -4:
+// it must neither hide the loss behind the next datagram nor wait for one.
+TEST(DtDisSocketLoopback, AQueuedPduTooLongForTheChainEndsTheRead)
+{
+   Loopback loop;
+   ASSERT_TRUE(loop.receivers[0] && loop.receivers[1] && loop.senders[0]);
+   std::vector<Bytes> const pdus = {makePdu(7, 1, 44, 0, 'a'), makePdu(7, 2, 60, 0, 'b'),
+                                    makePdu(7, 3, 36, 0, 'c')};
+   Bytes const later = makePdu(7, 4, 40, 0, 'z');
+   for (int r : {0, 1})
+   {
+      SCOPED_TRACE(r ? "general" : "direct");
+      DtDisSocket& rx = *loop.receivers[r];
+      DtInetEndpoint to = udpEndpoint("127.0.0.1", rx.localPort()), from = to;
+      for (Bytes datagram : {bundleOf(pdus, 8), later})
+         ASSERT_EQ(int(datagram.size()),
+                   loop.senders[0]->sendTo(datagram.data(), datagram.size(), to, 0));
+      std::vector<Bytes> reads;
+      for (std::size_t size : {1500, 50, 1500, 1500})
+      {
+         pollfd fd{rx.receiveDescriptor(), POLLIN, 0};
+         if (rx.queuedPduCount() == 0)
+         {
+            ASSERT_GT(::poll(&fd, 1, 2000), 0);
+         }
+         Bytes buffer(size);
+         DtInetSockChain chain{&buffer};
+         int const length = rx.recvToChainFrom(chain, from, 0);
+         reads.push_back(length > 0 ? cut(buffer, length) : drop(length));
+      }
+      EXPECT_EQ((std::vector<Bytes>{pdus[0], drop(DtDisStatusChainTooShort), pdus[2], later}),
+                reads);
+   }
+}
+
 TEST(DtDisSocketLoopback, BundleSizesFlushRulesAndClose)
 {
    Receiver rx;

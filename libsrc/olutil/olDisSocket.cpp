@@ -640,6 +640,8 @@ int DtDisSocket::recvToChainFrom(DtInetSockChain& chain, DtInetEndpoint& endpoin
    // Most reads find the queue empty, and without locking there is nothing to take.
    if (*myLockNeeded || !myUnbundledQueue.empty())
       length = DtDisSocket::getNextBundle(0, chain, endpoint, &skipMarker);
+   if (skipMarker == DtInetSockResultNoFit)
+      return DtInetSockResultNoFit;  // the queued PDU was too long: see runReceivePipeline
    if (skipMarker != DtInetSockResultFromQueue)
    {
       length =

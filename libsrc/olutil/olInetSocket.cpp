@@ -386,6 +386,10 @@ int DtInetSocket::runReceivePipeline(DtInetSockChain& chain, DtInetEndpoint& sen
          length = entry.second->callback(this, 0, chain, sender, &skipMarker);
    }
 
+   // A pre-receive stage whose packet does not fit the chain has used up this
+   // read: the caller learns it as of a datagram too big, and the network waits.
+   if (skipMarker == DtInetSockResultNoFit)
+      return DtInetSockResultNoFit;
    if (skipMarker != DtInetSockResultFromQueue)
    {
       length = read(chain, sender);
