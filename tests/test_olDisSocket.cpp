@@ -144,6 +144,66 @@ struct Loopback
 };
 }  // namespace
 
+// The header decisions without a network: coupling by version, strategy and status
+// bits; the size filter; each filter test reading its own header byte.
+TEST(DtDisSocketFilters, CouplingSizeAndFilterTests)
+{
+   Offline s(udpEndpoint("127.0.0.1", 3000), 0, nullptr, DtInetSockFlagsDefault, false);
+   DtAttributePduStrategy const honour = DtAttributePduHonour,
+                                ignore6 = DtAttributePduIgnoreOnVersion6;
+   // version, kind, status byte, strategy, must be an Attribute PDU; coupled, status
+   for (auto [version, kind, bits, strategy, mustBe, coupled, statusAfter] :
+        {std::tuple{6, 1, 0x08, honour, false, true, 0},
+         {6, 1, 0x08, ignore6, false, false, 0},
+         {7, 1, 0x08, ignore6, false, true, 0},
+         {7, 1, 0xF7, honour, false, false, 0},
+         {7, 72, 0x08, honour, true, false, 0},
+         {7, 1, 0x08, honour, true, true, int(DtDisStatusNotAttributePdu)}})
+   {
+      SCOPED_TRACE(::testing::Message()
+                   << version << ' ' << kind << ' ' << bits << ' ' << strategy);
+      s.setAttributePduStrategy(strategy);
+      Bytes pdu = makePdu(version, kind, 40, bits);
+      DtInetSockChain chain{&pdu};
+      int status = 0;
+      bool isCoupled = !coupled;
+      EXPECT_EQ(
+          40, s.getPduSize(pdu.data(), 0, chain.begin(), chain.end(), &status, &isCoupled, mustBe));
+      EXPECT_EQ(coupled, isCoupled);
+      EXPECT_EQ(statusAfter, status);
+   }
+
+   Bytes buffer = makePdu(7, 1, 144);
+   buffer[1] = 3;  // exercise 3
+   DtInetSockChain chain{&buffer};
+   DtInetEndpoint sender = udpEndpoint("127.0.0.1", 4000);
+   // Counts of 0 and below pass untouched.
+   for (auto [count, result, statusAfter] :
+        {std::tuple{11, 0, -2}, {12, 12, 0}, {0, 0, 0}, {-5, -5, 0}})
+   {
+      int status = 0;
+      EXPECT_EQ(result, s.minSizeFilter(count, chain, sender, &status)) << count;
+      EXPECT_EQ(statusAfter, status) << count;
+   }
+   // The address test never compares, so an accept list fails all.
+   using Test = DtPduFilterTest& (DtDisSocket::*)();
+   for (auto [test, op, value, passes] :
+        {std::tuple<Test, DtPduTestOperator, unsigned int, bool>{&DtDisSocket::protocolVersion,
+                                                                 DtPduTestRejectListed, 7, false},
+         {&DtDisSocket::exerciseId, DtPduTestAcceptListed, 3, true},
+         {&DtDisSocket::pduKind, DtPduTestRejectListed, 1, false},
+         {&DtDisSocket::ipAddr, DtPduTestAcceptListed, 127, false}})
+   {
+      SCOPED_TRACE(value);
+      Offline f(udpEndpoint("127.0.0.1", 3000), 0, nullptr, DtInetSockFlagsDefault, false);
+      (f.*test)().setTest(op, 1, &value);
+      int status = 0;
+      EXPECT_EQ(passes ? 144 : 0, f.filterExercisePdus(144, chain, sender, &status));
+      EXPECT_EQ(passes ? 0 : DtDisStatusFiltered, status);
+      EXPECT_EQ(-3, f.filterExercisePdus(-3, chain, sender, &status));
+   }
+}
+
 // Every datagram read directly and through the general pipeline, by chain and plain.
 TEST(DtDisSocketLoopback, DatagramsGiveOnePduPerRead)
 {
