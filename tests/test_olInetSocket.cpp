@@ -152,14 +152,16 @@ TEST(InetSockOptionTexts, SetAndReadFailureTextsOfBothSockets)
       char const* read;  // after the class name; null for a set-only option
    };
    Case const cases[] = {
-       {DtInetSockOptionReuseAddress, 1, "::setReuseAddressOption(): Error enabling address reuse\n",
+       {DtInetSockOptionReuseAddress, 1,
+        "::setReuseAddressOption(): Error enabling address reuse\n",
         "::getReuseAddressOption(): Error reading address reuse"},
-       {DtInetSockOptionReuseAddress, 0, "::setReuseAddressOption(): Error disabling address reuse\n",
+       {DtInetSockOptionReuseAddress, 0,
+        "::setReuseAddressOption(): Error disabling address reuse\n",
         "::getReuseAddressOption(): Error reading address reuse"},
        {DtInetSockOptionDoNotRoute, 1, "::setDoNotRouteOption(): Error enabling do-not-route\n",
         "::getDoNotRouteOption(): Error reading do-not-route"},
-       {DtInetSockOptionNonBlocking, 0, "::setNonBlockingOption(): Error disabling non-blocking IO\n",
-        nullptr},
+       {DtInetSockOptionNonBlocking, 0,
+        "::setNonBlockingOption(): Error disabling non-blocking IO\n", nullptr},
        {DtInetSockOptionSendBuffer, 4294967295u,
         "::setSendBufferSize(): Error setting send buffer size to 4294967295",
         "::getSendBufferSize(): Error reading send buffer size"},
@@ -173,16 +175,17 @@ TEST(InetSockOptionTexts, SetAndReadFailureTextsOfBothSockets)
         "::setReceiveLowWatermark(): Error setting receive low watermark to 42",
         "::getReceiveLowWatermark(): Error reading receive low watermark"},
    };
-   for (char const* owner : {"DtInetTcpSocket", "DtInetUdpSocket"})
+   for (auto const& [protocol, owner] : {std::pair{DtInetProtocolTcp, "DtInetTcpSocket"},
+                                         std::pair{DtInetProtocolUdp, "DtInetUdpSocket"}})
    {
       for (Case const& one : cases)
       {
          SCOPED_TRACE(std::string(owner) + one.set);
-         EXPECT_EQ(DtInetSockOptionSetFailure(owner, one.option, one.value),
+         EXPECT_EQ(DtInetSockOptionSetFailure(protocol, one.option, one.value),
                    std::string(owner) + one.set);
          if (one.read)
          {
-            EXPECT_EQ(DtInetSockOptionReadFailure(owner, one.option),
+            EXPECT_EQ(DtInetSockOptionReadFailure(protocol, one.option),
                       std::string(owner) + one.read);
          }
       }

@@ -80,25 +80,25 @@ enum DtInetSockOption : int
    DtInetSockOptionReceiveLowWatermark
 };
 
-// The failure text of setting `option` on a socket of class `owner` to `value`:
-// "<owner>::setReuseAddressOption(): Error enabling address reuse\n" for an on/off
-// option, "<owner>::setSendBufferSize(): Error setting send buffer size to <value>"
-// for a size.
-std::string DtInetSockOptionSetFailure(char const* owner, DtInetSockOption option,
+// The failure text of setting `option` to `value` on the socket class of `protocol`:
+// "DtInetUdpSocket::setReuseAddressOption(): Error enabling address reuse\n" for an
+// on/off option, "DtInetTcpSocket::setSendBufferSize(): Error setting send buffer size
+// to <value>" for a size.
+std::string DtInetSockOptionSetFailure(DtInetProtocol protocol, DtInetSockOption option,
                                        unsigned int value);
-// The failure text of reading it: "<owner>::getSendBufferSize(): Error reading send
-// buffer size".
-std::string DtInetSockOptionReadFailure(char const* owner, DtInetSockOption option);
+// The failure text of reading it: "DtInetUdpSocket::getSendBufferSize(): Error reading
+// send buffer size".
+std::string DtInetSockOptionReadFailure(DtInetProtocol protocol, DtInetSockOption option);
 
 // Sets `option` to `value` (an on/off option is on when it is not 0) through the
 // socket's own run(apply, text), which runs apply(handle, error_code&) on its Boost
 // socket or acceptor and settles the outcome with `text` as the failure text.
 template <class Run>
-bool DtInetSockSetOption(Run const& run, char const* owner, DtInetSockOption option,
+bool DtInetSockSetOption(Run const& run, DtInetProtocol protocol, DtInetSockOption option,
                          unsigned int value)
 {
    typedef boost::asio::socket_base Base;
-   std::string const text = DtInetSockOptionSetFailure(owner, option, value);
+   std::string const text = DtInetSockOptionSetFailure(protocol, option, value);
    bool const on = value != 0;
    // All bits set asks for the system's maximum; the kernel clamps the value.
    int const size = static_cast<int>(value);
@@ -134,10 +134,10 @@ bool DtInetSockSetOption(Run const& run, char const* owner, DtInetSockOption opt
 // option's value, or -1 after a failure recorded with `text`. An on/off option reads
 // as 1 or 0.
 template <class Read>
-int DtInetSockGetOption(Read const& read, char const* owner, DtInetSockOption option)
+int DtInetSockGetOption(Read const& read, DtInetProtocol protocol, DtInetSockOption option)
 {
    typedef boost::asio::socket_base Base;
-   std::string const text = DtInetSockOptionReadFailure(owner, option);
+   std::string const text = DtInetSockOptionReadFailure(protocol, option);
    switch (option)
    {
       case DtInetSockOptionReuseAddress:

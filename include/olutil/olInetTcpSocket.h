@@ -141,23 +141,25 @@ protected:
    friend class DtInetTcpSockPimpl;
 
    // What a failed send or read means; see the classification in the source.
-   // `endOfStream` marks the asynchronous I/O layer's end-of-stream code (2). `operation`
-   // names the send in a send failure's text.
+   // `endOfStream` marks the asynchronous I/O layer's end-of-stream code (2).
+   // `sendFailure` starts a send failure's text ("...::send() failed from ").
    int classifyFailure(int error, bool endOfStream, std::string const& message, bool sending,
-                       char const* operation);
+                       char const* sendFailure);
+   // The failure texts of send or sendChain.
+   struct SendTexts;
    // The checks that open send and sendChain; true when the send may go ahead.
-   bool checkSendable(char const* prefix, char const* uninitializedText);
+   bool checkSendable(SendTexts const& texts);
    // The checks that open recv and recvToChain; true when the read may go ahead.
    bool checkReadable(char const* unconnectedText, char const* uninitializedText);
    // Runs finishConnect(): true when the connect failed, or the connection ended,
    // just now (and that was recorded).
    bool connectFailedNow();
    // One send or read: queued(error) through the background queue when `background`,
-   // direct(error) otherwise. A failure is classified; `sendOperation` names a send in
-   // its text and is null for a read.
+   // direct(error) otherwise. A failure is classified; `sendFailure` starts a send's
+   // failure text and is null for a read.
    template <class Queued, class Direct>
    int transfer(bool background, Queued const& queued, Direct const& direct,
-                char const* sendOperation);
+                char const* sendFailure);
    // Looks whether a connect in progress has finished (state 4 to 6, or -1).
    void finishConnect();
    // The state and the background thread of a connection that has just come up.

@@ -624,7 +624,8 @@ int DtPacketServerRequestPath(unsigned int key, char* path, int kind)
       return -1;
    if (key >= theKeyLimit)
       DtWarn("RequestPath key should be between 0 and 99999\n");
-   return std::sprintf(path, "%s%05u", theRequestPrefixes[kind], key % theKeyLimit);
+   return std::sprintf(path, "%s%05d", theRequestPrefixes[kind],
+                       static_cast<int>(key % theKeyLimit));
 }
 
 int DtOpenUnixDgram(char const* path, DtOpenUnixDgramAction action, char const* who)

@@ -354,7 +354,9 @@ bool DtDisSocket::openSocket()
    }
    catch (std::exception const& e)
    {
-      recordFailure(22, DtString(prefix) + "self-reflect suppression sending socket - " + e.what());
+      recordFailure(
+          22, DtString("DtDisSocket::openSocket(): self-reflect suppression sending socket - ") +
+                  e.what());
       boost::system::error_code ignored;
       mySendSocket->close(ignored);
       return false;

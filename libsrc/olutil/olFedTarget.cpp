@@ -865,9 +865,8 @@ bool DtFedTarget::switchValue(DtString const& name) const
 DtMergeFomStatus_enum DtFedTarget::mergeSwitches(DtFedTarget const& other, bool create)
 {
    DtMergeFomStatus_enum status = DtMergeFomSuccess;
-   DtString const header = "Conflicting switch(es) when merging from FOM " +
-                           other.modelIdentification_ + " during " +
-                           (create ? "createFederation" : "joinFederation");
+   DtString const header =
+       "Conflicting switch(es) when merging from FOM " + other.modelIdentification_ + " during ";
    lastError_ = "";
    if (!other.switches.empty())
    {
@@ -897,7 +896,7 @@ DtMergeFomStatus_enum DtFedTarget::mergeSwitches(DtFedTarget const& other, bool 
             continue;
          }
          if (status == DtMergeFomSuccess)
-            lastError_ = header + "\n";
+            lastError_ = header + (create ? "createFederation\n" : "joinFederation\n");
          DtString const line =
              DtString("\t") + name + ": " + (value ? "enabled" : "disabled") + "\n";
          DtVerbose << line;
@@ -914,7 +913,7 @@ DtMergeFomStatus_enum DtFedTarget::mergeSwitches(DtFedTarget const& other, bool 
          // As with the record tables, a conflict after an earlier one replaces what
          // came before with the header.
          if (status != DtMergeFomSuccess)
-            lastError_ = header;
+            lastError_ = header + (create ? "createFederation" : "joinFederation");
          char const* const action = enumAsString(other.automaticResignAction_);
          DtVerbose("\t%-30s: %s\n", "automaticResignAction", action);
          lastError_ += "\n\tautomaticResignAction: ";

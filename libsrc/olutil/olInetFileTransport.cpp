@@ -455,7 +455,7 @@ bool DtInetFileTransporter::receiveFile(DtInetTcpSocket* socket)
          ended = true;
          break;
       }
-      DtDebug << "FileTransporter: Received " << got << " bytes in file transporter\n";
+      DtDebug("FileTransporter: Received %d bytes in file transporter\n", got);
       if (!connection.assembler().feed(myReadBuffer.data(), static_cast<std::size_t>(got)))
       {
          ended = true;

@@ -20,41 +20,67 @@ constexpr std::size_t theLargestDatagram = 65536;
 namespace
 {
 
-struct OptionNames
+// The failure texts of one option, whole, as each socket class records them.
+struct OptionTexts
 {
-   char const* name;  // after "set" or "get"
-   char const* what;  // in the failure text
+   char const* set;     // an on/off option adds "enabling" or "disabling" and `ending`
+   char const* ending;  // null for a size, which ends with the number
+   char const* read;
 };
 
 // In the order of DtInetSockOption.
-constexpr OptionNames theOptionNames[] = {
-    {"ReuseAddressOption", "address reuse"},   {"DoNotRouteOption", "do-not-route"},
-    {"NonBlockingOption", "non-blocking IO"},  {"SendBufferSize", "send buffer size"},
-    {"ReceiveBufferSize", "receive buffer size"}, {"SendLowWatermark", "send low watermark"},
-    {"ReceiveLowWatermark", "receive low watermark"}};
+constexpr OptionTexts theUdpOptionTexts[] = {
+    {"DtInetUdpSocket::setReuseAddressOption(): Error ", " address reuse\n",
+     "DtInetUdpSocket::getReuseAddressOption(): Error reading address reuse"},
+    {"DtInetUdpSocket::setDoNotRouteOption(): Error ", " do-not-route\n",
+     "DtInetUdpSocket::getDoNotRouteOption(): Error reading do-not-route"},
+    {"DtInetUdpSocket::setNonBlockingOption(): Error ", " non-blocking IO\n",
+     "DtInetUdpSocket::getNonBlockingOption(): Error reading non-blocking IO"},
+    {"DtInetUdpSocket::setSendBufferSize(): Error setting send buffer size to ", nullptr,
+     "DtInetUdpSocket::getSendBufferSize(): Error reading send buffer size"},
+    {"DtInetUdpSocket::setReceiveBufferSize(): Error setting receive buffer size to ", nullptr,
+     "DtInetUdpSocket::getReceiveBufferSize(): Error reading receive buffer size"},
+    {"DtInetUdpSocket::setSendLowWatermark(): Error setting send low watermark to ", nullptr,
+     "DtInetUdpSocket::getSendLowWatermark(): Error reading send low watermark"},
+    {"DtInetUdpSocket::setReceiveLowWatermark(): Error setting receive low watermark to ", nullptr,
+     "DtInetUdpSocket::getReceiveLowWatermark(): Error reading receive low watermark"},
+};
+constexpr OptionTexts theTcpOptionTexts[] = {
+    {"DtInetTcpSocket::setReuseAddressOption(): Error ", " address reuse\n",
+     "DtInetTcpSocket::getReuseAddressOption(): Error reading address reuse"},
+    {"DtInetTcpSocket::setDoNotRouteOption(): Error ", " do-not-route\n",
+     "DtInetTcpSocket::getDoNotRouteOption(): Error reading do-not-route"},
+    {"DtInetTcpSocket::setNonBlockingOption(): Error ", " non-blocking IO\n",
+     "DtInetTcpSocket::getNonBlockingOption(): Error reading non-blocking IO"},
+    {"DtInetTcpSocket::setSendBufferSize(): Error setting send buffer size to ", nullptr,
+     "DtInetTcpSocket::getSendBufferSize(): Error reading send buffer size"},
+    {"DtInetTcpSocket::setReceiveBufferSize(): Error setting receive buffer size to ", nullptr,
+     "DtInetTcpSocket::getReceiveBufferSize(): Error reading receive buffer size"},
+    {"DtInetTcpSocket::setSendLowWatermark(): Error setting send low watermark to ", nullptr,
+     "DtInetTcpSocket::getSendLowWatermark(): Error reading send low watermark"},
+    {"DtInetTcpSocket::setReceiveLowWatermark(): Error setting receive low watermark to ", nullptr,
+     "DtInetTcpSocket::getReceiveLowWatermark(): Error reading receive low watermark"},
+};
 
-bool isOnOff(DtInetSockOption option)
+OptionTexts const& textsOf(DtInetProtocol protocol, DtInetSockOption option)
 {
-   return option == DtInetSockOptionReuseAddress || option == DtInetSockOptionDoNotRoute ||
-          option == DtInetSockOptionNonBlocking;
+   return protocol == DtInetProtocolTcp ? theTcpOptionTexts[option] : theUdpOptionTexts[option];
 }
 
 }  // namespace
 
-std::string DtInetSockOptionSetFailure(char const* owner, DtInetSockOption option,
+std::string DtInetSockOptionSetFailure(DtInetProtocol protocol, DtInetSockOption option,
                                        unsigned int value)
 {
-   OptionNames const& names = theOptionNames[option];
-   std::string text = std::string(owner) + "::set" + names.name + "(): Error ";
-   if (isOnOff(option))
-      return text + (value != 0 ? "enabling " : "disabling ") + names.what + "\n";
-   return text + "setting " + names.what + " to " + std::to_string(value);
+   OptionTexts const& texts = textsOf(protocol, option);
+   if (texts.ending)
+      return std::string(texts.set) + (value != 0 ? "enabling" : "disabling") + texts.ending;
+   return texts.set + std::to_string(value);
 }
 
-std::string DtInetSockOptionReadFailure(char const* owner, DtInetSockOption option)
+std::string DtInetSockOptionReadFailure(DtInetProtocol protocol, DtInetSockOption option)
 {
-   OptionNames const& names = theOptionNames[option];
-   return std::string(owner) + "::get" + names.name + "(): Error reading " + names.what;
+   return textsOf(protocol, option).read;
 }
 
 std::size_t DtInetSockChainSize(DtInetSockChain const& chain)

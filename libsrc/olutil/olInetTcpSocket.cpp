@@ -384,8 +384,7 @@ bool DtInetTcpSocket::listenForConnections()
       return true;
    if (myState != DtInetSockStateNone && myState != DtInetSockStateInitialized)
    {
-      recordFailure(131,
-                    std::string(theListenPrefix) + "Invalid state " + std::to_string(myState));
+      recordFailure(131, std::string(theListenPrefix) + "Invalid state " + std::to_string(myState));
       return false;
    }
    bool const ipv6 = myFamily == DtInetUtils::DtInetFamilyIPv6;
@@ -639,9 +638,8 @@ bool DtInetTcpSocket::acceptConnection(DtInetTcpSocket* accepted, unsigned int f
          if (concernsNewConnection(error.value()))
             return connectionFailed(error.value(),
                                     "Error creating new connection on socket\n" + error.message());
-         recordFailure(error.value(),
-                       std::string(theAcceptPrefix) + "Error on Boost acceptor socket\n" +
-                           error.message());
+         recordFailure(error.value(), std::string(theAcceptPrefix) +
+                                          "Error on Boost acceptor socket\n" + error.message());
          return false;
       }
    }
@@ -666,9 +664,9 @@ bool DtInetTcpSocket::acceptConnection(DtInetTcpSocket* accepted, unsigned int f
          return false;
       }
       ErrorCode error;
-      accepted->myTcpSocket->assign(address.ss_family == AF_INET6 ? boost::asio::ip::tcp::v6()
-                                                                  : boost::asio::ip::tcp::v4(),
-                                    descriptor, error);
+      accepted->myTcpSocket->assign(
+          address.ss_family == AF_INET6 ? boost::asio::ip::tcp::v6() : boost::asio::ip::tcp::v4(),
+          descriptor, error);
       if (error)
       {
          // The descriptor was never taken over: closed here, or it would leak.
@@ -688,14 +686,15 @@ bool DtInetTcpSocket::acceptConnection(DtInetTcpSocket* accepted, unsigned int f
 // ------------------------------------------------------------------ failures
 
 int DtInetTcpSocket::classifyFailure(int error, bool endOfStream, std::string const& message,
-                                     bool sending, char const* operation)
+                                     bool sending, char const* sendFailure)
 {
    if (endOfStream)
    {
       recordTermination(2, "Connection terminated by peer");
       return DtInetSockResultFailed;
    }
-   if (endsConnection(error) || (error == theNotConnectedError && myState != DtInetSockStateConnecting))
+   if (endsConnection(error) ||
+       (error == theNotConnectedError && myState != DtInetSockStateConnecting))
    {
       recordTermination(error, message.c_str());
       return DtInetSockResultFailed;
@@ -706,8 +705,8 @@ int DtInetTcpSocket::classifyFailure(int error, bool endOfStream, std::string co
    {
       // A would-block send is -1 with last error 11, never 0 as on a datagram socket:
       // part of a stream cannot silently go missing.
-      recordError(error, std::string(operation) + " failed from " + text(myLocalEndpoint) +
-                             " to " + text(myDestination) + "\n" + message);
+      recordError(error, sendFailure + text(myLocalEndpoint) + " to " + text(myDestination) + "\n" +
+                             message);
       return DtInetSockResultFailed;
    }
    if (error == theNoBufferSpaceError)
@@ -728,23 +727,30 @@ bool DtInetTcpSocket::connectFailedNow()
    return before != myState && myState != DtInetSockStateConnected;
 }
 
-bool DtInetTcpSocket::checkSendable(char const* prefix, char const* uninitializedText)
+struct DtInetTcpSocket::SendTexts
+{
+   char const* prefix;
+   char const* notForSending;
+   char const* uninitialized;
+};
+
+bool DtInetTcpSocket::checkSendable(SendTexts const& texts)
 {
    if (connectFailedNow())
       return false;
    if (myState != DtInetSockStateConnecting && myState != DtInetSockStateConnected)
    {
-      recordFailure(theNotConnectedError, std::string(prefix) + theNotConnected);
+      recordFailure(theNotConnectedError, std::string(texts.prefix) + theNotConnected);
       return false;
    }
    if ((myFlags & (DtInetSockFlagSend | DtInetSockFlagAsyncSend)) == 0)
    {
-      recordFailure(95, std::string(prefix) + "Socket not initialized for sending.");
+      recordFailure(95, texts.notForSending);
       return false;
    }
    if (!myTcpSocket)
    {
-      recordError(9, uninitializedText);
+      recordError(9, texts.uninitialized);
       return false;
    }
    return true;
@@ -769,7 +775,7 @@ bool DtInetTcpSocket::checkReadable(char const* unconnectedText, char const* uni
 
 template <class Queued, class Direct>
 int DtInetTcpSocket::transfer(bool background, Queued const& queued, Direct const& direct,
-                              char const* sendOperation)
+                              char const* sendFailure)
 {
    ErrorCode error;
    int const result = background ? queued(error) : static_cast<int>(direct(error));
@@ -777,7 +783,7 @@ int DtInetTcpSocket::transfer(bool background, Queued const& queued, Direct cons
    // no error.
    if (error)
       return classifyFailure(error.value(), error == boost::asio::error::eof, error.message(),
-                             sendOperation != nullptr, sendOperation);
+                             sendFailure != nullptr, sendFailure);
    return result;
 }
 
@@ -785,8 +791,10 @@ int DtInetTcpSocket::transfer(bool background, Queued const& queued, Direct cons
 
 int DtInetTcpSocket::send(char* buffer, unsigned long length, unsigned int)
 {
-   if (!checkSendable("DtInetTcpSocket::send(): ",
-                      "DtInetTcpSocket()::send() called on uninitialized socket"))
+   static SendTexts const theSendTexts = {
+       "DtInetTcpSocket::send(): ", "DtInetTcpSocket::send(): Socket not initialized for sending.",
+       "DtInetTcpSocket()::send() called on uninitialized socket"};
+   if (!checkSendable(theSendTexts))
       return DtInetSockResultFailed;
    int const result = transfer(
        (myFlags & DtInetSockFlagAsyncSend) != 0,
@@ -794,7 +802,7 @@ int DtInetTcpSocket::send(char* buffer, unsigned long length, unsigned int)
        { return myPimpl->asyncSend(new std::vector<char>(buffer, buffer + length), error); },
        [this, buffer, length](ErrorCode& error)
        { return myTcpSocket->send(boost::asio::buffer(buffer, length), 0, error); },
-       "DtInetTcpSocket::send()");
+       "DtInetTcpSocket::send() failed from ");
    if (result < 0)
       return result;
    if (myState == DtInetSockStateConnecting)
@@ -811,8 +819,11 @@ int DtInetTcpSocket::sendTo(char* buffer, unsigned long length, DtInetEndpoint&,
 
 int DtInetTcpSocket::sendChain(DtInetSockChain& chain, unsigned int flags)
 {
-   if (!checkSendable("DtInetTcpSocket::sendChain(): ",
-                      "DtInetTcpSocket()::sendChain() called on uninitialized socket"))
+   static SendTexts const theSendChainTexts = {
+       "DtInetTcpSocket::sendChain(): ",
+       "DtInetTcpSocket::sendChain(): Socket not initialized for sending.",
+       "DtInetTcpSocket()::sendChain() called on uninitialized socket"};
+   if (!checkSendable(theSendChainTexts))
       return DtInetSockResultFailed;
    int const sent = runSendPipeline(
        DtInetProtocolTcp, chain, myDestination, flags,
@@ -841,7 +852,7 @@ int DtInetTcpSocket::transmitChain(DtInetSockChain& chain)
                      : myTcpSocket->send(DtInetSockChainBuffers<boost::asio::const_buffer>(chain),
                                          0, error);
        },
-       "DtInetTcpSocket::sendChain()");
+       "DtInetTcpSocket::sendChain() failed from ");
 }
 
 // ------------------------------------------------------------------ receive
@@ -851,13 +862,13 @@ int DtInetTcpSocket::recv(char* buffer, unsigned long length, unsigned int)
    if (!checkReadable("DtInetTcpSocket::recv() called on unconnected socket on ",
                       "DtInetTcpSocket::recv() called on uninitialized socket"))
       return DtInetSockResultFailed;
-   int const result = transfer(
-       (myFlags & DtInetSockFlagAsyncRecv) != 0,
-       [this, buffer, length](ErrorCode& error)
-       { return myPimpl->getFromReceiveQueue(buffer, length, error); },
-       [this, buffer, length](ErrorCode& error)
-       { return myTcpSocket->receive(boost::asio::buffer(buffer, length), 0, error); },
-       nullptr);
+   int const result =
+       transfer((myFlags & DtInetSockFlagAsyncRecv) != 0,
+                [this, buffer, length](ErrorCode& error)
+                { return myPimpl->getFromReceiveQueue(buffer, length, error); },
+                [this, buffer, length](ErrorCode& error)
+                { return myTcpSocket->receive(boost::asio::buffer(buffer, length), 0, error); },
+                nullptr);
    if (result > 0)
       countReceived(result);
    return result;
@@ -941,7 +952,8 @@ template <class Option, class Value>
 Value DtInetTcpSocket::readOption(char const* failureText, Value failed)
 {
    Option option;
-   return applyOption([&option](auto& handle, ErrorCode& error) { handle.get_option(option, error); },
+   return applyOption([&option](auto& handle, ErrorCode& error)
+                      { handle.get_option(option, error); },
                       failureText)
               ? static_cast<Value>(option.value())
               : failed;
@@ -951,7 +963,7 @@ bool DtInetTcpSocket::setCommonOption(DtInetSockOption option, unsigned int valu
 {
    return DtInetSockSetOption([this](auto const& apply, std::string const& text)
                               { return applyOption(apply, text); },
-                              "DtInetTcpSocket", option, value);
+                              DtInetProtocolTcp, option, value);
 }
 
 int DtInetTcpSocket::getCommonOption(DtInetSockOption option)
@@ -959,7 +971,7 @@ int DtInetTcpSocket::getCommonOption(DtInetSockOption option)
    return DtInetSockGetOption(
        [this](auto const& boostOption, std::string const& text)
        { return readOption<std::decay_t<decltype(boostOption)>>(text.c_str(), -1); },
-       "DtInetTcpSocket", option);
+       DtInetProtocolTcp, option);
 }
 
 bool DtInetTcpSocket::setNonBlockingOption(bool enable)
@@ -1076,9 +1088,9 @@ bool DtInetTcpSocket::getTcpKeepAliveOption()
 bool DtInetTcpSocket::getTcpLingerOption(unsigned short& seconds)
 {
    boost::asio::socket_base::linger option;
-   bool const done = applyOption(
-       [&option](auto& handle, ErrorCode& error) { handle.get_option(option, error); },
-       "DtInetTcpSocket::getTcpLingerOption(): Error reading linger option");
+   bool const done =
+       applyOption([&option](auto& handle, ErrorCode& error) { handle.get_option(option, error); },
+                   "DtInetTcpSocket::getTcpLingerOption(): Error reading linger option");
    if (done)
       seconds = option.enabled() ? static_cast<unsigned short>(option.timeout()) : 0;
    return done;

@@ -55,6 +55,7 @@ char const* const theChainSendNotEnabled =
 char const* const theTcpEndpoint = "DtInetUdpSocket::sendTo(): endpoint is a TCP endpoint";
 char const* const theNoDestination = "Error - no default destination set.";
 char const* const theOpenPrefix = "DtInetUdpSocket::openSocket(): ";
+char const* const theBadDevice = "DtInetUdpSocket::openSocket(): Bad device: ";
 char const* const theOpenFailure = "Error opening Boost socket\n";
 char const* const theClosePrefix = "DtInetUdpSocket::closeSocket(): ";
 char const* const theCloseFailure = "Error closing Boost socket\n";
@@ -310,16 +311,14 @@ bool DtInetUdpSocket::openSocket()
    {
       if (!myHostIf->isOk())
       {
-         recordFailure(22, std::string(theOpenPrefix) +
-                               "Bad device: " + text(myHostIf->getLastErrorString()));
+         recordFailure(22, theBadDevice + text(myHostIf->getLastErrorString()));
          return false;
       }
       DtInetAddr const* deviceAddress =
           destinationIpv6 ? myHostIf->ipv6Addr() : myHostIf->ipv4Addr();
       if (!deviceAddress)
       {
-         recordFailure(22, std::string(theOpenPrefix) +
-                               "Bad device: " + text(myHostIf->deviceName()) +
+         recordFailure(22, theBadDevice + text(myHostIf->deviceName()) +
                                " has no address of the destination's family");
          return false;
       }
@@ -500,7 +499,8 @@ bool DtInetUdpSocket::connectToDestination()
    if (error)
    {
       recordFailure(error.value(),
-                    std::string(prefix) + "Error connecting Boost socket\n" + error.message());
+                    "DtInetUdpSocket::connectToDestination(): Error connecting Boost socket\n" +
+                        error.message());
       return false;
    }
    setState(DtInetSockStateConnected);
@@ -856,7 +856,7 @@ bool DtInetUdpSocket::setCommonOption(DtInetSockOption option, unsigned int valu
           return applyToSocket(
               socket, [socket, &apply](ErrorCode& error) { apply(*socket, error); }, text);
        },
-       "DtInetUdpSocket", option, value);
+       DtInetProtocolUdp, option, value);
 }
 
 int DtInetUdpSocket::getCommonOption(DtInetSockOption option)
@@ -864,7 +864,7 @@ int DtInetUdpSocket::getCommonOption(DtInetSockOption option)
    return DtInetSockGetOption(
        [this](auto const& boostOption, std::string const& text)
        { return readOption<std::decay_t<decltype(boostOption)>>(text.c_str(), -1); },
-       "DtInetUdpSocket", option);
+       DtInetProtocolUdp, option);
 }
 
 bool DtInetUdpSocket::setBroadcastOption(bool enable)

@@ -9,9 +9,9 @@
 
 namespace
 {
-char const* const theSimTimeNeverSetText =
-    "User error: DtSetSimTime was never called.\n"
-    "         You must call DtSetSimTime once per frame\n";
+// clang-format off
+char const* const theSimTimeNeverSetText = "User error: DtSetSimTime was never called.\n         You must call DtSetSimTime once per frame\n";
+// clang-format on
 
 double const theDefaultHourFracPerHour = 2147483648.0;  // 2^31 steps per hour
 double const theDis5HourFracPerHour = 2147483647.0;     // 2^31 - 1 steps per hour
