@@ -460,6 +460,47 @@ TEST(DtDisSocketLoopback, BundlesOfHundredsOfPdusArriveWhole)
    }
 }
 
+// Unicast self-reflect suppression on loopback: the interface must be named, and a
+// socket that sends to its own receiving port drops what it sent, not what others send.
+TEST(DtDisSocketLoopback, SelfReflectSuppressionDropsOwnUnicastOnly)
+{
+   DtDisSocket unnamed(udpEndpoint("127.0.0.1", 0), 0, nullptr, DtInetSockFlagsDefault, false,
+                       true);
+   EXPECT_FALSE(unnamed.openSocket());
+   EXPECT_EQ(14, unnamed.getLastError());
+   EXPECT_STREQ("DtDisSocket::openSocket(): Could not identify localhost interface for "
+                "self-reflect suppression",
+                unnamed.getLastErrorString().c_str());
+
+   auto other = openDis(0);
+   ASSERT_TRUE(other);
+   unsigned short const port = other->localPort();
+   other->closeSocket();
+   DtInetDevice lo(DtString("lo"), DtInetUtils::DtInetFamilyIPv4);
+   DtDisSocket socket(udpEndpoint("127.0.0.1", port), port, &lo, DtInetSockFlagsDefault, false,
+                      true);
+   ASSERT_TRUE(socket.openSocket()) << socket.getLastErrorString();
+   DtInetEndpoint const local = socket.localSenderEndpoint();
+   EXPECT_NE(port, local.port()) << "a sender port equal to the destination's is replaced";
+   auto readOne = [&socket](DtInetEndpoint& from)
+   {
+      pollfd fd{socket.receiveDescriptor(), POLLIN, 0};
+      Bytes buffer(1500);
+      DtInetSockChain chain{&buffer};
+      return ::poll(&fd, 1, 2000) > 0 ? socket.recvToChainFrom(chain, from, 0) : -99;
+   };
+   Bytes pdu = makePdu(7, 1, 64);
+   DtInetEndpoint from = udpEndpoint("0.0.0.0", 0);
+   ASSERT_EQ(64, socket.send(pdu.data(), pdu.size(), 0));
+   EXPECT_EQ(DtDisStatusOwnTraffic, readOne(from));
+   EXPECT_TRUE(from == local) << from.toDtString(true);
+   other = openDis(port);
+   ASSERT_TRUE(other);
+   ASSERT_EQ(64, other->send(pdu.data(), pdu.size(), 0));
+   EXPECT_EQ(64, readOne(from));
+   EXPECT_EQ(other->localPort(), from.port());
+}
+
 // Three hosts (see olt::TestHosts), sockets opened inside one by on(); exact counts.
 class DtDisSocketHosts : public olt::HostsTest
 {
