@@ -468,9 +468,10 @@ TEST(DtDisSocketLoopback, SelfReflectSuppressionDropsOwnUnicastOnly)
                        true);
    EXPECT_FALSE(unnamed.openSocket());
    EXPECT_EQ(14, unnamed.getLastError());
-   EXPECT_STREQ("DtDisSocket::openSocket(): Could not identify localhost interface for "
-                "self-reflect suppression",
-                unnamed.getLastErrorString().c_str());
+   EXPECT_STREQ(
+       "DtDisSocket::openSocket(): Could not identify localhost interface for "
+       "self-reflect suppression",
+       unnamed.getLastErrorString().c_str());
 
    auto other = openDis(0);
    ASSERT_TRUE(other);
