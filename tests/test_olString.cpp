@@ -77,6 +77,20 @@ TEST(DtStringValue, ConstructCompareDispatchSearchAndEdit)
    // findLastString gives the match nearest the start.
    DtString t("abab");
    EXPECT_EQ(0, t.findLastString(DtString("ab")));
+   EXPECT_TRUE(t.findChar('b') == 1 && t.findLastChar('b') == 3 && t.findLastChar('x') == -1 &&
+               t.count('a') == 2 && t.count('x') == 0);
+   // Equal ignoring case, and never on a prefix alone.
+   EXPECT_TRUE(DtString("Ab").caseCompare(DtString("aB")) && !DtString("Ab").caseCompare("a") &&
+               !DtString("a").caseCompare("Ab"));
+   DtString mixed("a1\xe9Z");
+   mixed.toUpper();
+   EXPECT_EQ(mixed, "A1\xe9Z");
+   mixed.toLower();
+   EXPECT_EQ(mixed, "a1\xe9z") << "ASCII letters only";
+   // Numbers as printf prints them; a double keeps 13 significant digits.
+   EXPECT_EQ(DtString(1.0 / 3) + "|" + DtString(-7) + "|" + DtString(4294967295u) + "|" +
+                 DtString(-9000000000L) + "|" + DtString('c'),
+             "0.3333333333333|-7|4294967295|-9000000000|c");
 
    // "+" or "-" for the result of a snip at '/', then the text left.
    auto snip = [](char const* text, bool front, bool greedy)
@@ -128,6 +142,7 @@ TEST(DtStringConvert, NumbersAndBooleans)
    // clang-format off
    std::tuple<char const*, int, Ok, unsigned int, Ok, double, Ok> const rows[] = {
        {"",                     0,       F, 0u,          F, 0.0,          F},
+       {" +0",                  0,       T, 0u,          T, 0.0,          T},
        {"-010",                 -8,      T, 0u,          T, -10.0,        T},
        {"18446744073709551616", INT_MIN, F, 0u,          F, 0x1p64,       T},
        {"1e999",                1,       T, 1u,          T, HUGE_VAL,     F},
@@ -143,6 +158,9 @@ TEST(DtStringConvert, NumbersAndBooleans)
    }
    expectConversion(DtString("-1"), true, T, &DtString::toBoolean);
    expectConversion(DtString("0x1"), false, T, &DtString::toBoolean);
+   expectConversion(DtString("FALSE"), false, T, &DtString::toBoolean);
+   expectConversion(DtString("True"), true, T, &DtString::toBoolean);
+   expectConversion(DtString("yes"), false, F, &DtString::toBoolean);
    // errno is not cleared first: a stale range error counts.
    bool ok = true;
    errno = ERANGE;

@@ -128,6 +128,9 @@ TEST(StringTextTest, ReplaceSearchFirstCharacterAndWideText)
    EXPECT_EQ(DtString("\xc9t"), DtFirstCharToLower("\xc9t")) << "ASCII letters only";
    EXPECT_EQ(DtString("abc"), DtFirstCharToLowerConditional("Abc"));
    EXPECT_EQ(DtString("ABc"), DtFirstCharToLowerConditional("ABc")) << "an acronym stays";
+   EXPECT_EQ(DtString("A1|a"),
+             DtFirstCharToLowerConditional("A1") + "|" + DtFirstCharToLowerConditional("A"))
+       << "lowered only before a lower-case letter or alone";
 
    EXPECT_EQ("A\xe9", DtToString(L"\x0141\x00e9")) << "the low byte of each character";
    EXPECT_EQ("", DtToString(static_cast<wchar_t const*>(nullptr)));
@@ -152,6 +155,7 @@ TEST(StringNumberTest, AddressDegreeAndBinaryTexts)
    EXPECT_EQ(DtString("1:00:00.00"), DtDeg2DmsString(0.999999999)) << "the carry reaches degrees";
    EXPECT_EQ(DtString("0:00:00.00"), DtDeg2DmsString(-0.0000000001)) << "no negative zero";
    EXPECT_EQ(DtString("179:59:59.96"), DtDeg2DmsString(179.99999));
+   EXPECT_EQ(DtString("-0:00:00.01"), DtDeg2DmsString(-0.000002)) << "the sign of any angle";
    EXPECT_EQ(DtString("nan"), DtDeg2DmsString(std::nan("")));
    EXPECT_EQ(DtString("1e+12"), DtDeg2DmsString(1e12)) << "beyond whole degrees";
    char small[5] = "####";
@@ -161,6 +165,7 @@ TEST(StringNumberTest, AddressDegreeAndBinaryTexts)
    EXPECT_EQ("00011111", DtHexToBinary("1f", 8));
    EXPECT_EQ("0000", DtHexToBinary("g", 0));
    EXPECT_EQ("5", DtBinaryToHex("1x1"));
+   EXPECT_EQ("A5", DtBinaryToHex("10100101")) << "whole nibbles get no padding";
    EXPECT_EQ("1FFFFFFFF", DtBinaryToHex("111111111111111111111111111111111"));
    EXPECT_EQ(0xFFFFFFFFu, DtBinaryToDecimal("111111111111111111111111111111111"));
    EXPECT_EQ(0u, DtBinaryToDecimal("100000000000000000000000000000000"))
