@@ -45,6 +45,7 @@ TEST(HashKeyTest, HashesTextFormsTypesAndClones)
    check(DtStringHashKey("\xff"), 0xFFFFFFFFu, "\xff", 3);  // bytes above 127 subtract
    check(DtWStringHashKey(L"\x0100"), 256, "", 4);          // the text narrowed to its low byte
    check(DtWStringHashKey(std::wstring(1, static_cast<wchar_t>(-2))), 0xFFFFFFFEu, "\xfe", 4);
+   check(DtWStringHashKey(std::wstring(L"a\0b", 3)), 97, "a", 4);  // up to the terminator
 
    // Past 2^24 positions a byte's product overflows 32 bits: the low 32 bits of the exact sum.
    std::string const text((1u << 24) + 100, '\x80');

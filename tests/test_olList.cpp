@@ -82,6 +82,11 @@ TEST(DtIntrusiveListTest, ObjectKnowsItsListWhileHeld)
    EXPECT_TRUE(obj.ownerList() == &list && obj.ownerItem() == item);
    EXPECT_EQ(&obj, list.remove(item));
    EXPECT_TRUE(!obj.ownerList() && !obj.ownerItem());
+   {
+      DtIntrusiveList dying;
+      dying.add(&obj);
+   }
+   EXPECT_TRUE(!obj.ownerList() && !obj.ownerItem()) << "a dying list lets go of its objects";
 }
 
 TEST(DtIntrusiveListTest, RemoveAndDeleteTakesTwoOffTheCountButAllAndDeleteOne)

@@ -81,6 +81,26 @@ TEST(StreamTest, LevelsPrintersLinesAndPrintf)
    EXPECT_EQ(other.writes, (std::vector<std::string>{"2-abc", "2+\n"}));
 }
 
+// Out of the box the five streams print on standard output up to Info; one call
+// gives all five another printer.
+TEST(StreamTest, DefaultLevelConsoleAndOnePrinterForAll)
+{
+   DtOutputStream* const streams[] = {&DtFatal, &DtWarn, &DtInfo, &DtVerbose, &DtDebug};
+   testing::internal::CaptureStdout();
+   for (DtOutputStream* stream : streams)
+      *stream << stream->threshold() << "\n";
+   EXPECT_EQ("0\n1\n2\n", testing::internal::GetCapturedStdout());
+   RecordingPrinter printer;
+   DtSetOstrelPrinter(&printer);
+   DtNotifyLevel = 4;
+   for (DtOutputStream* stream : streams)
+      *stream << "x\n";
+   DtNotifyLevel = 2;
+   DtSetOstrelPrinter(&DtStandardOutConsole);
+   EXPECT_EQ(printer.writes,
+             (std::vector<std::string>{"0+x\n", "1+x\n", "2+x\n", "3+x\n", "4+x\n"}));
+}
+
 // Opening truncates; a stamp goes before what completes a line: for an end of
 // line written on its own, right before the line end.
 TEST_F(FilePrinterTest, StampsPrecedeLineEnds)
@@ -147,4 +167,9 @@ TEST_F(FilePrinterTest, AFailedRollKeepsEveryLineAndIsToldOnce)
    EXPECT_EQ(testing::internal::GetCapturedStderr(),
              "DtFilePrinter: cannot roll " + path("logs.d/app") + " to " + path("logs_1.d/app") +
                  ": No such file or directory; writing on in " + path("logs.d/app") + "\n");
+   // A new file numbers its rolls from 1 again.
+   printer.resetFile(path("b.log").c_str());
+   printer.backdate(60);
+   printer.write("five\n", 2, true);
+   EXPECT_EQ(read("b_1.log") + read("b.log"), "|five\n|");
 }

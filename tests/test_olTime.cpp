@@ -91,6 +91,7 @@ TEST(TimeStamp, KeepsOnlyTheTimeWithinTheHour)
    {
       DtNetTimeStamp::setTimeStampDis5Increments(dis5);
       EXPECT_EQ(dis5 ? 2147483647.0 : 2147483648.0, DtNetTimeStamp::theHourFracPerHour);
+      EXPECT_EQ(dis5, DtNetTimeStamp::timeStampDis5Increments());
       EXPECT_EQ(dis5 ? 4.656612875245797e-10 : 4.656612873077393e-10,
                 DtNetTimeStamp::theHourPerHourFrac);
       for (auto const& [seconds, expected] : cases)
@@ -118,6 +119,7 @@ TEST(TimeStamp, ValueIsTheHourFractionShiftedLeftByOneInNetworkOrder)
    DtNetTimeStamp::setTimeStampDis5Increments(true);
    DtNetTimeStamp half(1800.0, DtTimeStampSet);
    EXPECT_EQ((1073741823u << 1) | 1u, static_cast<unsigned int>(half));
+   EXPECT_DOUBLE_EQ(3600.0 * 1073741823.0 / 2147483647.0, half.time()) << "read at the same scale";
    half.setType(static_cast<DtTimeStampType>(5));
    EXPECT_EQ(1073741823u << 1, static_cast<unsigned int>(half));
    DtNetTimeStamp::setTimeStampDis5Increments(false);

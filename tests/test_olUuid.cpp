@@ -70,6 +70,8 @@ TEST(Uuid, CopiesAndByteWiseOrder)
    assigned = high;
    EXPECT_TRUE(copy == low && assigned == high && copy < assigned);
    EXPECT_FALSE(high < low || low < low);
+   DtOstUuid const lowest = fromText("00000000-0000-0000-0000-0000000000fe");
+   EXPECT_TRUE(lowest < low && lowest != low) << "the last byte counts too";
 }
 
 TEST(Uuid, PrintForms)
