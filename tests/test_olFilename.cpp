@@ -75,6 +75,7 @@ TEST(FilenamePathRules, StripExtensionsAppendPrependAndCombine)
    EXPECT_EQ("/x|/x|/x", join("/a", "/x"));
    EXPECT_EQ("/a/x|/a/x|/a//x", join("/a/", "x"));
    EXPECT_EQ("a/|a/|a/", join("a", ""));
+   EXPECT_EQ("x|x|x", join("", "x")) << "no directory: the name stays relative";
 }
 
 // setExtension, append, prepend and assignment given the name itself, or text inside

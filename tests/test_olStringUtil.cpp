@@ -60,6 +60,7 @@ TEST(WireFormTest, EachEncodingWritesAndReadsItsFormAndRefusesWhatDoesNotFit)
        {2, false, 0, "abc\0def"s, "abc", false, 4},
        {2, false, 0, "abc"s, nullptr, false, 0},  // no terminator inside the buffer
        {1, false, 0, "ab\0d"s, "ab", false, 4},   // all four bytes taken; the text ends at the NUL
+       {5, false, 0, ""s, "", false, 0},          // no bytes: the empty text
        {3, false, 0, "\0"s, "", true, 1},
        {4, false, 0, "\x7f\x80\xff"s, "\x7f\x80\xff", false, 3},
        {6, false, 0, "abcd"s, nullptr, false, 0},
@@ -174,6 +175,11 @@ TEST(StringNumberTest, AddressDegreeAndBinaryTexts)
 
 TEST(StringCTest, ResizeRoundsUpZeroesAndNeverShrinks)
 {
+   int const list[] = {5, 7, 5, 0, 9};  // ends at the first 0
+   EXPECT_EQ("0 1 -1 -1 -1",
+             std::to_string(DtIsInList(list, 5)) + " " + std::to_string(DtIsInList(list, 7)) + " " +
+                 std::to_string(DtIsInList(list, 9)) + " " + std::to_string(DtIsInList(list, 0)) +
+                 " " + std::to_string(DtIsInList(nullptr, 5)));
    char* buffer = nullptr;
    int capacity = 99;  // ignored for a null buffer
    EXPECT_EQ(-1, DtResizeString(buffer, capacity, INT_MAX));

@@ -60,7 +60,15 @@ TEST(DtThreadedObjectTest, StopsWithAndWithoutWaitJoinsAndStartsAgain)
    runnable->lingerMs = 50;  // slow to wind down, so an early return shows
    DtThreadedObject object(runnable);
    object.start();
-   EXPECT_THROW(object.start(), DtThreadAlreadyRunning);
+   try
+   {
+      object.start();
+      ADD_FAILURE() << "a second start while running";
+   }
+   catch (DtThreadAlreadyRunning const& e)
+   {
+      EXPECT_STREQ("DtThreadAlreadyRunning: Thread already running.", e.message());
+   }
    object.stop(true);
    EXPECT_TRUE(!object.running() && runnable->ends == 1);
    EXPECT_THROW(object.stop(true), DtThreadNotStarted) << "the thread is gone after stop(true)";
