@@ -170,6 +170,20 @@ TEST_F(InetDeviceNetnsTest, ScansListsFactsCopiesAndLookups)
              "interface device with IPv4 address 192.0.2.99 (original: 192.0.2.99:80|");
 }
 
+// An interface's broadcast address, the all-nodes groups, or the all-ones host by the
+// class mask or by a "/P" that clears the low P bits (the reversed reading is kept).
+TEST_F(InetDeviceNetnsTest, BroadcastTextsByInterfaceAndByRule)
+{
+   std::string got;
+   for (char const* address :
+        {"192.0.2.127", "203.0.113.255", "10.255.255.255", "10.0.0.255/8", "ff02::1", "ff01::1",
+         "10.0.0.255", "10.0.0.1/1", "10.0.255.255/24", "ff02::1:1", "ff05::1"})
+      got += U::isBroadcastAddrString(address, "") ? "y" : "n";
+   EXPECT_EQ(got, "yyyyyynnnnn");
+   std::unique_ptr<DtInetAddr> const primary(U::getPrimaryBroadcastAddress(false));
+   EXPECT_EQ(text(primary.get()), "192.0.2.127");  // of olta0, the first with one
+}
+
 TEST_F(InetDeviceNetnsTest, IfconfTableGrowsByTrialAndAVanishedInterfaceFails)
 {
    ASSERT_TRUE(myNs->sh(
