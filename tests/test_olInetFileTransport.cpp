@@ -221,6 +221,17 @@ TEST_F(FileTransporterTest, RoundTripsFilesOfEverySize)
                        : !fs::exists(inDir() / name));
    }
    EXPECT_TRUE(drain(std::size(cases)));
+
+   // A port beyond 16 bits is refused before anything connects, not cut to the receiver's.
+   olt::CapturePrinter warnings(DtWarn);
+   DtInetFileTransporter out(0, false, 1, DtFilename(outDir().c_str()));
+   EXPECT_FALSE(out.sendFile(DtFilename((outDir() / "exact").c_str()), DtInetAddr("127.0.0.1"),
+                             port + 65536));
+   for (int i = 0; i < 50; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+      receiver->tick();
+   EXPECT_EQ(receiver->endedConnections(), std::size(cases));
+   EXPECT_EQ(warnings.text().rfind("Ostrel(DtInetFileTransporter): Could not create socket", 0),
+             0u);
 }
 
 TEST_F(FileTransporterTest, PortSearchSkipsTakenPorts)
