@@ -137,6 +137,9 @@ TEST_F(InetDeviceNetnsTest, ScansListsFactsCopiesAndLookups)
    auto a = U::scanInetDevices(false, false).at(1);
    // IPv4 groups keep 4 of 8 hex digits (239.1.2.3 -> 2.3.0.0); ff02::1 is no group.
    EXPECT_TRUE(has(a->ipv4Groups(), "2.3.0.0") && !has(a->ipv6Groups(), "ff02::1"));
+   // The broadcast address carries the interface's mask, so it knows itself as one.
+   EXPECT_TRUE(a->ipv4BroadcastAddr()->netmask() == 0xFFFFFF80u &&
+               a->ipv4BroadcastAddr()->isBroadcast());
 
    // Copies own their addresses; equality is by name only.
    DtInetDevice copy(*a), other("oltb0");
