@@ -46,6 +46,9 @@ TEST(DtInetAddrTest, BuildsFromTextAndClassifies)
    std::tuple<char const*, char const*, std::string> const cases[] = {
        {"", nullptr, "0.0.0.0/8 ff000000 a"},
        {"LocalHost", nullptr, "127.0.0.1/8 ff000000 l"},
+       {"127.0.0.2", nullptr, "127.0.0.2/8 ff000000 "},  // only 127.0.0.1 is the loopback
+       {"172.16.0.1", nullptr, "172.16.0.1/16 ffff0000 "},
+       {"192.168.1.255", nullptr, "192.168.1.255/24 ffffff00 b"},
        {"10.0.0.1", "255.255.255.254", "10.0.0.1/31 fffffffe "},
        {"10.0.0.255", "/255.255.255.0", "10.0.0.255/24 ffffff00 b"},
        {"10.0.0.1", "24", "10.0.0.1/8 ff000000 "},  // not a length: the class mask applies
@@ -75,6 +78,9 @@ TEST(DtInetAddrTest, BinaryFormsMasksBroadcastCacheAndScopeComparisons)
    v6.setNetmask(0xFFFFFF00u);  // ignored on IPv6
    v6.setPrefixLen(48);
    EXPECT_EQ(facts(v6), "2001:db8::1/48 00000000  %0 s0");
+   DtU128 const word = DtInetAddr("192.0.2.1").toU128();
+   EXPECT_TRUE(word.high == 0 && word.low == 0xC0000201u);
+   EXPECT_EQ(facts(DtInetAddr(v6.toU128(), DtInetUtils::DtInetFamilyIPv6, 48)), facts(v6));
 
    DtInetAddr address("192.0.2.1", "255.255.255.0");
    DtInetAddr* broadcast = address.getBroadcastAddr();
@@ -91,6 +97,9 @@ TEST(DtInetAddrTest, BinaryFormsMasksBroadcastCacheAndScopeComparisons)
    DtInetAddr none = scoped("fe80::1", 0), two = scoped("fe80::1", 2), three = scoped("fe80::1", 3);
    EXPECT_TRUE(none == three && three == none && two == none && two != three);
    EXPECT_TRUE(two < three && three > two && !(none < three) && !(none > three));
+   two.setScope(DtInetIpv6ScopeSiteLocal);  // an address's own scope id stays
+   EXPECT_EQ(two.scope(), DtInetIpv6ScopeLinkLocal);
+   EXPECT_FALSE(DtInetAddr("10.0.0.1") > DtInetAddr("10.0.0.1"));
    EXPECT_TRUE(DtInetAddr("255.255.255.255") < DtInetAddr("::") &&
                DtInetAddr("::ffff:10.0.0.1") != DtInetAddr("10.0.0.1") &&
                DtInetAddr("10.0.0.1", "255.255.255.0") == DtInetAddr("10.0.0.1"));  // no mask

@@ -45,7 +45,7 @@ TEST(DtInetUtilsTextTest, LocatorsFamiliesPredicatesAndMasks)
    for (std::string const c :
         {"10.0.0.1/255.0.0.0 4", "10.0.0.1:3000 0", "10.0.0.1/24 0", "10.0.0.1/abc 4", "1.2.3 0",
          "fe80::1%eth0 6k", "[::1]:3000 6l", "::1/64 0l", "127.0.0.1:80 0l", "127.0.0.2 4",
-         "239.1.2.3:3000 0m", "[ff05::2]:9 6m", "169.254.1.1 4k"})
+         "239.1.2.3:3000 0m", "[ff05::2]:9 6m", "169.254.1.1 4k", "169.1.2.3 4"})
    {
       std::string const text = c.substr(0, c.rfind(' '));
       SCOPED_TRACE(text);

@@ -137,6 +137,9 @@ TEST_F(InetDeviceNetnsTest, ScansListsFactsCopiesAndLookups)
    auto a = U::scanInetDevices(false, false).at(1);
    // IPv4 groups keep 4 of 8 hex digits (239.1.2.3 -> 2.3.0.0); ff02::1 is no group.
    EXPECT_TRUE(has(a->ipv4Groups(), "2.3.0.0") && !has(a->ipv6Groups(), "ff02::1"));
+   // The broadcast address carries the interface's mask, so it knows itself as one.
+   EXPECT_TRUE(a->ipv4BroadcastAddr()->netmask() == 0xFFFFFF80u &&
+               a->ipv4BroadcastAddr()->isBroadcast());
 
    // Copies own their addresses; equality is by name only.
    DtInetDevice copy(*a), other("oltb0");
@@ -168,6 +171,20 @@ TEST_F(InetDeviceNetnsTest, ScansListsFactsCopiesAndLookups)
    EXPECT_EQ(got,
              "olta0 6 v4|oltd0 6|Could not locate interface nosuch0|Could not locate "
              "interface device with IPv4 address 192.0.2.99 (original: 192.0.2.99:80|");
+}
+
+// An interface's broadcast address, the all-nodes groups, or the all-ones host by the
+// class mask or by a "/P" that clears the low P bits (the reversed reading is kept).
+TEST_F(InetDeviceNetnsTest, BroadcastTextsByInterfaceAndByRule)
+{
+   std::string got;
+   for (char const* address :
+        {"192.0.2.127", "203.0.113.255", "10.255.255.255", "10.0.0.255/8", "ff02::1", "ff01::1",
+         "10.0.0.255", "10.0.0.1/1", "10.0.255.255/24", "ff02::1:1", "ff05::1"})
+      got += U::isBroadcastAddrString(address, "") ? "y" : "n";
+   EXPECT_EQ(got, "yyyyyynnnnn");
+   std::unique_ptr<DtInetAddr> const primary(U::getPrimaryBroadcastAddress(false));
+   EXPECT_EQ(text(primary.get()), "192.0.2.127");  // of olta0, the first with one
 }
 
 TEST_F(InetDeviceNetnsTest, IfconfTableGrowsByTrialAndAVanishedInterfaceFails)

@@ -72,10 +72,13 @@ TEST(InetEndpointText, FormsSettersNumericLookupsAndOrder)
    DtInetEndpoint udp(DtInetAddr("10.0.0.2", ""), 5, DtInetProtocolUdp);
    EXPECT_TRUE(low < tcp && !(tcp < low) && tcp > low && unset > unset && tcp > udp && udp > tcp);
    EXPECT_FALSE(unset == unset || unset < unset || tcp == udp || tcp < udp || udp < tcp);
+   low.toDtString(true);
+   low = tcp;  // the text made before is not kept
+   EXPECT_EQ(low.toDtString(true).stdString(), "10.0.0.2:5(TCP)");
 }
 
-// Failed host lookups, in a namespace with nothing but loopback, so no query leaves
-// this machine.
+// Interface names and failed host lookups, in a namespace of their own (loopback and one
+// unconnected veth), so no query leaves this machine.
 TEST(InetEndpointLookup, FailuresAndErrorState)
 {
    std::string reason;
@@ -83,8 +86,16 @@ TEST(InetEndpointLookup, FailuresAndErrorState)
       GTEST_SKIP() << "lookups are tested in a network namespace: " << reason;
    olt::TestNetns ns;
    ASSERT_TRUE(ns.ok()) << ns.error();
+   ASSERT_TRUE(ns.addVethPair("oltq0", "oltq1") && ns.disableLinkLocal("oltq0") &&
+               ns.addAddress("oltq0", "2001:db8::5/64") && ns.setLinkUp("oltq0"))
+       << ns.error();
    olt::NetnsGuard inside(ns);
    ASSERT_TRUE(inside.ok()) << inside.error();
+   // An interface named as destination gives its address of the family asked for.
+   DtInetEndpoint v6only(DtString("oltq0"), 5, DtInetProtocolUdp, F(6));
+   EXPECT_EQ(v6only.toDtString(true).stdString(), "[2001:db8::5]:5(UDP)");
+   v6only.hostLookup(DtString("oltq0"), 5, F(0));
+   EXPECT_EQ(v6only.getLastErrorString().stdString(), "Local interface device oltq0 is inactive");
 
    // Nothing is cut off a name: "localhost:x.invalid" is a name under ".invalid".
    for (std::string name : {std::string("localhost:x.invalid"), std::string(300, 'a') + ".invalid"})

@@ -99,6 +99,13 @@ TEST(FilePacketAssembler, ReassemblesFilesSplitAtEveryChunkSizeAndStopsAtTheFirs
       EXPECT_EQ(sink.failures, 0);
    }
 
+   // The file's data is as long as the transfer size (offset 12), not the file size before it.
+   RecordingSink sized;
+   DtInetFilePacketAssembler sizes(sized, 64);
+   std::string const differ = u32(25) + u32(4) + u32(9) + u32(3) + u32(0) + "n" + '\0' + "abc";
+   EXPECT_TRUE(sizes.feed(differ.data(), differ.size()) && sizes.finish());
+   EXPECT_EQ(sized.files, "n=abc;!");
+
    // Nothing more is taken from a broken stream, and no second report is made.
    RecordingSink sink;
    DtInetFilePacketAssembler broken(sink, 64);
@@ -214,6 +221,17 @@ TEST_F(FileTransporterTest, RoundTripsFilesOfEverySize)
                        : !fs::exists(inDir() / name));
    }
    EXPECT_TRUE(drain(std::size(cases)));
+
+   // A port beyond 16 bits is refused before anything connects, not cut to the receiver's.
+   olt::CapturePrinter warnings(DtWarn);
+   DtInetFileTransporter out(0, false, 1, DtFilename(outDir().c_str()));
+   EXPECT_FALSE(out.sendFile(DtFilename((outDir() / "exact").c_str()), DtInetAddr("127.0.0.1"),
+                             port + 65536));
+   for (int i = 0; i < 50; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+      receiver->tick();
+   EXPECT_EQ(receiver->endedConnections(), std::size(cases));
+   EXPECT_EQ(warnings.text().rfind("Ostrel(DtInetFileTransporter): Could not create socket", 0),
+             0u);
 }
 
 TEST_F(FileTransporterTest, PortSearchSkipsTakenPorts)
@@ -266,6 +284,7 @@ TEST_F(FileTransporterTest, HostilePeersLeaveNoFile)
        {"name without NUL", header(30) + u32(5) + u32(5) + u32(0) + "0123456789",
         "file name is not terminated"},
        {"climbing name", firstPacket(1, "../escape", 3, "bad"), "refused file name"},
+       {"dot name", firstPacket(1, ".", 1, "x"), "refused file name"},
        {"temporary name", firstPacket(1, ".olxfer-abcdef", 1, "x"), "refused file name"},
        {"overlong name", firstPacket(1, std::string(256, 'n'), 1, "x"), "refused file name"},
        {"more data at first", firstPacket(1, "f", 2, "xyz"), "first packet holds more data"},

@@ -90,9 +90,15 @@ TEST_P(ManagerTest, PeersJoinAreReadInTurnWithoutStarvingAndLeave)
 {
    EXPECT_EQ(manager->processConnections() + manager->processConnections(), 0);
    EXPECT_EQ(created, 1);  // polling with nothing to accept keeps the one waiting socket
+   // Addition callbacks run for accepted peers, their refusal ignored; -1 on an empty list is 0.
+   int announced = 0;
+   auto count = [](DtInetSocket*, void* n) { return ++*static_cast<int*>(n), false; };
+   manager->addSocketAdditionCallback(count, &announced, -1);
+   manager->addSocketAdditionCallback(count, &announced, 0);  // taken: ignored
    std::vector<DtInetTcpSocket*> const order = join(3);
    ASSERT_EQ(order.size(), 3u);
    EXPECT_EQ(created, 4);
+   EXPECT_EQ(announced, 3);
 
    // Reads go round in map order from after the last peer read; one that finds nothing up
    // to the map's end goes on at its beginning, so the first peer is not starved.
@@ -155,11 +161,12 @@ TEST_P(ManagerTest, CreationCallbacksOfTheWrongKindAreReplaced)
       DtInetSocketCreationCb make;
    };
    for (Case const& c :
-        {Case{"a UDP socket", [](void*, DtInetSocketMgr*) -> DtInetSocket*
-              { return new DtInetUdpSocket(); }},
+        {Case{"a UDP socket",
+              [](void*, DtInetSocketMgr*) -> DtInetSocket* { return new DtInetUdpSocket(); }},
          Case{"nothing", [](void*, DtInetSocketMgr*) -> DtInetSocket* { return nullptr; }},
-         Case{"a listener", [](void*, DtInetSocketMgr*) -> DtInetSocket*
-              { return new DtInetTcpSocket(0, nullptr, DtInetUtils::DtInetFamilyIPv4, 0, false); }}})
+         Case{"a listener", [](void*, DtInetSocketMgr*) -> DtInetSocket* {
+                 return new DtInetTcpSocket(0, nullptr, DtInetUtils::DtInetFamilyIPv4, 0, false);
+              }}})
    {
       SCOPED_TRACE(c.name);
       manager->addSocketCreationCallback(c.make, nullptr);
@@ -176,6 +183,10 @@ TEST(SocketManager, UdpPeersAreServedByTheServerSocket)
    DtInetEndpoint udpPeer(DtInetAddr("127.0.0.1"), 9, DtInetProtocolUdp);
    EXPECT_EQ(udp.addConnection(udpPeer, 0, nullptr, true, false), udp.serverSocket());
    EXPECT_EQ(udp.peerSocket(udpPeer), udp.serverSocket());
+   EXPECT_EQ(udp.addConnection(tcpEndpoint("127.0.0.1", 9), 0, nullptr, true, true), nullptr);
+   EXPECT_EQ(udp.getLastError(), -7);
+   EXPECT_STREQ(udp.getLastErrorString().c_str(),
+                "Illegal attempt to add a connection from a UDP socket manager to a TCP endpoint.");
 }
 
 TEST(SocketManager, RefusedOrFailingPeersAreDropped)
@@ -198,13 +209,18 @@ TEST(SocketManager, RefusedOrFailingPeersAreDropped)
        [](DtInetSocket* socket, void* data)
        { return static_cast<std::multiset<DtInetSocket*>*>(data)->insert(socket), true; },
        &removed, 0);
+   // A negative priority on a list that is not empty registers nothing.
+   static int late = 0;
+   manager.addSocketRemovalCallback([](DtInetSocket*, void*) { return ++late, true; }, nullptr, -1);
    ASSERT_EQ(manager.addConnection(pair.accepted.get()), pair.accepted.get());
    ASSERT_EQ(manager.addConnection(pair.client.get()), pair.client.get());
+   EXPECT_EQ(manager.addConnection(pair.client.get()), nullptr);  // already there
    char text[] = "xyz";
    std::vector<DtInetEndpoint*> everyone;
    EXPECT_EQ(manager.sendTo(text, 3, everyone, 0), -1);
    EXPECT_EQ(removed, std::multiset<DtInetSocket*>{pair.accepted.get()});
    EXPECT_EQ(manager.socketList().size(), 1u);
+   EXPECT_EQ(late, 0);
    // The healthy peer still sent it (the failed socket reads no more; the system does).
    char got[3];
    EXPECT_EQ(::recv(pair.accepted->descriptor(), got, 3, MSG_WAITALL), 3);

@@ -2,6 +2,7 @@
 #include <olutil/olInetTcpSocket.h>
 
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,6 +75,9 @@ TEST_P(TcpLoopbackTest, ConnectAcceptAndMoveBytesUntouched)
    EXPECT_EQ(pair.client->totalBytesSent(), 22u);
    EXPECT_EQ(pair.client->totalPacketsSent(), 3u);
    EXPECT_EQ(pair.accepted->totalBytesReceived(), 22u);
+   ASSERT_EQ(sendText(*pair.client, "!"), 1);  // a read of one byte counts too
+   EXPECT_EQ(readBytes(*pair.accepted, 1), "!");
+   EXPECT_EQ(pair.accepted->totalBytesReceived(), 23u);
 }
 
 TEST_P(TcpLoopbackTest, PeerCloseIsATerminationNotAnError)
@@ -138,6 +142,13 @@ TEST_P(TcpLoopbackTest, WritesMeetingAResetEndTheConnectionNotTheProcess)
       EXPECT_EQ(pair.client->getLastError(), 0);
       EXPECT_TRUE(pair.client->closeSocket());  // no drain waits on a dead connection
    }
+   // EPIPE, as after the sending side was shut down, is an end as well.
+   connect(theNonBlocking, theNonBlocking);
+   ASSERT_EQ(::shutdown(pair.client->descriptor(), SHUT_WR), 0);
+   EXPECT_EQ(sendText(*pair.client, "gone"), -1);
+   EXPECT_EQ(pair.client->state(), DtInetSockStateTerminated);
+   EXPECT_EQ(pair.client->getTerminationCode(), EPIPE);
+   EXPECT_EQ(pair.client->getLastError(), 0);
 }
 
 TEST_P(TcpLoopbackTest, WouldBlockIsAFailureWithErrorElevenAndEmptyReadsRecordNothing)
@@ -206,7 +217,6 @@ TEST_P(TcpLoopbackTest, CallbackRulesOfAStream)
    EXPECT_EQ(pair.accepted->recvToChain(none, 0), -4);
 }
 
-
 TEST_P(TcpLoopbackTest, BackgroundQueuesKeepTheOrderAndCloseDeliversFirst)
 {
    connect(theBackground, theBackground);
@@ -249,6 +259,14 @@ TEST_P(TcpLoopbackTest, AcceptRulesAndConnectRefused)
    EXPECT_EQ(pair.listener->getLastError(), 0);
    EXPECT_FALSE(pair.client->acceptConnection(&fresh, theBlocking));  // not a listener
    EXPECT_EQ(pair.client->getLastError(), 22);
+   EXPECT_FALSE(pair.listener->acceptConnection(pair.accepted.get(), theBlocking));
+   EXPECT_EQ(pair.listener->getLastError(), 114);  // already in use
+   // Connected: connecting again is done, the destination stays.
+   EXPECT_TRUE(pair.client->connectToDestination());
+   EXPECT_FALSE(pair.client->setDestination(tcpEndpoint(address(), 9)));
+   EXPECT_TRUE(recorded(*pair.client, 106,
+                        "DtInetTcpSocket::setDestination(): Cannot change destination endpoint",
+                        DtInetSockStateConnected));
 
    // A port that nothing listens on: the listener's, once it has gone.
    unsigned short const port = pair.listener->localPort();
@@ -308,8 +326,16 @@ TEST(TcpSocketSetup, RefusalsAndTheirTexts)
    EXPECT_TRUE(recorded(unconnected, 107,
                         "DtInetTcpSocket::recv() called on unconnected socket on ",
                         DtInetSockStateInitialized));
+   DtInetTcpSocket bare;
+   EXPECT_TRUE(!bare.closeSocket() && bare.getLastError() == 9);
 
    DtInetEndpoint const udp(DtInetAddr("127.0.0.1"), 9, DtInetProtocolUdp);
+   EXPECT_FALSE(unconnected.setDestination(udp));
+   EXPECT_EQ(unconnected.getLastError(), 22);
+   // An endpoint without a protocol is taken as TCP.
+   ASSERT_TRUE(
+       unconnected.setDestination(DtInetEndpoint(udp.address(), 7, DtInetProtocolUnspecified)));
+   EXPECT_EQ(unconnected.destination().protocol(), DtInetProtocolTcp);
    DtInetTcpSocket toUdp(udp, 0, nullptr, theBlocking, true);
    EXPECT_TRUE(recorded(
        toUdp, 93, "DtInetTcpSocket::openSocket(): Cannot open TCP socket to a remote UDP endpoint",

@@ -538,13 +538,19 @@ bool DtInetFileTransporter::sendFile(DtFilename const& file, DtInetAddr const& p
       return false;
    }
    DtInetEndpoint const endpoint(peer, static_cast<unsigned short>(port), DtInetProtocolTcp);
-   DtInetTcpSocket socket(endpoint, 0, nullptr, DtInetSockFlagsDefault, true);
-   if (!socket.isOk() || port < 0 || port > 65535)
+   auto const cannotConnect = [&endpoint]
    {
       DtWarn << "Ostrel(DtInetFileTransporter): Could not create socket send()"
              << " to  " << endpoint << std::endl;
       return false;
-   }
+   };
+   // Checked before anything connects: cut to 16 bits, a port out of range would reach
+   // whatever listens on the port it wraps to.
+   if (port < 0 || port > 65535)
+      return cannotConnect();
+   DtInetTcpSocket socket(endpoint, 0, nullptr, DtInetSockFlagsDefault, true);
+   if (!socket.isOk())
+      return cannotConnect();
    // The socket opens with the largest send buffer the system allows; for one bulk
    // stream that lets the sender run megabytes ahead, and the receiver's copy then
    // finds the bytes out of cache: on loopback that halved the throughput.
