@@ -154,7 +154,10 @@ TEST(DtCsMsgPrintTest, StatesWarningsAndNoticesPrintTheirSentencesOnTheirStreams
        {std::make_shared<DtCsCStateReturnMsg>(nullptr, 0x0180, 0, 0, 0, 1, 2, 100, 200, 3, 4, 5, 6),
         "    (control) client 2 (process 1): server sent 4, rcvd 3 msgs\n"
         "    dropped 6 old and 5 new - sendQ 200 bytes - recvQ 100 bytes\n    Modes:\n", ""},
-       {std::make_shared<DtCsCStateReturnMsg>(nullptr, 0x0073, 2, 3, 0x0f, 7, 8, 0, 9, 10, 11, 12, 13),
+       {std::make_shared<DtCsCStateReturnMsg>(nullptr, 0x00a0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 0, 0),
+        "    (packet) client 2 (process 1): server sent 0, rcvd 0 msgs\n"
+        "    dropped 0 old and 0 new - sendQ 0 bytes - recvQ 0 bytes\n    Modes: CliWait\n", ""},
+       {std::make_shared<DtCsCStateReturnMsg>(nullptr, 0x0053, 2, 3, 0x0f, 7, 8, 0, 9, 10, 11, 12, 13),
         "    (packet) client 8 (process 7): server sent 11, rcvd 10 msgs\n"
         "    dropped 13 old and 12 new - sendQ 9 bytes - recvQ 0 bytes\n    Modes: Read Write SvrDropOldest"
         " CliDropOldest SvrWait CliWait Notify SvrBlockRead SvrBlockWrite CliBlockRead CliBlockWrite\n", ""},
@@ -192,6 +195,8 @@ TEST(DtShmMsgTest, ServerPacketArrivesWithItsPayloadInOneElementAndWrapsBack)
    EXPECT_EQ(-17, DtCsServerPacketMsg(&q.writer, 0, 0, huge.size(), huge.data()).send());
    EXPECT_EQ(0, DtCsNoticeMsg(nullptr, 3).send());
    EXPECT_EQ(1, q.writer.getMessagesWritten());
+   // A result equal to the header's size, an empty packet's, is returned as it stands.
+   EXPECT_EQ(16, DtCsServerPacketMsg(&q.writer, 0, 0, 0, nullptr).send());
 }
 
 // A message that records the sizes it is told of.
@@ -211,6 +216,8 @@ TEST(DtBaseMsgTest, InsertAndDeleteMoveTheRestInEitherBufferAndReportTheNewSize)
        {"insert in the middle", [](SizedMsg& m) { m.insertBytes(2, 3); }, std::string("ab\0\0\0cdef", 9), 9},
        {"insert at the end", [](SizedMsg& m) { m.insertBytes(6, 2); }, std::string("abcdef\0\0", 8), 8},
        {"insert by pointer", [](SizedMsg& m) { m.insertBytes(m.netRep() + 1, 1); }, std::string("a\0bcdef", 7), 7},
+       {"insert by pointer at the end", [](SizedMsg& m) { m.insertBytes(m.netRep() + 6, 1); },
+        std::string("abcdef\0", 7), 7},
        {"insert outside", [](SizedMsg& m) { m.insertBytes(7, 2); m.insertBytes(-1, 2); m.insertBytes(m.netRep() + 100, 1); },
         "abcdef", -1},
        {"delete in the middle", [](SizedMsg& m) { m.deleteBytes(1, 2); }, "adef", 4},
@@ -253,6 +260,7 @@ TEST(DtBaseMsgTest, AssignmentCopiesIntoItsOwnBufferAndAliasesACallersBuffer)
    own = own;
    EXPECT_NE(source.netRep(), own.netRep());
    EXPECT_EQ("source", own.bytes());
+   EXPECT_EQ(6, own.getMessageSize());
    placed = source;
    EXPECT_EQ(source.netRep(), placed.netRep());
    EXPECT_EQ(std::string("\0\0\0\0ers", 7), std::string(callers, 7));
@@ -267,7 +275,7 @@ TEST(DtPacketServerTest, RequestPathsHaveTheKindsPrefixAndFiveDigitsAndShowWheth
    for (auto [key, kind, path] :
         {std::make_tuple(42u, 1, "/tmp/old-00042"), std::make_tuple(42u, 2, "/tmp/ols-00042"),
          std::make_tuple(42u, 3, "/tmp/ols-00042"), std::make_tuple(42u, 0, "00042"),
-         std::make_tuple(99999u, 2, "/tmp/ols-99999"), std::make_tuple(100042u, 1, "/tmp/old-00042"),
+         std::make_tuple(99999u, 2, "/tmp/ols-99999"), std::make_tuple(100000u, 1, "/tmp/old-00000"),
          std::make_tuple(4294967295u, 3, "/tmp/ols-67295")})
    {
       SCOPED_TRACE(path);
@@ -324,7 +332,8 @@ TEST(DtOpenUnixDgramTest, BindsOverAStalePathCarriesMessagesAndFailsClosingTheSo
    EXPECT_EQ(-1, DtCsMsgWaitingMsg(client).send());
    EXPECT_EQ(std::string("DtSocketMsg write: ") + std::strerror(EBADF) + "\n", streams.warn.text());
 
-   std::string const longPath = "/tmp/" + std::string(120, 'p');
+   // 108 characters leave no room for the terminator.
+   std::string const longPath = "/tmp/" + std::string(103, 'p');
    std::vector<std::tuple<char const*, DtOpenUnixDgramAction, char const*, std::string>> const rows = {
        {where.path.c_str(), DtOpenUnixDgramConnect, nullptr, ""},
        {where.path.c_str(), DtOpenUnixDgramConnect, "me", "me connect " + where.path + " failed: " + std::strerror(ENOENT) + "\n"},

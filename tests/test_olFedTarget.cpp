@@ -111,7 +111,22 @@ TEST(FomRecords, NamesMaskAndStatusTexts)
              "DeleteObjectsThanDivest CancelThenDeleteThenDivest NoAction unknown ");
    EXPECT_STREQ(DtFedTarget::enumAsString(static_cast<DtMergeFomTableMask>(3)), "Unknown");
    EXPECT_STREQ(DtFedTarget::enumAsString(static_cast<DtMergeFomTableMask>(1ul << 19)), "Unknown");
-   EXPECT_STREQ(DtMergeFomStatusText(17), "unknown status");
+   EXPECT_STREQ(DtFedTarget::enumAsString(DtMergeFomTableIdentification), "Identification");
+   EXPECT_STREQ(DtFedTarget::enumAsString(DtMergeFomTableNotes), "Notes");
+   std::string statuses;
+   for (int status = 0; status <= 22; ++status)
+      statuses = statuses + DtMergeFomStatusText(status) + "|";
+   EXPECT_EQ(statuses,
+             "unknown status|switch table conflict|unknown status|a post-merge check failed|"
+             "update rate conflict|transport type conflict|synchronization point conflict|"
+             "user-supplied tag conflict|note conflict|time type conflict|"
+             "basic data representation conflict|simple data type conflict|"
+             "enumerated data type conflict|array data type conflict|"
+             "fixed record data type conflict|variant record data type conflict|unknown status|"
+             "unknown status|unknown status|unknown status|a post-merge check failed and "
+             "reported its further condition through its flag|success|unknown status|");
+   EXPECT_TRUE(DtFedTarget::checkStringsIgnoringWhiteSpaceAndNewline("a b\r\n\tc ", "abc"));
+   EXPECT_FALSE(DtFedTarget::checkStringsIgnoringWhiteSpaceAndNewline("a.b", "ab"));
 
    // The default leaves out identification, directed interactions, references and notes.
    Target t;
@@ -211,12 +226,15 @@ TEST(FomMerge, EmptyItselfAndMaskZero)
    Target c("C");
    c.addUpdateRate(rate("S", 1));
    c.addUnresolvedAttributeDimension("HLAobjectRoot.X", "y", "D");
+   a.addUnresolvedAttributeDimension("HLAobjectRoot.X", "y", "E");
    a.setMergeTableMask(0);
    EXPECT_EQ(a.mergeTarget(c, true), DtMergeFomSuccess);
    EXPECT_EQ(a.numUpdateRates(), 1u);
    EXPECT_EQ(a.modelIdentification(), "A + B + A + B + C");
    EXPECT_FALSE(a.isMergeInProgress());
-   // Removing the last reference of a class keeps the class's entry.
+   // A class both sides refer to has the references of both; removing the last keeps its entry.
+   EXPECT_EQ(a.unresolvedAttributeDimensionTable().at("HLAobjectRoot.X").size(), 2u);
+   EXPECT_TRUE(a.removeResolvedAttribute("HLAobjectRoot.X", {"y", "E"}));
    EXPECT_TRUE(a.removeResolvedAttribute("HLAobjectRoot.X", {"y", "D"}));
    EXPECT_FALSE(a.removeResolvedAttribute("HLAobjectRoot.X", {"y", "D"}));
    EXPECT_TRUE(a.unresolvedAttributeDimensionTable().at("HLAobjectRoot.X").empty());
@@ -356,6 +374,7 @@ TEST(FomCheck, EveryStepReportsAndTheFlagDecides)
    Target good("A", DtFomTypeHla4);
    good.addUpdateRate(rate("N", theNaN));
    good.addUpdateRate(rate("Q", 0.5f));
+   good.addUpdateRate(rate("M", -1));  // only exactly 0 is a rate nobody set
    DtString errors;
    EXPECT_EQ(good.postMergeCheckTarget(errors), DtMergeFomSuccess);
    EXPECT_EQ(errors, "");

@@ -170,6 +170,8 @@ TEST(FomReader, FaultyInputGivesFileLineAndReason)
        {"<objectModel xmlns=\"http://standards.ieee.org/IEEE1516-2025\"/>",
         "m.xml:1: not an IEEE 1516-2010 object model: namespace "
         "\"http://standards.ieee.org/IEEE1516-2025\""},
+       {"<f:objectModel xmlns:f=\"urn:other\"/>",
+        "m.xml:1: not an IEEE 1516-2010 object model: namespace \"urn:other\""},
        {model("<updateRates>\n<updateRate><name>R</name>\n<rate>fast</rate></updateRate>"
               "</updateRates>"),
         "m.xml:3: rate \"fast\" is not a number"},
@@ -190,6 +192,9 @@ TEST(FomReader, FaultyInputGivesFileLineAndReason)
        {model("<dimensions><dimension><name>D</name><value>[3..1)</value></dimension>"
               "</dimensions>"),
         "dimension value \"[3..1)\" is not a range [lower..upper)"},
+       {model("<dimensions><dimension><name>D</name><value>[3..3)</value></dimension>"
+              "</dimensions>"),
+        "dimension value \"[3..3)\" is not a range [lower..upper)"},
        {model("<objects>\n" + deep + "</objects>"),
         "m.xml:2: object classes nested deeper than 256 levels"},
    };
@@ -207,6 +212,46 @@ TEST(FomReader, FaultyInputGivesFileLineAndReason)
    EXPECT_EQ(error, "/nonexistent/fom.xml: No such file or directory");
    EXPECT_FALSE(DtFomReader::readFile(theTestModules.c_str(), m, error));
    EXPECT_EQ(error, theTestModules + ": Is a directory");
+}
+
+// The other spellings of values, and the largest values and smallest ranges that read.
+TEST(FomReader, ValueWordsAndLimitsThatRead)
+{
+   std::string deep = "<name>C</name>";
+   for (int i = 1; i < 256; ++i)
+      deep = "<objectClass><name>C</name>" + deep + "</objectClass>";
+   // A module's body and a record it holds.
+   std::pair<std::string, char const*> const rows[] = {
+       {"<synchronizations><synchronizationPoint><label>S</label><capability>noachieve"
+        "</capability></synchronizationPoint></synchronizations>",
+        "S: , 4, \"\""},
+       {"<transportations><transportation><name>T</name><reliable>TRUE</reliable>"
+        "</transportation></transportations>",
+        "T: Reliable, \"\", \"\""},
+       {"<switches><autoProvide isEnabled=\"1\"/><serviceReporting isEnabled=\"0\"/></switches>",
+        "autoProvide on"},
+       {"<switches><automaticResignAction resignAction=\"DeleteObjectsThanDivest\"/></switches>",
+        "resign DeleteObjectsThanDivest"},
+       {"<dataTypes><basicDataRepresentations><basicData><name>B</name><size>4294967295</size>"
+        "</basicData></basicDataRepresentations></dataTypes>",
+        "B: 4294967295, 0, \"\", \"\""},
+       {"<dimensions><dimension><name>D</name><value>[3)</value></dimension></dimensions>",
+        "dimension.D: , 0, \"\", [3..4)"},
+       {"<modelIdentification><reference><type>dependency</type><identification>Lib"
+        "</identification></reference></modelIdentification>"
+        "<objects><objectClass><name>HLAobjectRoot</name>" + deep + "</objectClass></objects>",
+        "resign CancelThenDeleteThenDivest"},
+   };
+   for (auto const& [body, line] : rows)
+   {
+      SCOPED_TRACE(line);
+      std::string const text = "<objectModel>" + body + "</objectModel>";
+      DtFomModule m;
+      DtString error;
+      ASSERT_TRUE(DtFomReader::readBuffer(text.data(), text.size(), "m.xml", m, error)) << error;
+      EXPECT_EQ(records(m).count(line), 1u);
+      EXPECT_EQ(m.fomDependencies().size(), body.find("dependency") != std::string::npos ? 1u : 0u);
+   }
 }
 
 // Strict: a conflict fails and changes nothing. Lenient: it is warned of, new records go in.
@@ -264,6 +309,31 @@ TEST(FomModuleMerge, EachConflictStrictAgainstLenient)
    }
    EXPECT_STREQ(DtFomModule::statusText(17), "interaction class conflict");
    EXPECT_STREQ(DtFomModule::statusText(18), "dimension conflict");
+}
+
+// What one module leaves out the other fills in, and within one lenient merge the
+// conflicts of every step add up in lastError.
+TEST(FomModuleMerge, ValuesLeftOutAreFilledInAndLenientConflictsAddUp)
+{
+   DtFomModule a, b, c;
+   a.addAttribute("HLAobjectRoot.X", "y", "", "HLAreliable");
+   b.addAttribute("HLAobjectRoot.X", "y", "T", "");
+   a.addParameter("HLAinteractionRoot.I", "p", "");
+   b.addParameter("HLAinteractionRoot.I", "p", "T");
+   a.addDimension("D", 0, 0, 1, false, "");  // no upper bound given
+   b.addDimension("D", 8, 0, 1, false, "");
+   ASSERT_EQ(a.mergeTarget(b, true), DtMergeFomSuccess);
+   EXPECT_EQ(a.lastError(), "") << "no conflict, not even a forgiven one";
+   EXPECT_EQ(a.objectClasses().at("HLAobjectRoot.X").attributes.at(0).dataType, "T");
+   EXPECT_EQ(a.interactionClasses().at("HLAinteractionRoot.I").parameters.at(0).dataType, "T");
+   c.addModelIdentification("C");
+   c.addAttribute("HLAobjectRoot.X", "y", "U", "");
+   c.addUpdateRate(new DtUpdateRateType{"R", 2, ""});
+   a.addUpdateRate(new DtUpdateRateType{"R", 1, ""});
+   olt::CapturePrinter warn(DtWarn);
+   EXPECT_EQ(a.mergeTarget(c, true), DtMergeFomSuccess);
+   EXPECT_EQ(a.lastError(), "\tR: 2, \"\"C has conflicts in Object Classes:\n"
+                            "\tHLAobjectRoot.X.y: U, , \"\"\n");
 }
 
 // References resolve only once the module defining them is merged, in either order.

@@ -71,13 +71,20 @@ TEST_F(ShmPoolTest, ClientSharesTheManagersSegmentAndOnlyTheManagerRemovesIt)
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-TEST_F(ShmPoolTest, ManagerThatCannotAttachLeavesNoSegment)
+TEST_F(ShmPoolTest, EndThatCannotAttachFailsAndTheManagerLeavesNoSegment)
 {
-   // A child whose address space has no room for the segment fails to attach it.
+   // A child whose address space has no room for the segment fails to attach it, as a
+   // client and then as the manager, which removes it.
    pid_t const child = olt::startChild([&] {
       rlimit const limit{512UL << 20, 512UL << 20};
       if (setrlimit(RLIMIT_AS, &limit) != 0)
          return 10;
+      if (shmget(DtGetShmKeyFromString(a.c_str()), 1UL << 30, IPC_CREAT | 0600) < 0)
+         return 12;
+      std::string const joined = "DtSharedMemoryPoolClient::join has error with shmat: ";
+      if (thrownText([&] { DtSharedMemoryPoolClient c(a.c_str()); }) !=
+          joined + std::strerror(ENOMEM))
+         return 13;
       auto const text = thrownText([&] { DtSharedMemoryPoolManager m(a.c_str(), 1UL << 30); });
       return text == "DtSharedMemoryPoolManager()  has error. " ? 0 : 11;
    });

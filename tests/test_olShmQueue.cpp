@@ -64,6 +64,10 @@ TEST(DtShmMsgQueueManagerTest, CountsASemaphoreCannotMoveAtOnceAreRefused)
    EXPECT_EQ(-1, writer.manager().decrByteCount(-5));
    EXPECT_EQ(256, semaphores.value(0));
    EXPECT_NE(std::string::npos, warn.text().find("incrBytes 40000"));
+   // The largest count moves in one operation.
+   semaphores.set(0, 0);
+   EXPECT_EQ(0, writer.manager().incrByteCount(DtShmMaxBlockingQueueSize));
+   EXPECT_EQ(DtShmMaxBlockingQueueSize, semaphores.value(0));
 }
 
 TEST(DtShmMsgQueueTest, PiecesArriveAsOneMessageAndShortReadsTakeItWhole)
@@ -83,6 +87,7 @@ TEST(DtShmMsgQueueTest, PiecesArriveAsOneMessageAndShortReadsTakeItWhole)
    EXPECT_EQ(0, pair.reader.Read(nullptr, 100, &pair.status));
    EXPECT_EQ(DtShmReadTaken, pair.status);
    EXPECT_TRUE(pair.reads(3, 20));
+   EXPECT_EQ(4, pair.reader.getMessagesRead());
    EXPECT_EQ(256, pair.semaphores.value(0)) << "every byte is given back";
    EXPECT_EQ(-1, pair.reader.Read(nullptr, 0, nullptr));
 }
@@ -245,6 +250,18 @@ TEST(DtShmMsgQueueTest, DropOldestEndThatCannotHaveTheLockDropsOrReportsAndLeave
    EXPECT_EQ(DtShmReadEmpty, pair.status);
 }
 
+TEST(DtShmMsgQueueTest, OverwrittenMessagesTakeTheirCountsWithThem)
+{
+   // Ten messages of 64 bytes with the reader stalled: the last two are left, and the
+   // reader's count is theirs, so that it never climbs towards the semaphore's limit.
+   Pair pair(256, true);
+   for (std::uint32_t i = 0; i < 10; ++i)
+      ASSERT_EQ(56, pair.write(i, 56));
+   EXPECT_EQ(std::make_pair(1, 2), pair.counts());
+   EXPECT_TRUE(pair.reads(8, 56) && pair.reads(9, 56));
+   EXPECT_EQ(std::make_pair(1, 0), pair.counts());
+}
+
 TEST(DtShmMsgQueueTest, DamagedAreaIsRefusedByBothEnds)
 {
    std::vector<std::pair<char const*, std::function<void(Pair&)>>> const rows = {
@@ -269,12 +286,19 @@ TEST(DtShmMsgQueueTest, DamagedAreaIsRefusedByBothEnds)
       EXPECT_NE(std::string::npos, warn.text().find("no readable element")) << warn.text();
       EXPECT_EQ(0, pair.reader.getMessagesRead());
    }
-   // An end element that claims more room than the area has; what was reserved goes back.
+   // An end element that claims more room than the area has, and a start of the area still
+   // in use when a message must wrap to it: what was reserved goes back.
    Pair pair(256, false);
    pair.block.element(0)->length = 4096;
    EXPECT_EQ(-1, pair.write(0, 1));
    EXPECT_EQ(1, pair.writer.getDroppedNew());
    EXPECT_EQ(std::make_pair(256, 0), pair.counts());
+   Pair wrapping(256, false);
+   for (std::uint32_t i = 0; i < 3; ++i)
+      ASSERT_TRUE(wrapping.write(i, 56) == 56 && wrapping.reads(i, 56));
+   wrapping.block.element(0)->free = 0;
+   EXPECT_EQ(-1, wrapping.write(3, 60));
+   EXPECT_EQ(std::make_pair(256, 0), wrapping.counts());
 }
 
 // ---------------------------------------------------------------- two processes
