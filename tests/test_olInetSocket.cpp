@@ -71,12 +71,14 @@ unsigned int const theNone = DtInetSockCallNoPreCallbacks | DtInetSockCallNoPost
 
 TEST(InetSocket, CallbacksRunInKeyOrderAndRemovalTakesTheLowestKey)
 {
-   // Equal keys move up, -1 is the greatest plus 1, results add; removal takes the lowest.
+   // Equal keys move up, -1 is the greatest plus 1 (a later 5 runs before it), results
+   // add; removal takes the lowest.
    ScriptedSocket s;
    Cb const one = received<1, 0>;
+   Cb const six = received<6, 0>;
    std::pair<Cb, int> const keys[] = {
        {one, 1}, {received<2, 0>, 1}, {one, 5}, {received<4, 0>, 5}, {received<5, 0>, -1},
-       {received<6, 0>, 5}};  // "last" was one past 5, so a later 5 runs before it
+       {six, 5}};
    for (auto [callback, key] : keys)
       ASSERT_TRUE(s.addProcessingCallback(DtInetSockPostSend, callback, nullptr, key));
    s.sendChainTo(chain, target, 0);
