@@ -216,6 +216,15 @@ TEST(DtDisSocketFilters, CouplingSizeAndFilterTests)
       EXPECT_EQ(passes ? 0 : DtDisStatusFiltered, status);
       EXPECT_EQ(-3, f.filterExercisePdus(-3, chain, sender, &status));
    }
+
+   // Nothing pending: the callback form of a flush answers with the chain's size, or
+   // with a count of 0 or below as it came.
+   for (int count : {5, 0, -2})
+      EXPECT_EQ(count > 0 ? 144 : count, DtDisSocket::flushBundle(&s, count, chain, sender, &s));
+   // Either family refuses destinations of the other.
+   Offline v6(udpEndpoint("::1", 3000), 0, nullptr, DtInetSockFlagsDefault, false);
+   EXPECT_FALSE(v6.addDestination(sender));
+   EXPECT_TRUE(v6.addDestination(udpEndpoint("::1", 3001)));
 }
 
 // Every datagram read directly and through the general pipeline, by chain and plain.
