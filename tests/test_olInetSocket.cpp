@@ -71,11 +71,14 @@ unsigned int const theNone = DtInetSockCallNoPreCallbacks | DtInetSockCallNoPost
 
 TEST(InetSocket, CallbacksRunInKeyOrderAndRemovalTakesTheLowestKey)
 {
-   // Equal keys move up, -1 is the greatest plus 1, results add; removal takes the lowest.
+   // Equal keys move up, -1 is the greatest plus 1 (a later 5 runs before it), results
+   // add; removal takes the lowest.
    ScriptedSocket s;
    Cb const one = received<1, 0>;
+   Cb const six = received<6, 0>;
    std::pair<Cb, int> const keys[] = {
-       {one, 1}, {received<2, 0>, 1}, {one, 5}, {received<4, 0>, 5}, {received<5, 0>, -1}};
+       {one, 1}, {received<2, 0>, 1}, {one, 5}, {received<4, 0>, 5}, {received<5, 0>, -1},
+       {six, 5}};
    for (auto [callback, key] : keys)
       ASSERT_TRUE(s.addProcessingCallback(DtInetSockPostSend, callback, nullptr, key));
    s.sendChainTo(chain, target, 0);
@@ -85,7 +88,7 @@ TEST(InetSocket, CallbacksRunInKeyOrderAndRemovalTakesTheLowestKey)
    // An empty chain gives -4 before any receive callback or read.
    s.addProcessingCallback(DtInetSockPreReceive, received<6, -5>, nullptr, 1);
    EXPECT_EQ(s.summary(s.recvToChainFrom(empty, target, 0)),
-             "-4 1:10 2:11 1:13 4:14 5:18 2:10 1:12 4:13 5:17 |2 2 20 0 0 aaaa 1 1 0");
+             "-4 1:10 2:11 1:13 4:14 6:18 5:24 2:10 1:12 4:13 6:17 5:23 |2 2 20 0 0 aaaa 1 1 0");
 }
 
 // A datagram counts even when nothing went out, a stream only when bytes went, a failed
@@ -114,6 +117,15 @@ TEST(InetSocket, SendPipelineResultsAndCounts)
       s.addProcessingCallback(DtInetSockPostSend, post, nullptr, 1);
       EXPECT_EQ(s.summary(s.sendChainTo(*packet, target, flags)), expected);
    }
+   // Once a pre-send callback has taken a datagram the later ones do not see it.
+   for (auto [rules, expected] : {std::pair{udp, "10 0:10 |0 1 10 0 0 aaaa 1 1 0"},
+                                  {tcp, "10 0:0 -1:0 |0 1 10 0 0 aaaa 1 1 0"}})
+   {
+      ScriptedSocket s(rules);
+      s.addProcessingCallback(DtInetSockPreSend, absorb, nullptr, 1);
+      s.addProcessingCallback(DtInetSockPreSend, received<-1, 0>, nullptr, 2);
+      EXPECT_EQ(s.summary(s.sendChainTo(chain, target, 0)), expected);
+   }
 }
 
 // A drop gives 0 or the carried marker; every post-receive callback runs on the last length.
@@ -128,6 +140,7 @@ TEST(InetSocket, ReceiveResultsOfDropsAndReads)
        {received<-3, 0>, received<-1, 0>, 8, 0, "8 -3:0 -1:8 -1:8 |0 0 0 1 1 yyyy 3000 1 0"},
        {received<6, -5>, received<0, 0>, 5, theNone, "5 |0 0 0 1 1 yyyy 3000 1 0"},
        {nullptr, received<-1, 0>, -1, 0, "-1 |0 0 0 1 0 aaaa 3000 1 0"},
+       {nullptr, received<-3, 0>, 5, 0, "-3 -3:5 -1:-3 |0 0 0 1 1 yyyy 3000 1 0"},
        {nullptr, received<-1, 0>, 0, 0, "0 -1:0 -1:0 |0 0 0 1 0 aaaa 3000 1 0"}};
    for (auto const& [pre, post, read, flags, expected] : cases)
    {
@@ -137,6 +150,9 @@ TEST(InetSocket, ReceiveResultsOfDropsAndReads)
       s.addProcessingCallback(DtInetSockPostReceive, post, nullptr, 1);
       s.addProcessingCallback(DtInetSockPostReceive, received<-1, 0>, nullptr, 2);
       EXPECT_EQ(s.summary(s.recvToChainFrom(chain, target, flags)), expected);
+      s.clearStats();
+      EXPECT_EQ(0u, s.totalBytesReceived() + s.totalPacketsReceived() + s.totalBytesSent() +
+                        s.totalPacketsSent());
    }
 }
 

@@ -151,10 +151,13 @@ TEST_P(UdpLoopbackTest, ChainsOfAnyLengthTravelAsOneDatagramBothWays)
          // A datagram fills every buffer of the same layout; one byte more does not fit.
          for (std::string const& text : {expected, expected + "+"})
             ASSERT_EQ(sendText(*sender, text), static_cast<int>(text.size()));
+         EXPECT_EQ(sender->totalPacketsSent(), 3u);
+         EXPECT_EQ(sender->totalBytesSent(), 3u * total + 1);
          from.setPort(1);
          EXPECT_EQ(waitFor([&] { return receiver->recvToChainFrom(in.chain, from, 0); }), total);
          EXPECT_EQ(in.bytes(), expected);
          EXPECT_EQ(from.port(), sender->localPort());
+         EXPECT_GT(receiver->receiveTime(), 0.0);  // the time of this datagram's arrival
          EXPECT_EQ(waitFor([&] { return receiver->recvToChain(in.chain, 0); }),
                    DtInetSockResultNoFit);
       }
@@ -192,6 +195,8 @@ TEST_P(UdpLoopbackTest, BackgroundSendFailuresStickAndClosingDeliversFirst)
       ASSERT_EQ(next(*receiver, from, 256), payload(i));
    EXPECT_EQ(sendText(*sender, "late"), -1);  // no I/O thread would send it
    EXPECT_EQ(sender->getLastError(), 9);
+   EXPECT_FALSE(sender->openSocket());  // a closed socket is not opened again
+   EXPECT_TRUE(recorded(*sender, 131, "DtInetUdpSocket::openSocket(): Invalid state 9"));
 }
 
 // Through the constructor or setDestination (after a good one, which is used again). A
@@ -231,6 +236,11 @@ TEST_P(UdpLoopbackTest, DestinationWhoseLookupFailedIsNeverUsed)
                               "DtInetUdpSocket::sendChain(): Error - no default destination set."));
       }
    }
+   // Nor is a destination without a port.
+   auto portless = open(theSyncFlags, 0);
+   EXPECT_EQ(sendText(*portless, "lost"), -1);
+   EXPECT_TRUE(
+       recorded(*portless, 89, "DtInetUdpSocket::send(): Error - no default destination set."));
    // Loopback delivers during the send: anything sent would be waiting now.
    char byte;
    EXPECT_EQ(receiver->recv(&byte, 1, 0), 0);
@@ -362,6 +372,8 @@ TEST_F(UdpHostsTest, MulticastLeavesByTheChosenInterface)
          DtInetEndpoint const group = endpoint(ipv6 ? "ff15::2:1" : "239.2.0.1", 40200);
          auto onSegment1 = on(1, group, device);
          auto onSegment0 = on(2, group);
+         EXPECT_TRUE(onSegment1->joinMulticastGroup(group, nullptr));  // again: no change
+         EXPECT_EQ(onSegment1->joinedGroups().size(), 1u);
          auto sender = on(0, group, choice == 0 ? device : "", 40201);
          if (choice == 1 || choice == 2)
          {
