@@ -131,7 +131,10 @@ TEST(DisDecode, EachOutputFormIsOneWellFormedLine)
    EXPECT_EQ(oddCsv.find(",\"a,b\"\"c?d?\","), 0u) << oddCsv;  // after the empty time
    EXPECT_NE(oddCsv.find(",\"A\"\"B\\C??\","), std::string::npos) << oddCsv;
    EXPECT_STREQ(oltool::disTypeName(73), "Unknown");
-   EXPECT_EQ(oltool::disForceName(4), "4");
+   EXPECT_EQ(oltool::disForceName(3) + oltool::disForceName(4), "Neutral4");
+   std::memcpy(&odd[129], "ABCDEFGHIJKL", 12);  // all 11 characters, not the byte after
+   ASSERT_TRUE(oltool::decodeDisPdu(odd.data(), odd.size(), pdu));
+   EXPECT_EQ(pdu.marking, "ABCDEFGHIJK");
 }
 
 // Fire and Detonation hold four ids, a location and a munition type, each its own way.
@@ -273,6 +276,7 @@ TEST(CapturePackets, EveryLinkTypeLeadsToTheUdpPayloadOrNamesWhatItIs)
        {"raw", DLT_RAW, ip, K::Udp},
        {"null, little-endian", DLT_NULL, olt::loopback(2, false, ip), K::Udp},
        {"loop", DLT_LOOP, olt::loopback(2, true, ip), K::Udp},
+       {"loop in the other byte order", DLT_LOOP, olt::loopback(2, false, ip), K::OtherProtocol},
        {"ARP", DLT_EN10MB, olt::ethernet(PcapBytes(28, 1), 0x0806), K::OtherProtocol},
        {"TCP", DLT_EN10MB, olt::ethernet(with(9, 6)), K::OtherProtocol},
        {"another family on loop", DLT_LOOP, olt::loopback(7, true, ip), K::OtherProtocol},
@@ -294,6 +298,8 @@ TEST(CapturePackets, EveryLinkTypeLeadsToTheUdpPayloadOrNamesWhatItIs)
        {"unknown link type", DLT_IEEE802_11, ip, K::Malformed},
        {"snapshot cut the payload", DLT_RAW, PcapBytes(ip.begin(), ip.end() - 5), K::Truncated, 5},
        {"snapshot cut the link header", DLT_LINUX_SLL, PcapBytes(10, 0), K::Truncated, 40},
+       {"snapshot cut the IP header", DLT_RAW, PcapBytes(ip.begin(), ip.begin() + 19), K::Truncated,
+        ip.size() - 19},
    };
    for (Case const& c : cases)
    {
