@@ -221,6 +221,11 @@ TEST(ToolOptions, BadOptionsAreRefusedWithUsageStatus)
        {{theSend, "--dest", "10.77.0.255/33"}, "bad prefix length 33"},
        {{theSend, "--dest", "10.77.0.255/0"}, "bad prefix length 0"},
        {{theSend, "--dest", "10.77.0.255/255.0.255.0"}, "bad netmask 255.0.255.0"},
+       {{theRecord, "--output=x.pcap", "--group", "127.0.0.1/0.0.0.0"}, "bad netmask 0.0.0.0"},
+       {{theSend, "--version", "5"}, "bad value for --version: 5"},
+       {{theSend, "--align", "3"}, "bad value for --align: 3"},
+       {{theReplay, "x.pcap", "--align", "3"}, "bad value for --align: 3"},
+       {{theReplay, "x.pcap", "--speed", "nan"}, "bad value for --speed: nan"},
        {{theSend, "--dest", "somehost/24"}, "a netmask or prefix needs a numeric address"},
        {{theSend, "--dest", "127.0.0.1:4000"}, "give the port with --port"},
        {{theSend, "--dest", "10.0.0.300"}, "bad destination 10.0.0.300: not an IPv4 address"},
@@ -233,6 +238,7 @@ TEST(ToolOptions, BadOptionsAreRefusedWithUsageStatus)
        {{theReplay, "-", "--loop", "2"}, "standard input can be read once only"},
        {{theReplay, "/nonexistent/a.pcap"}, "cannot read /nonexistent/a.pcap: "},
        {{OLFILE_SEND_PATH, "127.0.0.1:99999", "x"}, "bad target"},
+       {{OLFILE_SEND_PATH, ":4000", "x"}, "bad target :4000"},
        {{OLFILE_RECV_PATH, "--range", "9-3"}, "bad value for --range"},
        {{OLSHM_DEMO_PATH, "stray"}, "unexpected argument stray"},
        {{OLSHM_SOAK_PATH, "stray"}, "unexpected argument stray"},
@@ -263,17 +269,17 @@ TEST(ToolMonitor, DatagramsAndPdusAreCountedApart)
    bundle.insert(bundle.end(), second.begin(), second.end());
    Socket sender("127.0.0.1");
    for (Bytes const& d :
-        {Bytes(), Bytes(), Bytes(5, 1), Bytes(12, 0), lengthBeyond, olt::disPdu(1, 20, 2), bundle,
-         olt::disPdu(1, 30), olt::disPdu(1, 40), olt::disPdu(1, 50)})
+        {Bytes(), Bytes(), Bytes(5, 1), Bytes(12, 0), lengthBeyond, olt::disPdu(1, 20, 2),
+         olt::disPdu(1, 12, 2), bundle, olt::disPdu(1, 30), olt::disPdu(1, 40), olt::disPdu(1, 50)})
       sender.sendTo(d, port);
    ASSERT_EQ(monitor.finish(), 0) << monitor.err();
    std::string const out = monitor.out();
-   EXPECT_EQ(total(out, " datagrams,"), 10) << out;
-   EXPECT_EQ(total(out, " bytes;"), 0 + 5 + 12 + 16 + 20 + 32 + 30 + 40 + 50);
+   EXPECT_EQ(total(out, " datagrams,"), 11) << out;
+   EXPECT_EQ(total(out, " bytes;"), 0 + 5 + 12 + 16 + 20 + 12 + 32 + 30 + 40 + 50);
    EXPECT_EQ(total(out, " empty"), 2);
-   EXPECT_EQ(total(out, " too short"), 1);
+   EXPECT_EQ(total(out, " too short"), 1);  // a whole header of another exercise is filtered
    EXPECT_EQ(total(out, " malformed"), 2);
-   EXPECT_EQ(total(out, " filtered"), 2);
+   EXPECT_EQ(total(out, " filtered"), 3);
    EXPECT_EQ(total(out, " PDUs in"), 4);
    EXPECT_NE(out.find("PDUs by type:\n           4  EntityState (1)\nPDUs by exercise:\n"
                       "           4  1\nPDUs by sender:\n           4  127.0.0.1:" +
@@ -315,6 +321,30 @@ TEST(ToolMonitor, PerPduLinesAreNotHeldBackOnIpv6)
    monitor.signal(SIGINT);
    EXPECT_EQ(monitor.finish(), 0);
    EXPECT_EQ(total(monitor.out(), " PDUs in"), 1) << monitor.out();
+}
+
+// CSV comes under its header, JSON as one object a line, each with the time and sender first.
+TEST(ToolMonitor, CsvAndJsonFormsOfAPdu)
+{
+   for (char const* form : {"csv", "json"})
+   {
+      SCOPED_TRACE(form);
+      bool const csv = form[0] == 'c';
+      std::string const port = Socket("127.0.0.1").port();
+      Tool monitor({theMonitor, "--port", port, "--count=1", "--format", form});
+      ASSERT_TRUE(monitor.waitFor("listening on")) << monitor.err();
+      Socket sender("127.0.0.1");
+      sender.sendTo(olt::disPdu(20, 12, 1, 6), port);
+      ASSERT_EQ(monitor.finish(), 0) << monitor.err();
+      std::string const out = monitor.out(), from = "127.0.0.1:" + sender.port();
+      char const* const head =
+          csv ? "time,sender,version,exercise,kind,length,type," : "{\"time\":";
+      EXPECT_EQ(out.rfind(head, 0), 0u) << out;
+      EXPECT_NE(out.find(csv ? "," + from + ",6,1,20,12,Data,"
+                             : "\",\"sender\":\"" + from + "\",\"version\":6,\"exercise\":1,"),
+                std::string::npos)
+          << out;
+   }
 }
 
 // The library's warning about a coupled Attribute PDU it could not join stays off
@@ -578,7 +608,7 @@ TEST(ToolReplay, HandWrittenCaptureIsSentAndEachSkipCounted)
        .add(Bytes(whole.begin(), whole.begin() + 60), 1000, 0, std::uint32_t(whole.size()));
    Socket receiver("127.0.0.1");
    Result const r =
-       replay(dir, receiver, capture.bytes(), {"--exercise", "7", "--udp-port", "3000"});
+       replay(dir, receiver, capture.bytes(), {"--exercise", "0", "--udp-port", "3000"});
    EXPECT_EQ(r.status, 1) << "damaged packets: " << r.err;
    EXPECT_EQ(r.out.rfind("replayed 2 datagrams (3 PDUs, 304 bytes) as 2 datagrams", 0), 0u)
        << r.out;
@@ -588,11 +618,11 @@ TEST(ToolReplay, HandWrittenCaptureIsSentAndEachSkipCounted)
        << r.out;
    EXPECT_NE(r.err.find("IPv6 packets are not replayed"), std::string::npos) << r.err;
    Bytes d, expected = es;
-   expected[1] = 7;
+   expected[1] = 0;
    ASSERT_TRUE(receiver.receive(d));
    EXPECT_EQ(d, expected);
    expected = bundle;
-   expected[1] = expected[64 + 1] = 7;
+   expected[1] = expected[64 + 1] = 0;
    ASSERT_TRUE(receiver.receive(d));
    EXPECT_EQ(d, expected);
 }
@@ -612,6 +642,15 @@ TEST(ToolReplay, CutFilesEmptyLoopsAndVersion6Bundles)
    EXPECT_NE(r.err.find(": read error after 2 packets: "), std::string::npos) << r.err;
    Bytes d;
    for (int i = 0; i < 2; ++i)
+      EXPECT_TRUE(receiver.receive(d) && d == es);
+   // A record the capture cut short is damage too, though the rest was sent.
+   Bytes const ip = olt::ipv4(es);
+   good.add(Bytes(ip.begin(), ip.begin() + 40), 1000, 0, std::uint32_t(ip.size()));
+   r = replay(dir, receiver, good.bytes());
+   EXPECT_EQ(r.status, 1);
+   EXPECT_NE(r.out.find("replayed 3 datagrams (3 PDUs, 432 bytes)"), std::string::npos) << r.out;
+   EXPECT_NE(r.out.find(", 1 truncated,"), std::string::npos) << r.out;
+   for (int i = 0; i < 3; ++i)
       EXPECT_TRUE(receiver.receive(d) && d == es);
 
    olt::PcapFile empty(olt::theLinkEthernet);
@@ -742,6 +781,28 @@ TEST(FileTools, SendAndReceiveAFileOnAChosenPort)
    EXPECT_EQ(receiver.finish(), 0) << receiver.err();
    EXPECT_EQ(receiver.out(), in.file("payload.bin") + "\n");
    EXPECT_TRUE(readFile(in.file("payload.bin")) == bytes);
+}
+
+// A short soak in both modes: blocking loses nothing; with a slow reader every
+// message written is either read or counted lost.
+TEST(ShmTools, SoakAccountsForEveryMessage)
+{
+   Result const r = run({OLSHM_SOAK_PATH, "--messages", "20000", "--queue-size", "1024"});
+   EXPECT_EQ(r.status, 0) << r.err;
+   EXPECT_NE(r.out.find("blocking: written 20000, read 20000, lost 0 (droppedOld 0, droppedNew 0)"),
+             std::string::npos)
+       << r.out;
+   long written = 0, read = 0, lost = 0, droppedOld = 0;
+   std::string::size_type const at = r.out.find("drop-oldest: written");
+   ASSERT_NE(at, std::string::npos) << r.out;
+   ASSERT_EQ(std::sscanf(r.out.c_str() + at,
+                         "drop-oldest: written %ld, read %ld, lost %ld (droppedOld %ld", &written,
+                         &read, &lost, &droppedOld),
+             4);
+   EXPECT_EQ(written, 20000);
+   EXPECT_EQ(read + lost, written);
+   EXPECT_GE(droppedOld, lost);
+   EXPECT_EQ(r.out.find("CHECK FAILED"), std::string::npos) << r.out;
 }
 
 }  // namespace
