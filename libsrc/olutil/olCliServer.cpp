@@ -566,8 +566,9 @@ void DtCsWarningMsg::print()
 {
    DtClientServerMsg::print();
    // The text may fill its field with no terminator: print no more than the field.
-   DtWarn("    Server warning %d: %.*s\n", msg.warning.warningCode,
-          static_cast<int>(strnlen(msg.warning.warningText, DtCsMsgTextSize)), msg.warning.warningText);
+   char text[DtCsMsgTextSize + 1] = {};
+   std::memcpy(text, msg.warning.warningText, DtCsMsgTextSize);
+   DtWarn("    Server warning %d: %s\n", msg.warning.warningCode, text);
 }
 
 DtCsNoticeMsg::DtCsNoticeMsg(DtShmMsgQueueWriter* writer, unsigned short notice)

@@ -61,6 +61,19 @@ public:
       return add(text);
    }
 
+   // `format` with its one "%d" replaced by `value`: printf's result, without printf,
+   // which a signal handler may not call.
+   FixedText& addFormatted(char const* format, long value)
+   {
+      char const* const mark = std::strstr(format, "%d");
+      if (!mark)
+         return add(format);
+      for (char const* c = format; c < mark && myLength + 1 < mySize; ++c)
+         myBuffer[myLength++] = *c;
+      terminate();
+      return addNumber(value).add(mark + 2);
+   }
+
    // "%#tx": lower-case hexadecimal after "0x", and "0" alone for zero.
    FixedText& addHex(std::uintptr_t value)
    {

@@ -19,6 +19,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 std::map<std::string, unsigned long> DtMiniDumper::myAddressSpace;
 std::string DtMiniDumper::myApplicationName;
@@ -104,7 +106,7 @@ void writeRawStack(int signal, void* const* frames, int count)
 {
    char header[64];
    olcrash::FixedText text(header, sizeof header);
-   text.add("Error: signal ").addNumber(signal).add(": Stacktrace:\n");
+   text.addFormatted("Error: signal %d: Stacktrace:\n", signal);
    olcrash::writeText(STDERR_FILENO, text);
 
    int const fd = open(theCrashPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -226,11 +228,11 @@ void DtMiniDumper::objFileAndNameFromStack(char* line, std::string& object, std:
 
 std::string DtMiniDumper::lookupFileInfo(std::string const& object, void* address)
 {
-   char where[32];
-   std::snprintf(where, sizeof where, "%p", address);
-   std::string const command =
-       std::string("addr2line ") + where + " -e " + shellQuoted(object) + " 2> /dev/null";
-   FILE* const pipe = popen(command.c_str(), "r");
+   std::string const quoted = shellQuoted(object);
+   std::vector<char> command(quoted.size() + 64);
+   std::snprintf(command.data(), command.size(), "addr2line %p -e %s 2> /dev/null", address,
+                 quoted.c_str());
+   FILE* const pipe = popen(command.data(), "r");
    if (!pipe)
       return std::string();
    char line[256];
