@@ -183,6 +183,14 @@ TEST(SocketManager, UdpPeersAreServedByTheServerSocket)
    DtInetEndpoint udpPeer(DtInetAddr("127.0.0.1"), 9, DtInetProtocolUdp);
    EXPECT_EQ(udp.addConnection(udpPeer, 0, nullptr, true, false), udp.serverSocket());
    EXPECT_EQ(udp.peerSocket(udpPeer), udp.serverSocket());
+   // Removing one peer leaves the others the server serves, whichever way it is named.
+   DtInetEndpoint other(DtInetAddr("127.0.0.1"), 10, DtInetProtocolUdp),
+       third(DtInetAddr("127.0.0.1"), 11, DtInetProtocolUdp);
+   udp.addConnection(other, 0, nullptr, true, false);
+   udp.addConnection(third, 0, nullptr, true, false);
+   EXPECT_TRUE(udp.removeConnection(other));
+   EXPECT_TRUE(udp.removeConnection(udp.serverSocket()));
+   EXPECT_EQ(1u, udp.socketList().size());
    EXPECT_EQ(udp.addConnection(tcpEndpoint("127.0.0.1", 9), 0, nullptr, true, true), nullptr);
    EXPECT_EQ(udp.getLastError(), -7);
    EXPECT_STREQ(udp.getLastErrorString().c_str(),

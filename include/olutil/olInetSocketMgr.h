@@ -122,9 +122,9 @@ protected:
    // Removes the sockets found dead during one walk, each once, with its removal
    // callbacks.
    void dropDead(std::vector<DtInetSocket*> const& dead);
-   // Takes `socket` out of the map (and out of the read cursor) and runs the removal
-   // callbacks when it was there.
-   bool removeAndReport(DtInetSocket const* socket);
+   // After one entry of `socket` was removed: takes it out of the other entries (the
+   // UDP server excepted) and the read cursor, and runs the removal callbacks.
+   bool report(DtInetSocket* socket);
    template <class Send>
    int sendToAll(std::vector<DtInetEndpoint*>& destinations, int expected, Send const& send);
    template <class Read>

@@ -313,31 +313,32 @@ bool DtInetSocketMgr::removeByItem(DtInetSocket const* socket, DtInetSocketMap& 
    return false;
 }
 
-bool DtInetSocketMgr::removeAndReport(DtInetSocket const* socket)
+bool DtInetSocketMgr::report(DtInetSocket* socket)
 {
-   if (!removeByItem(socket, myConnections))
-      return false;
-   // The removal callbacks may delete the socket: no entry may still point at it.
-   while (removeByItem(socket, myConnections))
+   // The removal callbacks may delete the socket: no entry may still point at it. The
+   // UDP server is the manager's own and serves every peer filed under it, so only
+   // the one entry goes.
+   if (socket != myUdpServer)
    {
+      while (removeByItem(socket, myConnections))
+      {
+      }
    }
    if (myReadCursor.second == socket)
       myReadCursor.second = nullptr;
-   runCallbacks(myRemovalCallbacks, const_cast<DtInetSocket*>(socket));
+   runCallbacks(myRemovalCallbacks, socket);
    return true;
 }
 
 bool DtInetSocketMgr::removeConnection(DtInetEndpoint const& endpoint)
 {
-   // The first socket under that key; one removal takes it out of every entry and
-   // reports it once.
-   auto const found = myConnections.find(endpoint);
-   return found != myConnections.end() && removeAndReport(found->second);
+   DtInetSocket* const socket = removeByKey(endpoint, myConnections);
+   return socket && report(socket);
 }
 
 bool DtInetSocketMgr::removeConnection(DtInetSocket const* socket)
 {
-   return removeAndReport(socket);
+   return removeByItem(socket, myConnections) && report(const_cast<DtInetSocket*>(socket));
 }
 
 void DtInetSocketMgr::dropDead(std::vector<DtInetSocket*> const& dead)
@@ -347,7 +348,7 @@ void DtInetSocketMgr::dropDead(std::vector<DtInetSocket*> const& dead)
       // The same socket may have fallen short under two keys: it is reported once.
       if (std::find(dead.begin(), dead.begin() + static_cast<long>(i), dead[i]) ==
           dead.begin() + static_cast<long>(i))
-         removeAndReport(dead[i]);
+         DtInetSocketMgr::removeConnection(dead[i]);
    }
 }
 
