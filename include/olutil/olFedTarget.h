@@ -287,7 +287,7 @@ enum DtMergeFomStatus_enum : int
 // base class never produces give "unknown status".
 char const* DtMergeFomStatusText(int status);
 
-// Tests every record of `source` against the record of the same name in `table`;
+// Tests `record` against the record of the same name in `table`;
 // a record whose name the table lacks passes.
 template <typename T>
 bool consistencyTest(DtFomTable<T> const& table, T const& record, bool strict);

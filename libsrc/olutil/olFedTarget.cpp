@@ -40,6 +40,22 @@ void printLines(DtOutputStream& stream, char const* prefix, DtString const& text
 
 char const* const theIgnoredPrefix = "Merge Error ignored: ";
 
+// The end of a merge step that found conflicts, described in `text`: lenient checking
+// forgives them with a warning, strict checking keeps the status and tells it verbosely.
+DtMergeFomStatus_enum settleConflicts(DtMergeFomStatus_enum status, DtString const& text,
+                                      bool strict)
+{
+   if (status == DtMergeFomSuccess)
+      return status;
+   if (!strict)
+   {
+      printLines(DtWarn, theIgnoredPrefix, text);
+      return DtMergeFomSuccess;
+   }
+   printLines(DtVerbose, "", text);
+   return status;
+}
+
 // Takes ownership of `record` for a table ordered by name. A record that the table
 // already holds is recognised by its name and pointer and left alone, so that it is
 // never owned twice; another record of the same name is deleted. This is the one place
@@ -389,16 +405,7 @@ DtMergeFomStatus_enum mergeComponent(DtFomTable<T> const& source, DtFomTable<T>&
          status = errorCode;
       }
    }
-   if (status != DtMergeFomSuccess)
-   {
-      if (!strict)
-      {
-         printLines(DtWarn, theIgnoredPrefix, lastError);
-         status = DtMergeFomSuccess;
-      }
-      else
-         printLines(DtVerbose, "", lastError);
-   }
+   status = settleConflicts(status, lastError, strict);
    // A forgiven conflict goes on to the union: the other's new names come in, and
    // where both hold a name the record already here stays. Under strict checking a
    // conflict leaves the table untouched.
@@ -729,8 +736,7 @@ bool DtFedTarget::knownTransportType(DtTransportationType const& record) const
 
 bool DtFedTarget::transportTypeConsistencyTest(DtTransportationType const& record) const
 {
-   auto const found = transportTypes.find(record);
-   return found == transportTypes.end() || (*found)->reliable == record.reliable;
+   return consistencyTest(transportTypes, record, false);
 }
 
 std::shared_ptr<DtTransportationType> DtFedTarget::transportTypeFromTransportation(
@@ -766,14 +772,7 @@ DtMergeFomStatus_enum DtFedTarget::mergeTransportTypes(DtFedTarget const& other)
    }
    if (status == DtMergeFomSuccess)
       uniteTables(transportTypes, other.transportTypes);
-   else if (!isStrictChecking())
-   {
-      printLines(DtWarn, theIgnoredPrefix, lastError_);
-      status = DtMergeFomSuccess;
-   }
-   else
-      printLines(DtVerbose, "", lastError_);
-   return status;
+   return settleConflicts(status, lastError_, isStrictChecking());
 }
 
 std::size_t DtFedTarget::numUserSuppliedTags() const
@@ -921,17 +920,7 @@ DtMergeFomStatus_enum DtFedTarget::mergeSwitches(DtFedTarget const& other, bool 
          status = DtMergeFomSwitchConflict;
       }
    }
-   if (status != DtMergeFomSuccess)
-   {
-      if (!isStrictChecking())
-      {
-         printLines(DtWarn, theIgnoredPrefix, lastError_);
-         status = DtMergeFomSuccess;
-      }
-      else
-         printLines(DtVerbose, "", lastError_);
-   }
-   return status;
+   return settleConflicts(status, lastError_, isStrictChecking());
 }
 
 // ---------------------------------------------------------------- time types
