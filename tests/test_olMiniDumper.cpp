@@ -139,6 +139,27 @@ TEST_F(MiniDumperTest, NoToolsNoNameOrNoLogDirectoryStillReportAndEnd)
    EXPECT_NE(std::string::npos, fileText(stderrPath).find("Error: signal 8: Stacktrace:"));
 }
 
+// Loading the library prepares the crash file's name but makes no folder: this
+// program, run again with a fresh home and no test, leaves the home empty.
+TEST_F(MiniDumperTest, LoadingTheLibraryCreatesNoFolder)
+{
+   std::string const home = directory + "/home";
+   std::filesystem::create_directories(home);
+   int const status = inChild(
+       [&]
+       {
+          for (char const* name : {"QOR_LOG_DIR", "QOR_INSTALL_DIR", "QOR_BASE_DIR"})
+             unsetenv(name);
+          setenv("HOME", home.c_str(), 1);
+          int const quiet = open("/dev/null", O_WRONLY);
+          dup2(quiet, STDOUT_FILENO);
+          execl("/proc/self/exe", "test", "--gtest_filter=-*", static_cast<char*>(nullptr));
+          _exit(96);
+       });
+   EXPECT_TRUE(exitedWith(status, 0)) << status;
+   EXPECT_TRUE(std::filesystem::is_empty(home));
+}
+
 TEST_F(MiniDumperTest, ASecondFaultWhileTheHandlerRunsEndsTheProcessAtOnce)
 {
 #if defined(__SANITIZE_THREAD__)

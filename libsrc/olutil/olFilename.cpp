@@ -1,6 +1,8 @@
 // File names and directories.
 #include <olutil/olFilename.h>
 
+#include "olLogDirectory.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -397,7 +399,7 @@ DtFilename DtGetQorUserConfigurationDirectory()
    return directory;
 }
 
-DtFilename DtGetQorLogDirectory()
+DtFilename olfilename::qorLogDirectoryPath()
 {
    DtFilename directory;
    if (char const* logDir = environmentValue("QOR_LOG_DIR"))
@@ -432,6 +434,12 @@ DtFilename DtGetQorLogDirectory()
       }
       directory.append("QOR/logs");
    }
+   return directory;
+}
+
+DtFilename DtGetQorLogDirectory()
+{
+   DtFilename directory = olfilename::qorLogDirectoryPath();
    if (!directory.exists())
    {
       DtMakeDirectory(directory);

@@ -6,6 +6,7 @@
 #include <olutil/olMiniDumper.h>
 
 #include "olCrashSupport.h"
+#include "olLogDirectory.h"
 
 #include <olutil/olFilename.h>
 
@@ -37,19 +38,29 @@ constexpr unsigned int theWatchdogSeconds = 30;
 // and by setApplicationName.
 char theCrashPath[4096];
 
-void rememberCrashPath()
+void rememberCrashPath(std::string const& name)
 {
    olcrash::FixedText path(theCrashPath, sizeof theCrashPath);
-   path.add(DtMiniDumper::callStackFileName().c_str());
+   path.add(name.c_str());
+}
+
+std::string crashFileName(DtFilename const& directory, std::string application)
+{
+   if (application.empty() && program_invocation_short_name)
+      application = program_invocation_short_name;
+   return std::string(DtFilename::combine(directory, DtFilename(application.c_str())).c_str()) +
+          ".callstack.log";
 }
 
 // The name and the unwinder are ready before any crash: a handler that loaded
-// the unwinder itself would call the dynamic loader, which may allocate.
+// the unwinder itself would call the dynamic loader, which may allocate. Loading
+// the library creates no folder: until setApplicationName, a crash with the log
+// folder missing loses only the first stage's raw copy.
 struct PreparedAtLoad
 {
    PreparedAtLoad()
    {
-      rememberCrashPath();
+      rememberCrashPath(crashFileName(olfilename::qorLogDirectoryPath(), std::string()));
       void* warmUp[1];
       backtrace(warmUp, 1);
    }
@@ -249,15 +260,10 @@ std::string DtMiniDumper::lookupFileInfo(std::string const& object, void* addres
 void DtMiniDumper::setApplicationName(std::string const& name)
 {
    myApplicationName = name;
-   rememberCrashPath();
+   rememberCrashPath(callStackFileName());
 }
 
 std::string DtMiniDumper::callStackFileName()
 {
-   std::string application = myApplicationName;
-   if (application.empty() && program_invocation_short_name)
-      application = program_invocation_short_name;
-   DtFilename const combined =
-       DtFilename::combine(DtGetQorLogDirectory(), DtFilename(application.c_str()));
-   return std::string(combined.c_str()) + ".callstack.log";
+   return crashFileName(DtGetQorLogDirectory(), myApplicationName);
 }
