@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
-#include <thread>
 
 #include <olutil/olFilename.h>
 #include <olutil/olInetFileTransport.h>

@@ -1,6 +1,5 @@
 // olfile-send: sends files to an olfile-recv (or any DtInetFileTransporter) over TCP,
 // one connection per file, with progress on standard error for large files.
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>

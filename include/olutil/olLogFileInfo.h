@@ -84,7 +84,7 @@ private:
 };
 
 /// The handler of setupErrorHandling: writes "Error: signal N DESCRIPTION",
-/// "Backtrace:" and up to 100 frames, one a line as backtrace_symbols_fd gives
+/// "Backtrace:" and up to 100 frames, one a line as backtrace_symbols gives
 /// them, to getCallStackFileName(), then ends the process with status 1. It
 /// does only async-signal-safe work, and a second fault while it runs ends the
 /// process at once with status 1.

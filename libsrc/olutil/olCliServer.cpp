@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <vector>
 
 #include <olutil/olPrint.h>
 #include <olutil/olShmWriter.h>
@@ -91,11 +90,11 @@ void DtBaseMsg::insertBytes(int offset, int count)
 {
    if (count <= 0 || offset < 0 || offset > bufferLength)
       return;
-   std::vector<char> const saved(netRepBuffer + offset, netRepBuffer + bufferLength);
+   int const tail = bufferLength - offset;
    changeBufferSize(bufferLength + count);
+   if (tail > 0)
+      std::memmove(netRepBuffer + offset + count, netRepBuffer + offset, tail);
    std::memset(netRepBuffer + offset, 0, count);
-   if (!saved.empty())
-      std::memcpy(netRepBuffer + offset + count, saved.data(), saved.size());
    messageSize += count;
    messageSizeChanged(messageSize);
 }
@@ -111,10 +110,9 @@ void DtBaseMsg::deleteBytes(int offset, int count)
 {
    if (count <= 0 || offset < 0 || offset > bufferLength - count)
       return;
-   std::vector<char> const saved(netRepBuffer + offset + count, netRepBuffer + bufferLength);
+   std::memmove(netRepBuffer + offset, netRepBuffer + offset + count,
+                bufferLength - offset - count);
    changeBufferSize(bufferLength - count);
-   if (!saved.empty())
-      std::memcpy(netRepBuffer + offset, saved.data(), saved.size());
    messageSize -= count;
    messageSizeChanged(messageSize);
 }

@@ -409,22 +409,16 @@ bool DtDisSocket::addDestination(DtInetEndpoint const& endpoint)
 bool DtDisSocket::removeDestination(DtInetEndpoint const& endpoint)
 {
    DtScopedLock lock(mySocketMutex, *myLockNeeded);
-   auto const found =
+   auto found =
        std::find(myAdditionalDestinations.begin(), myAdditionalDestinations.end(), endpoint);
    if (found == myAdditionalDestinations.end())
       return false;
-   // Erasing from the vector would assign each later destination onto the one before
-   // it, and an endpoint's assignment leaves the target's failed-lookup mark where it
-   // was: a good destination would turn bad and a bad one good. The rest are copied
-   // whole into a new vector instead.
-   std::vector<DtInetEndpoint> kept;
-   kept.reserve(myAdditionalDestinations.size() - 1);
-   for (auto it = myAdditionalDestinations.begin(); it != myAdditionalDestinations.end(); ++it)
-   {
-      if (it != found)
-         kept.emplace_back(*it);
-   }
-   myAdditionalDestinations.swap(kept);
+   // Erasing would shift the later destinations down by plain assignment, which leaves
+   // the target's failed-lookup mark where it was: a good destination would turn bad
+   // and a bad one good. They are shifted whole instead.
+   for (auto next = found + 1; next != myAdditionalDestinations.end(); ++found, ++next)
+      found->assignWhole(*next);
+   myAdditionalDestinations.pop_back();
    return true;
 }
 

@@ -522,8 +522,12 @@ bool DtInetFileTransporter::sendFile(DtFilename const& file, DtInetAddr const& p
 {
    std::ifstream in(file.c_str(), std::ios::binary);
    long const length = file.fileLength();
-   // The packet header carries 32-bit sizes and the buffer is sized by an int.
-   if (!in.good() || length < 0 || length > INT_MAX - 1)
+   std::string const name = DtFilename::stripPath(file).c_str();
+   std::size_t const maxPacket = static_cast<std::size_t>(DtInetUtils::getMaxPacketBufferSize());
+   // The packet header carries 32-bit sizes and the buffer is sized by an int; the
+   // name goes whole into the first packet.
+   if (!in.good() || length < 0 || length > INT_MAX - 1 ||
+       name.size() + 1 + DtInetFilePacketAssembler::theFirstHeaderSize >= maxPacket)
    {
       DtWarn << "Ostrel(DtInetFileTransporter): error opening file " << file.c_str() << std::endl;
       return false;
@@ -555,13 +559,6 @@ bool DtInetFileTransporter::sendFile(DtFilename const& file, DtInetAddr const& p
    // stream that lets the sender run megabytes ahead, and the receiver's copy then
    // finds the bytes out of cache: on loopback that halved the throughput.
    socket.setSendBufferSize(theSendBufferSize);
-   std::string const name = DtFilename::stripPath(file).c_str();
-   std::size_t const maxPacket = static_cast<std::size_t>(DtInetUtils::getMaxPacketBufferSize());
-   if (name.size() + 1 + DtInetFilePacketAssembler::theFirstHeaderSize >= maxPacket)
-   {
-      DtWarn << "Ostrel(DtInetFileTransporter): error opening file " << file.c_str() << std::endl;
-      return false;
-   }
    std::vector<char> packet(maxPacket);
    std::uint32_t const identifier = static_cast<std::uint32_t>(nextFileIdentifier());
    std::size_t const total = static_cast<std::size_t>(transferBytes);

@@ -84,7 +84,6 @@ DtShmMsgQueueWriter::Space DtShmMsgQueueWriter::findSpace(int start, int needed,
    DtShmMsgQueueManager& m = queueManager;
    bool const dropOldest = m.isDropOldest();
    Space space;
-   bool overwrites = false;
    int offset = start;
    while (offset < limit)
    {
@@ -106,7 +105,6 @@ DtShmMsgQueueWriter::Space DtShmMsgQueueWriter::findSpace(int start, int needed,
       space.found += static_cast<int>(next - offset);
       if (free == 0)
       {
-         overwrites = true;
          space.sawInUse = true;
          // Counted for each in-use element seen, also when the search is repeated.
          ++droppedOld;
@@ -116,7 +114,7 @@ DtShmMsgQueueWriter::Space DtShmMsgQueueWriter::findSpace(int start, int needed,
       offset = static_cast<int>(next);
    }
    if (space.found >= needed)
-      space.status = overwrites ? 3 : 0;
+      space.status = space.sawInUse ? 3 : 0;
    else
       space.status = offset >= limit ? 2 : 1;
    return space;
