@@ -87,10 +87,12 @@ void DtInetTcpSockPimpl::handleReceiveFrom(boost::system::error_code const& erro
 
 int DtInetTcpSockPimpl::asyncSend(std::vector<char>* buffer, boost::system::error_code& error)
 {
-   auto pending = std::make_shared<PendingSend>();
-   pending->buffer.reset(buffer);
+   // Owned by the posted handler, so that a post that never runs (context stopped and
+   // destroyed) frees it.
+   std::unique_ptr<std::vector<char>> owned(buffer);
    return postSend(static_cast<int>(buffer->size()), myStoredError, hasStoredError(),
-                   myOutstandingSends, error, [this, pending]() { addToSendQueue(pending); });
+                   myOutstandingSends, error,
+                   [this, owned = std::move(owned)]() mutable { addToSendQueue(owned.release()); });
 }
 
 int DtInetTcpSockPimpl::asyncSendChain(DtInetSockChain const& chain,
@@ -106,9 +108,9 @@ int DtInetTcpSockPimpl::asyncSendChain(DtInetSockChain const& chain,
    return asyncSend(bytes, error);
 }
 
-void DtInetTcpSockPimpl::addToSendQueue(std::shared_ptr<PendingSend> const& pending)
+void DtInetTcpSockPimpl::addToSendQueue(std::vector<char>* buffer)
 {
-   Entry const entry(nullptr, pending->buffer.release());
+   Entry const entry(nullptr, buffer);
    // After a failure nothing more leaves; what is queued waits for stop().
    if (pushSend(mySendQueue, entry) && !mySendHalted.load())
       startSend(entry);
@@ -117,9 +119,9 @@ void DtInetTcpSockPimpl::addToSendQueue(std::shared_ptr<PendingSend> const& pend
 void DtInetTcpSockPimpl::startSend(Entry const& entry)
 {
    // A stream write may be short; async_write goes on until every byte is out.
-   boost::asio::async_write(
-       *mySocket, boost::asio::buffer(*entry.second),
-       [this](boost::system::error_code const& error, std::size_t) { handleSendComplete(error); });
+   boost::asio::async_write(*mySocket, boost::asio::buffer(*entry.second),
+                            [this](boost::system::error_code const& error, std::size_t)
+                            { handleSendComplete(error); });
 }
 
 void DtInetTcpSockPimpl::handleSendComplete(boost::system::error_code const& error)

@@ -67,14 +67,9 @@ public:
    int getFromReceiveQueue(DtInetSockChain& chain, boost::system::error_code& error);
 
 private:
-   struct PendingSend
-   {
-      std::unique_ptr<std::vector<char>> buffer;
-   };
-
    void startReceive();
    void handleReceiveFrom(boost::system::error_code const& error, std::size_t bytes);
-   void addToSendQueue(std::shared_ptr<PendingSend> const& pending);
+   void addToSendQueue(std::vector<char>* buffer);
    void startSend(Entry const& entry);
    void handleSendComplete(boost::system::error_code const& error);
    bool hasStoredError() const { return myHasStoredError.load(std::memory_order_acquire); }

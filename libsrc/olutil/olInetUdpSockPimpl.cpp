@@ -150,18 +150,20 @@ int DtInetUdpSockPimpl::asyncSendChainTo(DtInetSockChain const& chain, Endpoint*
 int DtInetUdpSockPimpl::queueSend(std::vector<char>* buffer, Endpoint* endpoint,
                                   boost::system::error_code& error)
 {
-   auto pending = std::make_shared<PendingSend>();
-   pending->buffer.reset(buffer);
-   pending->endpoint.reset(endpoint);
-   // Before opening or after closing no I/O thread would ever send it: that fails
-   // rather than report a datagram as sent that never leaves.
+   // Owned by the posted handler, so that a post that never runs (context stopped and
+   // destroyed) frees them. Before opening or after closing no I/O thread would ever
+   // send the datagram: that fails rather than report one as sent that never leaves.
+   std::unique_ptr<std::vector<char>> ownedBuffer(buffer);
+   std::unique_ptr<Endpoint> ownedEndpoint(endpoint);
    return postSend(static_cast<int>(buffer->size()), myStoredError, hasStoredError(),
-                   myOutstandingSends, error, [this, pending]() { addToSendQueue(pending); });
+                   myOutstandingSends, error,
+                   [this, b = std::move(ownedBuffer), e = std::move(ownedEndpoint)]() mutable
+                   { addToSendQueue(e.release(), b.release()); });
 }
 
-void DtInetUdpSockPimpl::addToSendQueue(std::shared_ptr<PendingSend> const& pending)
+void DtInetUdpSockPimpl::addToSendQueue(Endpoint* endpoint, std::vector<char>* buffer)
 {
-   Entry const entry(pending->endpoint.release(), pending->buffer.release());
+   Entry const entry(endpoint, buffer);
    // After a failure nothing more leaves; what is queued waits for stop().
    if (pushSend(mySendQueue, entry) && !mySendHalted.load())
       startSend(entry);
@@ -232,7 +234,8 @@ int DtInetUdpSockPimpl::takeReceived(Endpoint& sender, boost::system::error_code
 int DtInetUdpSockPimpl::getFromReceiveQueue(char* buffer, unsigned long length, Endpoint& sender,
                                             boost::system::error_code& error, double& time)
 {
-   return takeReceived(sender, error, time, [buffer, length](std::vector<char> const& data)
+   return takeReceived(sender, error, time,
+                       [buffer, length](std::vector<char> const& data)
                        { return copyToBuffer(data, buffer, length); });
 }
 

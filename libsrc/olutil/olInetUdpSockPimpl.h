@@ -80,18 +80,10 @@ public:
 private:
    typedef boost::asio::executor_work_guard<boost::asio::io_context::executor_type> WorkGuard;
 
-   // Owns a datagram on its way from the application thread to the send queue, so that
-   // a post that never runs (context stopped and destroyed) frees it.
-   struct PendingSend
-   {
-      std::unique_ptr<std::vector<char>> buffer;
-      std::unique_ptr<Endpoint> endpoint;
-   };
-
    void startReceive();
    void handleReceiveFrom(boost::system::error_code const& error, std::size_t bytes);
    int queueSend(std::vector<char>* buffer, Endpoint* endpoint, boost::system::error_code& error);
-   void addToSendQueue(std::shared_ptr<PendingSend> const& pending);
+   void addToSendQueue(Endpoint* endpoint, std::vector<char>* buffer);
    void startSend(Entry const& entry);
    void handleSendComplete(boost::system::error_code const& error);
    // Pops the oldest received entry and its time in one step; false when none waits.
