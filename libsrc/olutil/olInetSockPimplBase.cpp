@@ -114,9 +114,10 @@ void DtInetSockPimplBase::keepReadFailure(boost::system::error_code const& error
 
 bool DtInetSockPimplBase::pushSend(DtThreadSafe<Queue>& queue, Entry const& entry)
 {
-   DtScopedLock lock(queue.mutex(), true);
-   bool const wasEmpty = queue->empty();
-   queue->push_back(entry);
+   // One lock period for the whole step.
+   auto locked = queue.operator->();
+   bool const wasEmpty = locked->empty();
+   locked->push_back(entry);
    return wasEmpty;
 }
 
@@ -124,14 +125,14 @@ DtInetSockPimplBase::Entry DtInetSockPimplBase::popSent(DtThreadSafe<Queue>& que
 {
    Entry done(nullptr, nullptr);
    next = Entry(nullptr, nullptr);
-   DtScopedLock lock(queue.mutex(), true);
-   if (!queue->empty())
+   auto locked = queue.operator->();
+   if (!locked->empty())
    {
-      done = queue->front();
-      queue->pop_front();
+      done = locked->front();
+      locked->pop_front();
    }
-   if (!queue->empty())
-      next = queue->front();
+   if (!locked->empty())
+      next = locked->front();
    return done;
 }
 

@@ -144,11 +144,11 @@ int DtInetTcpSockPimpl::takeReceived(boost::system::error_code& error, Copy cons
 {
    Entry entry(nullptr, nullptr);
    {
-      DtScopedLock lock(myReceiveQueue.mutex(), true);
-      if (!myReceiveQueue->empty())
+      auto queue = myReceiveQueue.operator->();
+      if (!queue->empty())
       {
-         entry = myReceiveQueue->front();
-         myReceiveQueue->pop_front();
+         entry = queue->front();
+         queue->pop_front();
       }
    }
    if (!entry.second)

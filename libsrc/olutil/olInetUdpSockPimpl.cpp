@@ -193,15 +193,17 @@ void DtInetUdpSockPimpl::handleSendComplete(boost::system::error_code const& err
 
 bool DtInetUdpSockPimpl::popReceived(Entry& entry, double& time)
 {
-   DtScopedLock lock(myReceiveQueue.mutex(), true);
-   if (myReceiveQueue->empty())
+   // The queue's lock is held across the times as well: see handleReceiveFrom.
+   auto queue = myReceiveQueue.operator->();
+   if (queue->empty())
       return false;
-   entry = myReceiveQueue->front();
-   myReceiveQueue->pop_front();
-   if (!myReceiveTimes->empty())
+   entry = queue->front();
+   queue->pop_front();
+   auto times = myReceiveTimes.operator->();
+   if (!times->empty())
    {
-      time = myReceiveTimes->front();
-      myReceiveTimes->pop_front();
+      time = times->front();
+      times->pop_front();
    }
    return true;
 }
